@@ -1,0 +1,13 @@
+// The result of an operation that can fail. The failing step has printed why.
+#ifndef QUILMRUN_APP_STATUS_H_
+#define QUILMRUN_APP_STATUS_H_
+
+namespace quilmrun {
+
+/// Also the process exit status.
+constexpr int kSuccess = 0;
+constexpr int kFailure = 1;
+
+}  // namespace quilmrun
+
+#endif  // QUILMRUN_APP_STATUS_H_

@@ -1,0 +1,44 @@
+#include "runtime/handles.h"
+
+#include <cstring>
+
+#include "app/log.h"
+#include "runtime/values.h"
+
+namespace quilmrun {
+
+DeviceMemory AllocateDeviceMemory(size_t size) {
+  void* memory = nullptr;
+  if (quilm_rt_malloc(&memory, size, kMemoryPolicy) != 0) {
+    return nullptr;
+  }
+  return DeviceMemory(memory);
+}
+
+DeviceMemory AllocateClearedDeviceMemory(size_t size) {
+  DeviceMemory memory = AllocateDeviceMemory(size);
+  if (memory != nullptr) {
+    std::memset(memory.get(), 0, size);
+  }
+  return memory;
+}
+
+DeviceMemory AllocateInputMemory(size_t size) {
+  DeviceMemory memory = AllocateClearedDeviceMemory(size);
+  if (memory == nullptr) {
+    LogError("malloc device buffer failed. size is %zu", size);
+  }
+  return memory;
+}
+
+void DatasetDeleter::operator()(quilm_mdl_dataset* dataset) const {
+  for (size_t i = 0; i < quilm_mdl_get_dataset_num_buffers(dataset); ++i) {
+    const DataBuffer buffer(quilm_mdl_get_dataset_buffer(dataset, i));
+    if (buffer != nullptr) {
+      DeviceMemory(quilm_get_data_buffer_addr(buffer.get())).reset();
+    }
+  }
+  quilm_mdl_destroy_dataset(dataset);
+}
+
+}  // namespace quilmrun

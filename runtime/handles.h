@@ -1,0 +1,62 @@
+// Owners of what the runtime hands out: device memory, data buffers, descriptions and datasets.
+//
+// Every handle has exactly one owner of a type below, whose destruction releases it, so that no
+// error path has to. Release calls stand elsewhere only where a message about their result, or
+// their place among other calls, is part of what the user sees.
+#ifndef QUILMRUN_RUNTIME_HANDLES_H_
+#define QUILMRUN_RUNTIME_HANDLES_H_
+
+#include <cstddef>
+#include <memory>
+
+#include "runtime/quilm.h"
+
+namespace quilmrun {
+
+struct DeviceMemoryDeleter {
+  void operator()(void* memory) const { quilm_rt_free(memory); }
+};
+
+/// A block of device memory, directly addressable by the host.
+using DeviceMemory = std::unique_ptr<void, DeviceMemoryDeleter>;
+
+/// Takes `size` bytes of device memory. The content is undefined. Empty when the runtime refuses.
+DeviceMemory AllocateDeviceMemory(size_t size);
+
+/// The same, with every byte 0.
+DeviceMemory AllocateClearedDeviceMemory(size_t size);
+
+/// The same again, and a refusal is reported with the size.
+DeviceMemory AllocateInputMemory(size_t size);
+
+struct DataBufferDeleter {
+  void operator()(quilm_data_buffer* buffer) const { quilm_destroy_data_buffer(buffer); }
+};
+
+/// A data buffer that is in no dataset yet; does not own the device memory it describes.
+using DataBuffer = std::unique_ptr<quilm_data_buffer, DataBufferDeleter>;
+
+struct DescriptionDeleter {
+  void operator()(quilm_mdl_desc* desc) const { quilm_mdl_destroy_desc(desc); }
+};
+
+/// A model description.
+using Description = std::unique_ptr<quilm_mdl_desc, DescriptionDeleter>;
+
+struct DatasetDeleter {
+  void operator()(quilm_mdl_dataset* dataset) const;
+};
+
+/// A dataset with everything in it: destruction frees the device memory of every entry, destroys
+/// its data buffer, and destroys the dataset last.
+using Dataset = std::unique_ptr<quilm_mdl_dataset, DatasetDeleter>;
+
+/// Ends this owner's ownership of a handle that now belongs to a dataset.
+template <typename Owner>
+void HandOverToDataset(Owner& owner) {
+  static_cast<void>(owner.release());
+}
+
+}  // namespace quilmrun
+
+#endif  // QUILMRUN_RUNTIME_HANDLES_H_
