@@ -1,0 +1,17 @@
+#include "profile/clock.h"
+
+#include <sys/time.h>
+
+namespace quilmrun {
+
+uint64_t GetTimeStampUs() {
+  timeval now{};
+  gettimeofday(&now, nullptr);
+  return static_cast<uint64_t>(now.tv_sec) * 1000000 + static_cast<uint64_t>(now.tv_usec);
+}
+
+double NowMs() {
+  return static_cast<double>(GetTimeStampUs()) / 1000.0;
+}
+
+}  // namespace quilmrun

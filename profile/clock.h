@@ -1,0 +1,18 @@
+// Wall-clock readings.
+#ifndef QUILMRUN_PROFILE_CLOCK_H_
+#define QUILMRUN_PROFILE_CLOCK_H_
+
+#include <cstdint>
+
+namespace quilmrun {
+
+/// Microseconds since the epoch.
+uint64_t GetTimeStampUs();
+
+/// Milliseconds since the epoch, with fractions down to the microsecond. Elapsed times are the
+/// difference of two readings.
+double NowMs();
+
+}  // namespace quilmrun
+
+#endif  // QUILMRUN_PROFILE_CLOCK_H_

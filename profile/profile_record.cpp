@@ -1,0 +1,7 @@
+#include "profile/profile_record.h"
+
+namespace quilmrun {
+
+ProfileRecord profileRecord;
+
+}  // namespace quilmrun
