@@ -1,0 +1,127 @@
+#include "input/utils.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <cstdlib>
+#include <limits>
+
+#include "app/log.h"
+#include "app/status.h"
+
+namespace quilmrun {
+namespace {
+
+constexpr int kMaxPathLength = 4096;
+// realpath() may write PATH_MAX bytes, terminator included, whatever the input's length.
+using PathBuffer = std::array<char, kMaxPathLength + 1>;
+
+std::string AbsoluteAsText(const std::string& path) {
+  PathBuffer directory{};
+  if (path[0] == '/' || getcwd(directory.data(), directory.size()) == nullptr) {
+    return path;
+  }
+  return std::string(directory.data()) + "/" + path;
+}
+
+// The size of a file with something in it.
+std::optional<uint32_t> NonEmptySize(const InputFile& file, const std::string& path) {
+  const std::optional<uint32_t> size = SupportedSize(file, path);
+  if (size == 0U) {
+    LogError("binfile is empty, filename is %s", path.c_str());
+    return std::nullopt;
+  }
+  return size;
+}
+
+}  // namespace
+
+int CheckFile(const std::string& path) {
+  struct stat status {};
+  if (stat(path.c_str(), &status) != 0) {
+    LogError("failed to get file %s", path.c_str());
+    return kFailure;
+  }
+  if (!S_ISREG(status.st_mode)) {
+    LogError("%s is not a file, please enter a file", path.c_str());
+    return kFailure;
+  }
+  return kSuccess;
+}
+
+void ReportOpenFailure(const std::string& path) {
+  LogError("open file %s failed", path.c_str());
+}
+
+std::optional<uint32_t> SupportedSize(const InputFile& file, const std::string& path) {
+  const std::optional<int64_t> size = file.Size();
+  if (!size.has_value()) {
+    LogError("can't get the size of file %s", path.c_str());
+    return std::nullopt;
+  }
+  if (*size > std::numeric_limits<int32_t>::max()) {
+    LogError("file %s holds %lld bytes, 2 GiB or more is not supported", path.c_str(),
+             static_cast<long long>(*size));
+    return std::nullopt;
+  }
+  return static_cast<uint32_t>(*size);
+}
+
+int GetFileSize(const std::string& path, uint32_t& size) {
+  const InputFile file(path);
+  if (!file.IsOpen()) {
+    ReportOpenFailure(path);
+    return kFailure;
+  }
+  const std::optional<uint32_t> fileSize = NonEmptySize(file, path);
+  if (!fileSize.has_value()) {
+    return kFailure;
+  }
+  size = *fileSize;
+  return kSuccess;
+}
+
+DeviceMemory ReadBinFile(const std::string& path, uint32_t& size) {
+  if (CheckFile(path) != kSuccess) {
+    return nullptr;
+  }
+  const InputFile file(path);
+  if (!file.IsOpen()) {
+    ReportOpenFailure(path);
+    return nullptr;
+  }
+  const std::optional<uint32_t> fileSize = NonEmptySize(file, path);
+  if (!fileSize.has_value()) {
+    return nullptr;
+  }
+  DeviceMemory memory = AllocateInputMemory(*fileSize);
+  if (memory == nullptr) {
+    return nullptr;
+  }
+  file.Read(memory.get(), *fileSize);
+  size = *fileSize;
+  return memory;
+}
+
+int ResolvePath(const std::string& inputPath, std::string& resolvedPath) {
+  LogInfo("inputPath: %s", inputPath.c_str());
+  if (inputPath.empty() || inputPath.size() > kMaxPathLength) {
+    LogError("inputPath size = %zu, out of range (%d, %d] error", inputPath.size(), 0,
+             kMaxPathLength);
+    return kFailure;
+  }
+  PathBuffer resolved{};
+  if (realpath(inputPath.c_str(), resolved.data()) != nullptr) {
+    resolvedPath = resolved.data();
+    return kSuccess;
+  }
+  if (errno != ENOENT) {
+    LogError("realpath fail, input: %s", inputPath.c_str());
+  }
+  resolvedPath = AbsoluteAsText(inputPath);
+  return kSuccess;
+}
+
+}  // namespace quilmrun
