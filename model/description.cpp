@@ -1,0 +1,97 @@
+#include "app/log.h"
+#include "app/status.h"
+#include "model/model_process.h"
+#include "model/tensor_description.h"
+#include "runtime/values.h"
+
+namespace quilmrun {
+namespace {
+
+// Prints one input or output; false when its dimensions are not to be had.
+bool PrintTensor(const TensorQueries& queries, const quilm_mdl_desc* desc, size_t index,
+                 uint32_t batchSize, quilm_mdl_io_dims& dims) {
+  if (QueryDims(queries, desc, index, dims) != 0) {
+    LogError("get %s dims failed", queries.kind);
+    return false;
+  }
+  LogInfo("%s index: %zu, name: %s", queries.title, index, TensorName(dims).c_str());
+  LogInfo("Shape: %s", FormatShape(dims).c_str());
+  LogInfo("DataType: %d, stride: %zu, format: %d, dataSizeWithStride: %zu",
+          queries.dataType(desc, index), queries.stride(desc, index), queries.format(desc, index),
+          batchSize * queries.size(desc, index));
+  return true;
+}
+
+void PrintHeader(const TensorQueries& queries) {
+  LogInfo("------------------ %s Info ------------------", queries.title);
+}
+
+uint32_t SizeOf(const TensorQueries& queries, const quilm_mdl_desc* desc, int32_t index) {
+  return static_cast<uint32_t>(queries.size(desc, static_cast<size_t>(index)));
+}
+
+}  // namespace
+
+int ModelProcess::CreateDesc(std::vector<std::string>& inputNames) {
+  modelDesc.reset(quilm_mdl_create_desc());
+  if (modelDesc == nullptr) {
+    LogError("create model description failed");
+    return kFailure;
+  }
+  if (quilm_mdl_get_desc(modelDesc.get(), modelId) != 0) {
+    LogError("get model description failed");
+    return kFailure;
+  }
+  LogInfo("create model description success");
+  PrintModelInfo(inputNames);
+  RecordModelIoSize(profileRecord, modelDesc.get());
+  return kSuccess;
+}
+
+void ModelProcess::DestroyDesc() {
+  modelDesc.reset();
+}
+
+size_t ModelProcess::GetInputNum() const {
+  return quilm_mdl_get_num_inputs(modelDesc.get()) - kTaskAndWorkBuffers;
+}
+
+void ModelProcess::PrintModelInfo(std::vector<std::string>& inputNames) {
+  quilm_mdl_io_dims dims;
+  PrintHeader(kInputQueries);
+  const size_t inputs = quilm_mdl_get_num_inputs(modelDesc.get());
+  for (size_t i = 0; i < inputs; ++i) {
+    if (!PrintTensor(kInputQueries, modelDesc.get(), i, batchSize, dims)) {
+      return;
+    }
+    if (i < inputs - kTaskAndWorkBuffers) {
+      inputNames.push_back(TensorName(dims));
+    }
+  }
+  PrintHeader(kOutputQueries);
+  const size_t outputs = quilm_mdl_get_num_outputs(modelDesc.get());
+  for (size_t i = 0; i < outputs; ++i) {
+    if (!PrintTensor(kOutputQueries, modelDesc.get(), i, batchSize, dims)) {
+      return;
+    }
+  }
+}
+
+void RecordModelIoSize(ProfileRecord& record, const quilm_mdl_desc* modelDesc) {
+  const auto inputs = static_cast<int32_t>(quilm_mdl_get_num_inputs(modelDesc));
+  const auto outputs = static_cast<int32_t>(quilm_mdl_get_num_outputs(modelDesc));
+  for (int32_t i = 0; i + 2 < inputs; ++i) {
+    record.inputSize += SizeOf(kInputQueries, modelDesc, i);
+  }
+  if (inputs >= 2) {
+    record.taskBufSize = SizeOf(kInputQueries, modelDesc, inputs - 2);
+  }
+  if (inputs >= 1) {
+    record.workBufSize = SizeOf(kInputQueries, modelDesc, inputs - 1);
+  }
+  for (int32_t i = 0; i < outputs; ++i) {
+    record.outputSize += SizeOf(kOutputQueries, modelDesc, i);
+  }
+}
+
+}  // namespace quilmrun

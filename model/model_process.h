@@ -1,0 +1,147 @@
+// The one model of a run, with everything the tool holds about it in the runtime.
+#ifndef QUILMRUN_MODEL_MODEL_PROCESS_H_
+#define QUILMRUN_MODEL_MODEL_PROCESS_H_
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "profile/profile_record.h"
+#include "runtime/handles.h"
+#include "runtime/quilm.h"
+
+namespace quilmrun {
+
+struct OutputRows;
+
+/// Owns the loaded model, the device memory of its file, its description and both datasets; each
+/// release operation may be called twice. Operations return kSuccess or kFailure and print what
+/// went wrong.
+///
+/// A model's last two inputs are the task buffer and the work buffer, memory that the runtime
+/// needs; the inputs before them carry data. An input dataset is filled in that order.
+///
+/// Calling order: LoadModelFromFileWithMem, CreateDesc, CreateOutput; then per inference InitInput,
+/// CreateInputBuf, SetDynamicBatchSize, CreateTaskBufAndWorkBuf, Execute, DumpModelOutput,
+/// DestroyInput. The operations on input files are implemented in input/, the dump in output/.
+class ModelProcess {
+ public:
+  /// `batchSize` multiplies every per-batch size, until the staging of an input file resets it.
+  /// `nlpTotalT` above 0 is applied to recurrent models. `profile` 1 repeats executions for timing.
+  ModelProcess(std::vector<std::string> rpnFiles, uint32_t batchSize, int32_t nlpTotalT,
+               uint32_t profile);
+  /// Unloads and releases everything.
+  ~ModelProcess();
+  ModelProcess(const ModelProcess&) = delete;
+  ModelProcess& operator=(const ModelProcess&) = delete;
+
+  /// Reads the model file into device memory and loads it from there. Records read and load time,
+  /// file size and media memory in the profile record, after a failure too.
+  int LoadModelFromFileWithMem(const std::string& modelPath);
+
+  /// Unloads the model and releases its description and memory; warns when none is loaded.
+  void Unload();
+
+  /// Fetches the model's description, prints it, appends the names of the data inputs to
+  /// `inputNames` and records the sizes in the profile record. REQUIRES: a loaded model.
+  int CreateDesc(std::vector<std::string>& inputNames);
+  void DestroyDesc();
+
+  /// Model inputs without task and work buffer; wraps around when there are fewer than two.
+  size_t GetInputNum() const;
+
+  /// Builds the output dataset, each buffer batchSize times the output's size, all bytes 0.
+  int CreateOutput();
+  void DestroyOutput();
+
+  /// Creates an empty input dataset.
+  int InitInput();
+  void DestroyInput();
+
+  /// Stages file i of `group` into a new device buffer for input i and appends it. May change batch
+  /// size and total_t to what the files hold, for this and all later inferences.
+  int CreateInputBuf(const std::vector<std::string>& group);
+
+  /// Appends every input that the dataset still lacks, as zeroed memory: normally the task buffer
+  /// and the work buffer.
+  int CreateTaskBufAndWorkBuf();
+
+  /// Tells the runtime how many batches the input dataset carries.
+  int SetDynamicBatchSize();
+
+  /// Runs the model once, or profileRecord.loopCount times when profiling, and records the time.
+  /// The last execution decides the result.
+  int Execute();
+
+  /// Writes every output to outputPath/<run index>/, as text and as raw floats; output/dump.h says
+  /// in which format. Reports what cannot be written and goes on with the next output.
+  void DumpModelOutput(const std::string& outputPath);
+
+ private:
+  void PrintModelInfo(std::vector<std::string>& inputNames);
+
+  /// Layout of one tensor: `size` in bytes (of all batches for an input, of one for an output),
+  /// `stride` in bytes, and dims. None of them is 0 on success.
+  int GetInputStrideParam(int32_t index, size_t& size, size_t& stride, quilm_mdl_io_dims& dims);
+  int GetOutputStrideParam(int32_t index, size_t& size, size_t& stride, quilm_mdl_io_dims& dims);
+
+  /// Bytes per element; 0 means unusable, which the caller reports.
+  size_t GetInputDataSize(int32_t index) const;
+  size_t GetOutputDataSize(int32_t index) const;
+
+  /// Appends `buffer`, device memory of `size` bytes, to the input dataset. On success the dataset
+  /// owns the memory, on failure the caller still does.
+  int CreateInput(void* buffer, size_t size, int32_t stride);
+  int AppendInput(void* buffer, size_t size, size_t stride);
+
+  /// CreateInput() for memory that is freed when it fails.
+  int AddInput(DeviceMemory memory, size_t size, size_t stride);
+
+  int CreateOutputBuffer(size_t index);
+  int CreateTaskOrWorkBuf(int32_t index);
+
+  /// Hands total_t to a recurrent model; does nothing unless it is above 0.
+  int SetNlpTotalT();
+
+  void DumpOutputByType(const std::string& fileBase, size_t index);
+  template <typename T>
+  void WriteOutputText(const std::string& path, size_t index);
+  template <typename T>
+  void WriteOutputBinary(const std::string& path, size_t index);
+  /// What both writers share; `writeValue` puts one value into the file.
+  template <typename T, typename WriteValue>
+  void WriteOutput(const std::string& path, size_t index, WriteValue writeValue);
+  /// Appends the elements of output `index`, stored as T, to `values` without the row padding.
+  template <typename T>
+  int GetOutputWithOutStride(std::vector<float>& values, size_t index);
+  int LocateOutput(size_t index, OutputRows& rows);
+  int LayOutRows(size_t index, size_t bufSize, size_t bufStride, const quilm_mdl_io_dims& dims,
+                 OutputRows& rows);
+
+  uint32_t batchSize;
+  int32_t nlpTotalT;
+  std::vector<std::string> rpnFiles;
+  uint32_t profile;
+  uint32_t executeCount = 0;  // successful inferences so far
+  uint32_t modelId = 0;
+  uint64_t modelMemSize = 0;  // bytes
+  DeviceMemory modelMemPtr;   // the model file, from its read to the unload
+  bool loadFlag = false;
+  Description modelDesc;
+  Dataset input;
+  Dataset output;
+  uint32_t rpnHeight = 0;
+  uint32_t rpnWidth = 0;
+};
+
+/// Adds the sizes of the model's inputs and outputs to `record`, those of task and work buffer
+/// apart. 32-bit sums that wrap.
+void RecordModelIoSize(ProfileRecord& record, const quilm_mdl_desc* modelDesc);
+
+/// Asks for the model's net type; a refusal is reported.
+int QueryNetType(uint32_t modelId, int32_t& netType);
+
+}  // namespace quilmrun
+
+#endif  // QUILMRUN_MODEL_MODEL_PROCESS_H_

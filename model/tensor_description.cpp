@@ -1,0 +1,71 @@
+#include "model/tensor_description.h"
+
+#include <cstring>
+#include <limits>
+
+namespace quilmrun {
+
+const TensorQueries kInputQueries = {"input",
+                                     "Input",
+                                     quilm_mdl_get_input_dims,
+                                     quilm_mdl_get_input_data_type,
+                                     quilm_mdl_get_input_size_by_index,
+                                     quilm_mdl_get_input_default_stride,
+                                     quilm_mdl_get_input_format};
+
+const TensorQueries kOutputQueries = {"output",
+                                      "Output",
+                                      quilm_mdl_get_output_dims,
+                                      quilm_mdl_get_output_data_type,
+                                      quilm_mdl_get_output_size_by_index,
+                                      quilm_mdl_get_output_default_stride,
+                                      quilm_mdl_get_output_format};
+
+quilm_error QueryDims(const TensorQueries& queries, const quilm_mdl_desc* desc, size_t index,
+                      quilm_mdl_io_dims& dims) {
+  constexpr quilm_error kTooManyDimensions = -1;
+  dims = {};
+  const quilm_error result = queries.dims(desc, index, &dims);
+  return result == 0 && dims.dim_count > QUILM_MAX_DIM_COUNT ? kTooManyDimensions : result;
+}
+
+std::string TensorName(const quilm_mdl_io_dims& dims) {
+  return std::string(dims.name, strnlen(dims.name, sizeof(dims.name)));
+}
+
+int64_t FirstDimension(const quilm_mdl_io_dims& dims) {
+  return dims.dim_count == 0 ? 1 : dims.dims[0];
+}
+
+int64_t LastDimension(const quilm_mdl_io_dims& dims) {
+  return dims.dim_count == 0 ? 1 : dims.dims[dims.dim_count - 1];
+}
+
+size_t ElementSize(const TensorQueries& queries, const quilm_mdl_desc* desc, size_t index) {
+  constexpr int kBitsPerByteShift = 3;
+  return quilm_data_type_size(queries.dataType(desc, index)) >> kBitsPerByteShift;
+}
+
+size_t RowBytes(size_t elementSize, int64_t lastDimension) {
+  size_t bytes = 0;
+  if (lastDimension < 0 ||
+      __builtin_mul_overflow(elementSize, static_cast<size_t>(lastDimension), &bytes)) {
+    return std::numeric_limits<size_t>::max();
+  }
+  return bytes;
+}
+
+size_t BatchedSize(uint32_t batchSize, size_t size) {
+  size_t bytes = 0;
+  return __builtin_mul_overflow(size_t{batchSize}, size, &bytes) ? 0 : bytes;
+}
+
+std::string FormatShape(const quilm_mdl_io_dims& dims) {
+  std::string shape = "[";
+  for (size_t i = 0; i < dims.dim_count; ++i) {
+    shape += std::to_string(dims.dims[i]) + ", ";
+  }
+  return shape + "]";
+}
+
+}  // namespace quilmrun
