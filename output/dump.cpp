@@ -1,0 +1,186 @@
+#include "output/dump.h"
+
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <cstring>
+
+#include "app/log.h"
+#include "app/status.h"
+#include "model/model_process.h"
+#include "model/tensor_description.h"
+#include "output/output_file.h"
+#include "profile/clock.h"
+
+namespace quilmrun {
+namespace {
+
+constexpr mode_t kRunDirectoryMode = 0775;
+
+// Copies the valid elements, stored as T, to `target`.
+template <typename T>
+void ExtractRows(const OutputRows& rows, float* target) {
+  const unsigned char* row = rows.data;
+  for (size_t r = 0; r < rows.rows; ++r, row += rows.rowPitch * sizeof(T)) {
+    for (size_t i = 0; i < rows.rowElements; ++i) {
+      T element;
+      std::memcpy(&element, row + i * sizeof(T), sizeof(T));
+      *target++ = static_cast<float>(element);
+    }
+  }
+}
+
+// Keeps the bits of a NaN, which a conversion need not.
+template <>
+void ExtractRows<float>(const OutputRows& rows, float* target) {
+  const unsigned char* row = rows.data;
+  for (size_t r = 0; r < rows.rows; ++r, row += rows.rowPitch * sizeof(float)) {
+    std::memcpy(target, row, rows.rowElements * sizeof(float));
+    target += rows.rowElements;
+  }
+}
+
+}  // namespace
+
+void ModelProcess::DumpModelOutput(const std::string& outputPath) {
+  const size_t count = quilm_mdl_get_dataset_num_buffers(output.get());
+  std::vector<std::string> usedNames(count);
+  const std::string runDirectory = outputPath + "/" + std::to_string(executeCount - 1);
+  // A directory that cannot be made shows up as files that cannot be created.
+  mkdir(runDirectory.c_str(), kRunDirectoryMode);
+  for (size_t i = 0; i < count; ++i) {
+    const std::string name = OutputFileName(quilm_mdl_get_output_name_by_index(modelDesc.get(), i));
+    const auto duplicates = std::count(usedNames.begin(), usedNames.end(), name);
+    usedNames[i] = name;
+    std::string fileBase = runDirectory;
+    fileBase.append("/").append(name).append(".").append(std::to_string(duplicates));
+    fileBase.append(".").append(std::to_string(GetTimeStampUs()));
+    DumpOutputByType(fileBase, i);
+  }
+  LogInfo("dump data success");
+}
+
+void ModelProcess::DumpOutputByType(const std::string& fileBase, size_t index) {
+  struct Writers {
+    int32_t code;
+    void (ModelProcess::*text)(const std::string&, size_t);
+    void (ModelProcess::*binary)(const std::string&, size_t);
+  };
+  static constexpr Writers kFloatWriters = {0, &ModelProcess::WriteOutputText<float>,
+                                            &ModelProcess::WriteOutputBinary<float>};
+  static constexpr Writers kIntegerWriters[] = {
+      {1, &ModelProcess::WriteOutputText<uint16_t>, &ModelProcess::WriteOutputBinary<uint16_t>},
+      {2, &ModelProcess::WriteOutputText<int8_t>, &ModelProcess::WriteOutputBinary<int8_t>},
+      {4, &ModelProcess::WriteOutputText<uint8_t>, &ModelProcess::WriteOutputBinary<uint8_t>},
+      {6, &ModelProcess::WriteOutputText<int16_t>, &ModelProcess::WriteOutputBinary<int16_t>},
+      {7, &ModelProcess::WriteOutputText<uint16_t>, &ModelProcess::WriteOutputBinary<uint16_t>},
+  };
+  const int32_t code = quilm_mdl_get_output_data_type(modelDesc.get(), index);
+  LogInfo("The value of quilm_data_type is [%zu]", size_t{static_cast<uint32_t>(code)});
+  const auto* found = std::find_if(std::begin(kIntegerWriters), std::end(kIntegerWriters),
+                                   [code](const Writers& writers) { return writers.code == code; });
+  const Writers& writers = found == std::end(kIntegerWriters) ? kFloatWriters : *found;
+  (this->*writers.text)(fileBase + ".float", index);
+  (this->*writers.binary)(fileBase + ".bin", index);
+}
+
+template <typename T>
+void ModelProcess::WriteOutputText(const std::string& path, size_t index) {
+  WriteOutput<T>(path, index, [](float value, OutputFile& file) {
+    ValueLine line;
+    const size_t size = FormatValueLine(value, line);
+    return file.Write(line.data(), size) && file.Flush();
+  });
+}
+
+template <typename T>
+void ModelProcess::WriteOutputBinary(const std::string& path, size_t index) {
+  WriteOutput<T>(path, index,
+                 [](float value, OutputFile& file) { return file.Write(&value, sizeof(value)); });
+}
+
+template <typename T, typename WriteValue>
+void ModelProcess::WriteOutput(const std::string& path, size_t index, WriteValue writeValue) {
+  std::vector<float> values;
+  if (GetOutputWithOutStride<T>(values, index) != kSuccess) {
+    LogError("GetOutputWithOutStride fail");
+    return;
+  }
+  OutputFile file(path);
+  if (!file.IsOpen()) {
+    return;
+  }
+  for (const float value : values) {
+    if (!writeValue(value, file)) {
+      return;
+    }
+  }
+}
+
+template <typename T>
+int ModelProcess::GetOutputWithOutStride(std::vector<float>& values, size_t index) {
+  OutputRows rows;
+  if (LocateOutput(index, rows) != kSuccess) {
+    return kFailure;
+  }
+  const size_t needed = BytesNeeded(rows, sizeof(T));
+  if (needed > rows.size) {
+    LogError("output[%zu] needs %zu bytes, its buffer holds %zu", index, needed, rows.size);
+    return kFailure;
+  }
+  const size_t present = values.size();
+  values.resize(present + rows.rows * rows.rowElements);
+  ExtractRows<T>(rows, values.data() + present);
+  return kSuccess;
+}
+
+int ModelProcess::LocateOutput(size_t index, OutputRows& rows) {
+  const quilm_data_buffer* buffer = quilm_mdl_get_dataset_buffer(output.get(), index);
+  if (buffer == nullptr) {
+    LogError("output[%zu] dataBuffer nullptr invalid", index);
+    return kFailure;
+  }
+  rows.data = static_cast<const unsigned char*>(quilm_get_data_buffer_addr(buffer));
+  rows.size = quilm_get_data_buffer_size(buffer);
+  if (rows.data == nullptr || rows.size == 0) {
+    LogError("output[%zu] data or size(%zu) invalid", index, rows.size);
+    return kFailure;
+  }
+  size_t bufSize = 0;
+  size_t bufStride = 0;
+  quilm_mdl_io_dims dims;
+  if (GetOutputStrideParam(static_cast<int32_t>(index), bufSize, bufStride, dims) != kSuccess) {
+    LogError("Error, GetOutputStrideParam failed");
+    return kFailure;
+  }
+  if (bufSize == 0 || bufStride == 0) {
+    LogError("Error, bufSize(%zu) bufStride(%zu) invalid", bufSize, bufStride);
+    return kFailure;
+  }
+  return LayOutRows(index, bufSize, bufStride, dims, rows);
+}
+
+int ModelProcess::LayOutRows(size_t index, size_t bufSize, size_t bufStride,
+                             const quilm_mdl_io_dims& dims, OutputRows& rows) {
+  if (dims.dim_count == 0 || LastDimension(dims) <= 0) {
+    LogError("Error, dims para invalid");
+    return kFailure;
+  }
+  const size_t elemSize = GetOutputDataSize(static_cast<int32_t>(index));
+  if (elemSize == 0) {
+    LogError("Error, dataSize == 0 invalid");
+    return kFailure;
+  }
+  rows.rows = bufSize / bufStride * batchSize;
+  rows.rowElements = static_cast<size_t>(LastDimension(dims));
+  rows.rowPitch = bufStride / elemSize;
+  const size_t rowBytes = RowBytes(elemSize, LastDimension(dims));
+  if (rows.rows > 0 && rowBytes > bufStride) {
+    LogError("row of output[%zu] has %zu bytes, its stride only %zu", index, rowBytes, bufStride);
+    return kFailure;
+  }
+  return kSuccess;
+}
+
+}  // namespace quilmrun
