@@ -1,0 +1,105 @@
+#include "app/options.h"
+
+#include <unistd.h>
+
+#include <optional>
+
+#include "app/log.h"
+#include "app/status.h"
+#include "input/input_list.h"
+#include "input/number.h"
+#include "input/utils.h"
+
+namespace quilmrun {
+namespace {
+
+constexpr char kOptionString[] = "m:i:j:t:b:r:p:o:";
+
+struct StringOption {
+  int letter;
+  std::string RunOptions::*field;
+};
+
+constexpr StringOption kStringOptions[] = {
+    {'m', &RunOptions::modelPath},     {'i', &RunOptions::imagePath},
+    {'j', &RunOptions::quilmJsonPath}, {'r', &RunOptions::rpnData},
+    {'o', &RunOptions::outputPath},
+};
+
+struct NumberOption {
+  int letter;
+  int32_t RunOptions::*field;
+  const char* echoName;  // null: not echoed
+};
+
+constexpr NumberOption kNumberOptions[] = {
+    {'t', &RunOptions::nlpTotalT, "nlpTotalT"},
+    {'b', &RunOptions::batchSize, "batchSize"},
+    {'p', &RunOptions::profile, nullptr},
+};
+
+template <typename Option, size_t kCount>
+const Option* FindOption(const Option (&table)[kCount], int letter) {
+  for (const Option& option : table) {
+    if (option.letter == letter) {
+      return &option;
+    }
+  }
+  return nullptr;
+}
+
+void StoreNumber(const NumberOption& option, const char* value, RunOptions& options) {
+  const std::optional<int32_t> number = ParseInt32(value);
+  if (!number.has_value()) {
+    LogError("option -%c: \"%s\" is not a number from -2147483648 to 2147483647", option.letter,
+             value);
+    options.numbersValid = false;
+    return;
+  }
+  options.*option.field = *number;
+  if (option.echoName != nullptr) {
+    LogInfo("%s: %d", option.echoName, *number);
+  }
+}
+
+void StoreOption(int letter, RunOptions& options) {
+  if (const StringOption* option = FindOption(kStringOptions, letter)) {
+    options.*option->field = optarg;
+  } else if (const NumberOption* number = FindOption(kNumberOptions, letter)) {
+    StoreNumber(*number, optarg, options);
+  } else {
+    LogError(
+        "example: -m modelPath -i imagePath -j quilmJsonPath [-t nlpTotalT] [-b batchSize] "
+        "[-r rpnData] [-p profile] [-o outputPath]");
+  }
+}
+
+}  // namespace
+
+void ParseOptions(RunOptions& options, int argc, char** argv) {
+  optind = 1;
+  int letter = 0;
+  while (options.numbersValid && (letter = getopt(argc, argv, kOptionString)) != -1) {
+    StoreOption(letter, options);
+  }
+}
+
+int CheckOptions(const RunOptions& options, ResolvedPaths& paths) {
+  if (!options.numbersValid || ResolvePath(options.modelPath, paths.modelPath) != kSuccess) {
+    return kFailure;
+  }
+  paths.inputFiles = ReadInputList(options.imagePath);
+  if (ResolvePath(options.quilmJsonPath, paths.quilmJsonPath) != kSuccess) {
+    return kFailure;
+  }
+  for (const std::string& item : SplitString(options.rpnData)) {
+    std::string resolved;
+    if (ResolvePath(item, resolved) != kSuccess) {
+      return kFailure;
+    }
+    paths.rpnFiles.push_back(std::move(resolved));
+  }
+  return kSuccess;
+}
+
+}  // namespace quilmrun

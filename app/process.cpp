@@ -1,0 +1,94 @@
+// The run driver: from a runtime that is up to a model that has run over every input group.
+#include <cstddef>
+#include <string>
+#include <vector>
+
+#include "app/log.h"
+#include "app/sample_process.h"
+#include "app/status.h"
+#include "input/utils.h"
+#include "model/model_process.h"
+
+namespace quilmrun {
+
+int SampleProcess::Process() {
+  ModelProcess model(rpnFiles, batchSize, nlpTotalT, profile);
+  return RunModel(model);
+}
+
+int SampleProcess::RunModel(ModelProcess& model) {
+  if (model.LoadModelFromFileWithMem(modelPath) != kSuccess) {
+    LogError("execute LoadModelFromFileWithMem failed");
+    return kFailure;
+  }
+  // The paths are shown and checked even when the description is not to be had.
+  const int descResult = model.CreateDesc(inputNames);
+  GroupInputsByName(inputFiles, inputNames);
+  if (ResolveInputFiles() != kSuccess) {
+    return kFailure;
+  }
+  if (descResult != kSuccess) {
+    LogError("execute CreateDesc failed");
+    return kFailure;
+  }
+  if (model.CreateOutput() != kSuccess) {
+    LogError("execute CreateOutput failed");
+    return kFailure;
+  }
+  return RunGroups(model);
+}
+
+int SampleProcess::RunGroups(ModelProcess& model) {
+  // Wraps to a huge number, and so to no iteration, when there are more RPN files than inputs.
+  const size_t inputNum = model.GetInputNum() - rpnFiles.size();
+  LogInfo("Model inputNum: %zu", inputNum);
+  const size_t iterations = inputNum == 0 ? 0 : inputFiles.size() / inputNum;
+  LogInfo("Model Iters : %zu", iterations);
+  for (size_t groupIndex = 0; groupIndex < iterations; ++groupIndex) {
+    if (ProcessGroup(inputFiles, model, groupIndex, inputNum) != kSuccess) {
+      return kFailure;
+    }
+  }
+  return kSuccess;
+}
+
+int SampleProcess::ResolveInputFiles() {
+  for (std::string& inputFile : inputFiles) {
+    if (ResolvePath(inputFile, inputFile) != kSuccess) {
+      return kFailure;
+    }
+  }
+  return kSuccess;
+}
+
+int SampleProcess::ProcessGroup(const std::vector<std::string>& inputFiles, ModelProcess& model,
+                                size_t groupIndex, size_t inputNum) {
+  if (model.InitInput() != kSuccess) {
+    LogError("execute InitInput failed");
+    return kFailure;
+  }
+  const auto first = inputFiles.begin() + static_cast<std::ptrdiff_t>(groupIndex * inputNum);
+  const std::vector<std::string> group(first, first + static_cast<std::ptrdiff_t>(inputNum));
+  if (model.CreateInputBuf(group) != kSuccess) {
+    LogError("CreateInputBuf failed");
+    return kFailure;
+  }
+  if (model.SetDynamicBatchSize() != kSuccess) {
+    LogError("Set batch size failed");
+    return kFailure;
+  }
+  if (model.CreateTaskBufAndWorkBuf() != kSuccess) {
+    LogError("CreateTaskBufAndWorkBuf failed");
+    return kFailure;
+  }
+  const int executeResult = model.Execute();
+  if (executeResult != kSuccess) {
+    LogError("execute inference failed");
+  } else {
+    model.DumpModelOutput(outputPath);
+  }
+  model.DestroyInput();
+  return executeResult;
+}
+
+}  // namespace quilmrun

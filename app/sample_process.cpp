@@ -1,0 +1,133 @@
+#include "app/sample_process.h"
+
+#include <utility>
+
+#include "app/log.h"
+#include "app/status.h"
+#include "profile/media_memory.h"
+#include "profile/profile_record.h"
+#include "profile/reports.h"
+#include "runtime/values.h"
+
+namespace quilmrun {
+namespace {
+
+// Everything before the last separator; a path without one counts as a directory itself.
+std::string ReportPath(const std::string& quilmJsonPath) {
+  return quilmJsonPath.substr(0, quilmJsonPath.find_last_of("/\\")) + "/memory_data.csv";
+}
+
+}  // namespace
+
+SampleProcess::SampleProcess(std::string modelPath, std::vector<std::string> inputFiles,
+                             std::string quilmJsonPath, std::string outputPath)
+    : modelPath(std::move(modelPath)),
+      inputFiles(std::move(inputFiles)),
+      quilmJsonPath(std::move(quilmJsonPath)),
+      outputPath(std::move(outputPath)) {}
+
+SampleProcess::~SampleProcess() {
+  DestroyResource();
+}
+
+int SampleProcess::InitResource(const std::vector<std::string>& rpnFiles, uint32_t batchSize,
+                                int32_t nlpTotalT, uint32_t profile) {
+  this->rpnFiles = rpnFiles;
+  this->batchSize = batchSize;
+  this->nlpTotalT = nlpTotalT;
+  this->profile = profile;
+
+  const int32_t memoryBefore = GetMediaMemUsed();
+  const quilm_error initResult = quilm_init(quilmJsonPath.c_str());
+  profileRecord.quilmInitMem = MediaMemDifference(GetMediaMemUsed(), memoryBefore);
+  if (initResult != 0) {
+    LogError("quilm init failed");
+    return kFailure;
+  }
+  LogInfo("quilm init success");
+
+  if (quilm_rt_set_device(deviceId) != 0) {
+    LogError("quilm open device %d failed", deviceId);
+    return kFailure;
+  }
+  LogInfo("open device %d success", deviceId);
+
+  if (quilm_rt_set_op_wait_timeout(kOpWaitTimeout) != 0) {
+    LogError("quilm set op wait time failed");
+    return kFailure;
+  }
+  LogInfo("set op wait time success");
+  return CreateExecutionResources();
+}
+
+int SampleProcess::CreateExecutionResources() {
+  if (quilm_rt_create_context(&context, deviceId) != 0) {
+    context = nullptr;
+    LogError("quilm create context failed");
+    return kFailure;
+  }
+  LogInfo("create context success");
+
+  if (quilm_rt_create_stream(&stream) != 0) {
+    stream = nullptr;
+    LogError("quilm create stream failed");
+    return kFailure;
+  }
+  LogInfo("create stream success");
+
+  uint32_t runMode = kExpectedRunMode;
+  if (quilm_rt_get_run_mode(&runMode) != 0) {
+    LogError("quilm get run mode failed");
+    return kFailure;
+  }
+  if (runMode != kExpectedRunMode) {
+    LogError("quilm run mode failed");
+    return kFailure;
+  }
+  LogInfo("get run mode success");
+  return kSuccess;
+}
+
+void SampleProcess::DestroyResource() {
+  if (stream != nullptr && quilm_rt_destroy_stream(std::exchange(stream, nullptr)) != 0) {
+    LogError("destroy stream failed");
+  }
+  LogInfo("end to destroy stream");
+
+  if (context != nullptr && quilm_rt_destroy_context(std::exchange(context, nullptr)) != 0) {
+    LogError("destroy context failed");
+  }
+  LogInfo("end to destroy context");
+
+  if (quilm_rt_reset_device(deviceId) != 0) {
+    LogError("reset device failed");
+  }
+  LogInfo("end to reset device is %d", deviceId);
+
+  if (quilm_finalize() != 0) {
+    LogError("finalize quilm failed");
+  }
+  LogInfo("end to finalize quilm");
+
+  if (profile == kProfileOn) {
+    PrintProfileSummary(profileRecord);
+  }
+  WriteMemoryDataCsv(profileRecord, ReportPath(quilmJsonPath));
+}
+
+int RunSample(const RunOptions& options, const ResolvedPaths& paths) {
+  SampleProcess sample(paths.modelPath, paths.inputFiles, paths.quilmJsonPath, options.outputPath);
+  if (sample.InitResource(paths.rpnFiles, static_cast<uint32_t>(options.batchSize),
+                          options.nlpTotalT, static_cast<uint32_t>(options.profile)) != kSuccess) {
+    LogError("sample init resource failed");
+    return kFailure;
+  }
+  if (sample.Process() != kSuccess) {
+    LogError("sample process failed");
+    return kFailure;
+  }
+  LogInfo("execute sample success");
+  return kSuccess;
+}
+
+}  // namespace quilmrun

@@ -1,0 +1,87 @@
+// One run of the tool: the runtime comes up, the model runs, the runtime goes down.
+#ifndef QUILMRUN_APP_SAMPLE_PROCESS_H_
+#define QUILMRUN_APP_SAMPLE_PROCESS_H_
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "app/options.h"
+#include "runtime/quilm.h"
+
+namespace quilmrun {
+
+class ModelProcess;
+
+/// Brings the runtime up on device 0, runs the model over all input groups, and tears everything
+/// down when destroyed. At most one per process: the runtime can be initialised only once.
+class SampleProcess {
+ public:
+  /// Copies its arguments; touches nothing.
+  SampleProcess(std::string modelPath, std::vector<std::string> inputFiles,
+                std::string quilmJsonPath, std::string outputPath);
+  /// Runs DestroyResource().
+  ~SampleProcess();
+  SampleProcess(const SampleProcess&) = delete;
+  SampleProcess& operator=(const SampleProcess&) = delete;
+
+  /// Initialises the runtime, opens the device and creates context and stream. On failure whatever
+  /// exists by then stays for DestroyResource().
+  int InitResource(const std::vector<std::string>& rpnFiles, uint32_t batchSize, int32_t nlpTotalT,
+                   uint32_t profile);
+
+  /// Loads the model, runs it once per group of input files and unloads it; the first failing group
+  /// ends the run. REQUIRES: InitResource() succeeded.
+  int Process();
+
+  /// True when every entry is named and every name is one of `names`; true for no entries.
+  static bool AllInputsNamed(const std::vector<std::string>& entries,
+                             const std::vector<std::string>& names);
+
+  /// Puts named entries into the order of `names`, the model's inputs, and strips the names. Every
+  /// block of names.size() consecutive entries is sorted on its own. Unless all entries are named
+  /// and fill whole blocks, the list stays as it is.
+  static void GroupInputsByName(std::vector<std::string>& entries,
+                                const std::vector<std::string>& names);
+
+ private:
+  /// Releases what exists, each step whatever became of the one before, then makes the reports.
+  void DestroyResource();
+
+  /// Creates context and stream and checks the run mode.
+  int CreateExecutionResources();
+
+  /// Process() for a given model, whose destruction follows every way out.
+  int RunModel(ModelProcess& model);
+
+  /// Cuts the input files into groups, one file per data input, and runs them in order.
+  int RunGroups(ModelProcess& model);
+
+  /// Replaces every input file by its resolved path; stops at the first of bad length.
+  int ResolveInputFiles();
+
+  /// One inference: stages files groupIndex * inputNum and following, executes, dumps.
+  int ProcessGroup(const std::vector<std::string>& inputFiles, ModelProcess& model,
+                   size_t groupIndex, size_t inputNum);
+
+  std::string modelPath;
+  std::vector<std::string> inputFiles;
+  std::vector<std::string> inputNames;  // of the model's data inputs, in input order
+  std::string quilmJsonPath;
+  std::string outputPath;
+  int32_t deviceId = 0;
+  std::vector<std::string> rpnFiles;
+  uint32_t batchSize = 0;
+  int32_t nlpTotalT = -1;
+  uint32_t profile = 0;  // 1 means on
+  quilm_rt_context context = nullptr;
+  quilm_rt_stream stream = nullptr;
+};
+
+/// Performs one complete run, teardown and reports included; returns the exit status.
+int RunSample(const RunOptions& options, const ResolvedPaths& paths);
+
+}  // namespace quilmrun
+
+#endif  // QUILMRUN_APP_SAMPLE_PROCESS_H_

@@ -1,0 +1,21 @@
+# The runtime library decodes models with protobuf-c but does not carry it: it resolves six symbols
+# from the executable that loads it. The executable therefore contains protobuf-c and exports these
+# six, and no others. It calls none of them itself, so each has to be asked for twice: -u makes the
+# linker take it out of the archive, --export-dynamic-symbol puts it into the dynamic symbol table.
+# Left to itself, the linker would export just those that the libquilm.so at hand happens to use.
+
+set(protobuf_c_symbols
+  protobuf_c_message_pack
+  protobuf_c_message_pack_to_buffer
+  protobuf_c_message_get_packed_size
+  protobuf_c_message_unpack
+  protobuf_c_message_free_unpacked
+  protobuf_c_empty_string)
+
+find_library(PROTOBUF_C_ARCHIVE NAMES libprotobuf-c.a REQUIRED)
+add_library(protobuf_c_exports INTERFACE)
+target_link_libraries(protobuf_c_exports INTERFACE ${PROTOBUF_C_ARCHIVE})
+foreach(symbol IN LISTS protobuf_c_symbols)
+  target_link_options(protobuf_c_exports INTERFACE
+    "-Wl,-u,${symbol}" "-Wl,--export-dynamic-symbol=${symbol}")
+endforeach()
