@@ -1,0 +1,13 @@
+// How the host runtime explains itself: lines on standard error with the prefix "host runtime: ",
+// apart from the tool's own messages on standard output.
+#ifndef QUILMRUN_RUNTIME_HOST_DIAGNOSTICS_H_
+#define QUILMRUN_RUNTIME_HOST_DIAGNOSTICS_H_
+
+namespace quilm_host {
+
+/// Prints one problem as one line; line breaks within it become blanks.
+void Explain(const char* format, ...) __attribute__((format(printf, 1, 2)));
+
+}  // namespace quilm_host
+
+#endif  // QUILMRUN_RUNTIME_HOST_DIAGNOSTICS_H_

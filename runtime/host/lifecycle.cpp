@@ -1,0 +1,153 @@
+// Start and end of the runtime, device, execution handles and device memory.
+#include "runtime/host/state.h"
+
+namespace quilm_host {
+namespace {
+
+constexpr int32_t kOnlyDevice = 0;
+constexpr size_t kMemoryAlignment = 64;  // bytes, a cache line
+
+quilm_error CheckDevice(int32_t deviceId) {
+  if (deviceId != kOnlyDevice) {
+    Explain("%s: there is no device %d", currentCall, deviceId);
+    return kBadArgument;
+  }
+  return kOk;
+}
+
+quilm_error CheckDeviceOpen() {
+  if (!state.deviceOpen) {
+    Explain("%s: no device is open", currentCall);
+    return kBadArgument;
+  }
+  return kOk;
+}
+
+quilm_error CreateExecutionHandle(ObjectTable<ExecutionHandle>& table, void** handle) {
+  if (handle == nullptr || CheckDeviceOpen() != kOk) {
+    return kBadArgument;
+  }
+  *handle = table.Create();
+  return kOk;
+}
+
+quilm_error Initialize(const char* configPath) {
+  if (state.initialized) {
+    Explain("quilm_init: already initialized");
+    return kBadArgument;
+  }
+  state = State();
+  state.initFailed = true;
+  const std::string path = configPath == nullptr ? "" : configPath;
+  const std::string problem = ReadSettings(path, state.settings);
+  if (!problem.empty()) {
+    Explain("settings file %s: %s", path.c_str(), problem.c_str());
+    return kBadSettings;
+  }
+  if (const std::optional<int64_t> code = TakeFault()) {
+    return static_cast<quilm_error>(*code);
+  }
+  state.initialized = true;
+  return kOk;
+}
+
+quilm_error Finalize() {
+  state.contexts.ReportAndClear();
+  state.streams.ReportAndClear();
+  state.datasets.ReportAndClear();
+  state.buffers.ReportAndClear();
+  state.descriptions.ReportAndClear();
+  state.models.ReportAndClear();
+  state.memory.ReportAndClear();
+  state.initialized = false;
+  return kOk;
+}
+
+quilm_error Allocate(void** pointer, size_t size) {
+  if (pointer == nullptr || size == 0 || size > SIZE_MAX - kMemoryAlignment) {
+    Explain("%s: %zu bytes cannot be allocated", currentCall, size);
+    return kBadArgument;
+  }
+  const size_t rounded = (size + kMemoryAlignment - 1) / kMemoryAlignment * kMemoryAlignment;
+  MemoryBlock block;
+  block.memory.reset(std::aligned_alloc(kMemoryAlignment, rounded));
+  block.size = size;
+  if (block.memory == nullptr) {
+    Explain("%s: no memory for %zu bytes", currentCall, size);
+    return kOutOfMemory;
+  }
+  *pointer = block.memory.get();
+  state.memory.Add(*pointer, std::move(block));
+  return kOk;
+}
+
+}  // namespace
+}  // namespace quilm_host
+
+using namespace quilm_host;  // NOLINT: what follows is this namespace's interface to C
+
+quilm_error quilm_init(const char* config_path) {
+  currentCall = __func__;
+  return Initialize(config_path);
+}
+
+quilm_error quilm_finalize(void) {
+  return Perform<quilm_error>(__func__, kNotInitialized, [] { return Finalize(); });
+}
+
+quilm_error quilm_rt_set_device(int32_t device_id) {
+  return Perform<quilm_error>(__func__, kNotInitialized, [=] {
+    state.deviceOpen = CheckDevice(device_id) == kOk;
+    return state.deviceOpen ? kOk : kBadArgument;
+  });
+}
+
+quilm_error quilm_rt_reset_device(int32_t device_id) {
+  return Perform<quilm_error>(__func__, kNotInitialized, [=] {
+    const bool reset = CheckDevice(device_id) == kOk && CheckDeviceOpen() == kOk;
+    state.deviceOpen = false;
+    return reset ? kOk : kBadArgument;
+  });
+}
+
+quilm_error quilm_rt_set_op_wait_timeout(uint32_t) {
+  return Perform<quilm_error>(__func__, kNotInitialized, [] { return CheckDeviceOpen(); });
+}
+
+quilm_error quilm_rt_create_context(quilm_rt_context* context, int32_t device_id) {
+  return Perform<quilm_error>(__func__, kNotInitialized, [=] {
+    const quilm_error result = CheckDevice(device_id);
+    return result == kOk ? CreateExecutionHandle(state.contexts, context) : result;
+  });
+}
+
+quilm_error quilm_rt_destroy_context(quilm_rt_context context) {
+  return Perform<quilm_error>(__func__, kNotInitialized,
+                              [=] { return state.contexts.Remove(context); });
+}
+
+quilm_error quilm_rt_create_stream(quilm_rt_stream* stream) {
+  return Perform<quilm_error>(__func__, kNotInitialized,
+                              [=] { return CreateExecutionHandle(state.streams, stream); });
+}
+
+quilm_error quilm_rt_destroy_stream(quilm_rt_stream stream) {
+  return Perform<quilm_error>(__func__, kNotInitialized,
+                              [=] { return state.streams.Remove(stream); });
+}
+
+quilm_error quilm_rt_get_run_mode(uint32_t* run_mode) {
+  return Perform<quilm_error>(__func__, kNotInitialized, [=] {
+    *run_mode = state.settings.runMode;
+    return kOk;
+  });
+}
+
+quilm_error quilm_rt_malloc(void** pointer, size_t size, int32_t) {
+  return Perform<quilm_error>(__func__, kNotInitialized, [=] { return Allocate(pointer, size); });
+}
+
+quilm_error quilm_rt_free(void* pointer) {
+  return Perform<quilm_error>(__func__, kNotInitialized,
+                              [=] { return state.memory.Remove(pointer); });
+}
