@@ -77,6 +77,10 @@ int SampleProcess::ProcessGroup(const std::vector<std::string>& inputFiles, Mode
     LogError("Set batch size failed");
     return kFailure;
   }
+  if (model.SetRpnData() != kSuccess) {
+    LogError("Set rpn data failed");
+    return kFailure;
+  }
   if (model.CreateTaskBufAndWorkBuf() != kSuccess) {
     LogError("CreateTaskBufAndWorkBuf failed");
     return kFailure;

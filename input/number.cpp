@@ -1,7 +1,13 @@
 #include "input/number.h"
 
+#include <locale.h>
+
 #include <algorithm>
 #include <charconv>
+#include <clocale>
+#include <cmath>
+#include <cstdlib>
+#include <string>
 
 namespace quilmrun {
 namespace {
@@ -9,10 +15,52 @@ namespace {
 // The white space of the C locale; std::isspace would follow the locale in force.
 constexpr std::string_view kWhiteSpace = " \t\n\v\f\r";
 
+void SkipWhiteSpace(std::string_view& text) {
+  text.remove_prefix(std::min(text.find_first_not_of(kWhiteSpace), text.size()));
+}
+
+size_t SignLength(std::string_view text) {
+  return !text.empty() && (text[0] == '+' || text[0] == '-') ? 1 : 0;
+}
+
+size_t DigitsLength(std::string_view text) {
+  return std::min(text.find_first_not_of("0123456789"), text.size());
+}
+
+// A sign without digits behind it is no exponent.
+size_t ExponentLength(std::string_view text) {
+  if (text.empty() || (text[0] != 'e' && text[0] != 'E')) {
+    return 0;
+  }
+  const size_t beforeDigits = 1 + SignLength(text.substr(1));
+  const size_t digits = DigitsLength(text.substr(beforeDigits));
+  return digits == 0 ? 0 : beforeDigits + digits;
+}
+
+// Characters of the number at the start of `text`; 0 when there is none.
+size_t NumberLength(std::string_view text) {
+  const size_t sign = SignLength(text);
+  const size_t integer = DigitsLength(text.substr(sign));
+  size_t end = sign + integer;
+  size_t fraction = 0;
+  if (end < text.size() && text[end] == '.') {
+    fraction = DigitsLength(text.substr(end + 1));
+    end += 1 + fraction;
+  }
+  return integer + fraction == 0 ? 0 : end + ExponentLength(text.substr(end));
+}
+
+// `number` is all of a number. Empty when its magnitude is too large.
+std::optional<float> ToFloat(std::string_view number) {
+  static const locale_t kPointAsDecimal = newlocale(LC_ALL_MASK, "C", nullptr);
+  const float value = strtof_l(std::string(number).c_str(), nullptr, kPointAsDecimal);
+  return std::isinf(value) ? std::nullopt : std::optional<float>(value);
+}
+
 }  // namespace
 
 std::optional<int32_t> ParseInt32(std::string_view text) {
-  text.remove_prefix(std::min(text.find_first_not_of(kWhiteSpace), text.size()));
+  SkipWhiteSpace(text);
   if (text.size() > 1 && text[0] == '+' && text[1] != '-') {
     text.remove_prefix(1);
   }
@@ -22,6 +70,22 @@ std::optional<int32_t> ParseInt32(std::string_view text) {
     return std::nullopt;
   }
   return value;
+}
+
+bool ParseFloats(std::string_view text, std::vector<float>& values) {
+  for (SkipWhiteSpace(text); !text.empty(); SkipWhiteSpace(text)) {
+    const size_t length = NumberLength(text);
+    if (length == 0) {
+      return false;
+    }
+    const std::optional<float> value = ToFloat(text.substr(0, length));
+    if (!value.has_value()) {
+      return false;
+    }
+    values.push_back(*value);
+    text.remove_prefix(length);
+  }
+  return true;
 }
 
 }  // namespace quilmrun

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <optional>
 #include <string_view>
+#include <vector>
 
 namespace quilmrun {
 
@@ -12,6 +13,14 @@ namespace quilmrun {
 /// leading run of digits counts and whatever follows it is ignored ("12abc" is 12). Empty when no
 /// digit stands there or the number lies outside the signed 32-bit range.
 std::optional<int32_t> ParseInt32(std::string_view text);
+
+/// Appends the decimal floating-point numbers in `text` to `values`, as the nearest 32-bit floats,
+/// whatever the locale. A number is an optional sign, digits with an optional fraction, and an
+/// optional exponent ("-12", ".5", "3.", "1e-3"); it extends as far as it can, and the next one may
+/// follow at once ("1.5.5" is 1.5 and 0.5) or after white space. False when something else stands
+/// where a number has to begin, hexadecimal digits, "inf" and "nan" among it, or when a number is
+/// too large for a float; what came before has been appended then. One too small is no error.
+bool ParseFloats(std::string_view text, std::vector<float>& values);
 
 }  // namespace quilmrun
 

@@ -23,8 +23,9 @@ struct OutputRows;
 /// needs; the inputs before them carry data. An input dataset is filled in that order.
 ///
 /// Calling order: LoadModelFromFileWithMem, CreateDesc, CreateOutput; then per inference InitInput,
-/// CreateInputBuf, SetDynamicBatchSize, CreateTaskBufAndWorkBuf, Execute, DumpModelOutput,
-/// DestroyInput. The operations on input files are implemented in input/, the dump in output/.
+/// CreateInputBuf, SetDynamicBatchSize, SetRpnData, CreateTaskBufAndWorkBuf, Execute,
+/// DumpModelOutput, DestroyInput. The operations on input files are implemented in input/, the dump
+/// in output/.
 class ModelProcess {
  public:
   /// `batchSize` multiplies every per-batch size, until the staging of an input file resets it.
@@ -63,6 +64,10 @@ class ModelProcess {
   /// size and total_t to what the files hold, for this and all later inferences.
   int CreateInputBuf(const std::vector<std::string>& group);
 
+  /// Reads and checks all RPN files, then appends one parameter buffer for each. Does nothing
+  /// without RPN files.
+  int SetRpnData();
+
   /// Appends every input that the dataset still lacks, as zeroed memory: normally the task buffer
   /// and the work buffer.
   int CreateTaskBufAndWorkBuf();
@@ -100,6 +105,15 @@ class ModelProcess {
 
   int CreateOutputBuffer(size_t index);
   int CreateTaskOrWorkBuf(int32_t index);
+
+  /// Checks `count` values of an RPN file against the dimensions of the RPN parameter input, the
+  /// last input before the task buffer, and keeps these in rpnHeight and rpnWidth.
+  int CheckRpnShape(size_t count);
+
+  /// Appends a buffer of RPN parameters, with the size and stride of input 1. Up to 4 values
+  /// (single class) stand at its start; 4 * rpnWidth values (multi class) as 4 rows, one stride
+  /// apart.
+  int SetDetParas(const std::vector<float>& detPara);
 
   /// Hands total_t to a recurrent model; does nothing unless it is above 0.
   int SetNlpTotalT();

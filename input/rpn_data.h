@@ -1,0 +1,25 @@
+// RPN data files: the detection parameters of models that take them as an input of their own.
+//
+// Text with decimal numbers between white space, however spread over lines. A model whose RPN input
+// has the shape 1 x 4 (single class) takes four numbers; one of shape 4 x W (multi class) takes
+// 4 * W numbers, row by row:
+//
+//   0.5 0.6 0.7      a 4 x 3 input: three classes,
+//   8   8   8        one column each
+//   64  64  64
+//   0.3 0.3 0.3
+#ifndef QUILMRUN_INPUT_RPN_DATA_H_
+#define QUILMRUN_INPUT_RPN_DATA_H_
+
+#include <string>
+#include <vector>
+
+namespace quilmrun {
+
+/// Appends the numbers in the file `path` to `values`. Fails when the file cannot be read, which is
+/// reported, or holds anything but numbers that fit a 32-bit float, which the caller reports.
+int ReadRpnFile(const std::string& path, std::vector<float>& values);
+
+}  // namespace quilmrun
+
+#endif  // QUILMRUN_INPUT_RPN_DATA_H_
