@@ -1,4 +1,8 @@
 // Start and end of the runtime, device, execution handles and device memory.
+#include <unistd.h>
+
+#include <new>
+
 #include "runtime/host/state.h"
 
 namespace quilm_host {
@@ -63,18 +67,26 @@ quilm_error Finalize() {
   return kOk;
 }
 
+size_t PhysicalMemory() {
+  return static_cast<size_t>(sysconf(_SC_PHYS_PAGES)) * static_cast<size_t>(sysconf(_SC_PAGESIZE));
+}
+
 quilm_error Allocate(void** pointer, size_t size) {
-  if (pointer == nullptr || size == 0 || size > SIZE_MAX - kMemoryAlignment) {
+  if (pointer == nullptr || size == 0) {
     Explain("%s: %zu bytes cannot be allocated", currentCall, size);
     return kBadArgument;
+  }
+  // Beyond that a system that overcommits would say yes and then kill somebody.
+  if (size > PhysicalMemory()) {
+    Explain("%s: no memory for %zu bytes", currentCall, size);
+    return kOutOfMemory;
   }
   const size_t rounded = (size + kMemoryAlignment - 1) / kMemoryAlignment * kMemoryAlignment;
   MemoryBlock block;
   block.memory.reset(std::aligned_alloc(kMemoryAlignment, rounded));
   block.size = size;
   if (block.memory == nullptr) {
-    Explain("%s: no memory for %zu bytes", currentCall, size);
-    return kOutOfMemory;
+    throw std::bad_alloc();
   }
   *pointer = block.memory.get();
   state.memory.Add(*pointer, std::move(block));
