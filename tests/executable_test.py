@@ -1,0 +1,62 @@
+"""The built executable: what it needs, what it exports, and that its log is complete."""
+
+import os
+import re
+import signal
+import subprocess
+import time
+import unittest
+
+import tool
+
+
+def read(*command):
+    return subprocess.run(command, check=True, capture_output=True, text=True).stdout
+
+
+class Executable(unittest.TestCase):
+    def test_exports_exactly_six_protobuf_c_symbols(self):
+        symbols = re.findall(r"^\w+ ([A-Z]) (protobuf_c\w+)$",
+                             read("nm", "-D", "--defined-only", tool.QUILMRUN), re.M)
+        self.assertEqual(sorted(symbols), [
+            (kind, "protobuf_c_" + name) for kind, name in [
+                ("R", "empty_string"), ("T", "message_free_unpacked"),
+                ("T", "message_get_packed_size"), ("T", "message_pack"),
+                ("T", "message_pack_to_buffer"), ("T", "message_unpack")]])
+
+    def test_needs_the_library_by_name_and_gives_way_to_another(self):
+        dynamic = read("readelf", "-d", tool.QUILMRUN)
+        self.assertIn("Shared library: [libquilm.so]", dynamic)
+        self.assertIn("(RUNPATH)            Library runpath: [$ORIGIN:$ORIGIN/../lib]", dynamic)
+        self.assertNotIn("(RPATH)", dynamic)
+        self.assertNotIn("protobuf", dynamic)
+
+    def test_host_runtime_leaves_protobuf_c_to_the_executable(self):
+        library = os.path.join(os.path.dirname(tool.QUILMRUN), "libquilm.so")
+        self.assertIn("Library soname: [libquilm.so]", read("readelf", "-d", library))
+        self.assertIn(" U protobuf_c_message_unpack", read("nm", "-D", library))
+        exported = re.findall(r"^\w+ [TDBRVW] (\w+)", read("nm", "-D", "--defined-only", library),
+                              re.M)
+        header = open(os.path.join(os.path.dirname(__file__), "../runtime/quilm.h")).read()
+        self.assertEqual(sorted(exported), sorted(set(re.findall(r"\b(quilm_\w+)\(", header))))
+
+
+class Log(tool.ToolTest):
+    def test_is_complete_when_the_run_is_killed(self):
+        os.mkfifo(self.dir / "list.txt")
+        log = open(self.dir / "log.txt", "wb")
+        self.addCleanup(log.close)
+        process = subprocess.Popen([os.path.abspath(tool.QUILMRUN), "-b", "2", "-m", "/m.om", "-i",
+                                    "list.txt"], cwd=self.dir, stdout=log)
+        deadline = time.monotonic() + 20
+        while (self.dir / "log.txt").stat().st_size == 0 and time.monotonic() < deadline:
+            time.sleep(0.01)
+        time.sleep(0.1)  # it now waits for somebody to write the list
+        process.send_signal(signal.SIGKILL)
+        process.wait()
+        self.assertEqual((self.dir / "log.txt").read_text(),
+                         "[INFO]  batchSize: 2\n[INFO]  inputPath: /m.om\n")
+
+
+if __name__ == "__main__":
+    unittest.main()

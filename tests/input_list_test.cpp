@@ -1,0 +1,91 @@
+#include "input/input_list.h"
+
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include "app/sample_process.h"
+
+namespace quilmrun {
+namespace {
+
+using Strings = std::vector<std::string>;
+
+Strings ReadListWith(const std::string& directory, const std::string& text) {
+  const std::string path = directory + "/list.txt";
+  std::ofstream(path, std::ios::binary) << text;
+  return ReadInputList(path);
+}
+
+TEST(ReadInputList, PutsTheDirectoryIntoEveryEntry) {
+  const std::string d = testing::TempDir() + "quilmrun_list";
+  ASSERT_EQ(std::system(("mkdir -p " + d).c_str()), 0);
+  const std::pair<const char*, Strings> rows[] = {
+      {"", {}},
+      {"\n\n", {}},
+      {"a.bin", {d + "/a.bin"}},
+      {"a.bin\n", {d + "/a.bin"}},
+      {"a.bin\n\n\nsub/b.bin\n", {d + "/a.bin", d + "/sub/b.bin"}},
+      {"/x.bin", {d + "//x.bin"}},
+      {"in1:c.bin", {"in1:" + d + "/c.bin"}},
+      {":c.bin", {d + "/:c.bin"}},
+      {"c.bin:", {d + "/c.bin:"}},
+      {":", {d + "/:"}},
+      {"x:y:z.bin", {"x:" + d + "/y:z.bin"}},
+      {"x::z.bin", {"x:" + d + "/:z.bin"}},
+      {"a.bin\r\n", {d + "/a.bin\r"}},
+      {" a.bin \n#b\n", {d + "/ a.bin ", d + "/#b"}},
+  };
+  for (const auto& [text, entries] : rows) {
+    EXPECT_EQ(ReadListWith(d, text), entries) << text;
+  }
+}
+
+TEST(SplitString, KeepsEmptyItemsExceptAfterAFinalComma) {
+  const std::pair<const char*, Strings> rows[] = {
+      {"", {}},
+      {"a", {"a"}},
+      {"a,b", {"a", "b"}},
+      {"a,,b", {"a", "", "b"}},
+      {"a,", {"a"}},
+      {",a", {"", "a"}},
+      {",", {""}},
+      {"a,,", {"a", ""}},
+      {" a , b", {" a ", " b"}},
+  };
+  for (const auto& [text, items] : rows) {
+    EXPECT_EQ(SplitString(text), items) << text;
+  }
+}
+
+TEST(GroupInputsByName, SortsWithinBlocksOrLeavesTheListAlone) {
+  struct Row {
+    Strings names;
+    Strings before;
+    Strings after;
+  };
+  const Row rows[] = {
+      {{"x", "y"}, {"y:D/b", "x:D/a", "y:D/d", "x:D/c"}, {"D/a", "D/b", "D/c", "D/d"}},
+      {{"x", "y", "z"}, {"z:3", "x:1", "y:2:2"}, {"1", "2:2", "3"}},
+      {{"x"}, {"x:b", "x:a"}, {"b", "a"}},
+      {{"x", "y"}, {}, {}},
+      {{}, {"x:a"}, {"x:a"}},
+      {{"x", "y"}, {"x:a", "y:b", "x:c"}, {"x:a", "y:b", "x:c"}},
+      {{"x", "y"}, {"x:a", "b"}, {"x:a", "b"}},
+      {{"x", "y"}, {"x:a", "z:b"}, {"x:a", "z:b"}},
+      {{"x", "y"}, {"y:b", "X:a"}, {"y:b", "X:a"}},
+      {{"x", "x"}, {"x:a", "x:a"}, {"a", "a"}},
+      // A model with an RPN input "r": entries are sorted in pairs and then used one by one.
+      {{"x", "r"}, {"r:b", "x:a"}, {"a", "b"}},
+  };
+  for (const Row& row : rows) {
+    Strings entries = row.before;
+    SampleProcess::GroupInputsByName(entries, row.names);
+    EXPECT_EQ(entries, row.after) << testing::PrintToString(row.before);
+  }
+}
+
+}  // namespace
+}  // namespace quilmrun

@@ -1,0 +1,103 @@
+#include "input/number.h"
+
+#include <gtest/gtest.h>
+
+#include <clocale>
+#include <cmath>
+#include <cstdlib>
+#include <limits>
+#include <string>
+#include <vector>
+
+#include "output/dump.h"
+
+namespace quilmrun {
+namespace {
+
+TEST(ParseInt32, TakesTheLeadingNumber) {
+  const std::pair<const char*, int32_t> rows[] = {
+      {"0", 0},         {"7x", 7},
+      {"12abc", 12},    {" \t\n 5", 5},
+      {"+5", 5},        {"-5", -5},
+      {"007", 7},       {"1 2", 1},
+      {"0x10", 0},      {"3.9", 3},
+      {"4-", 4},        {"2147483647", INT32_MAX},
+      {"\v\f\r-1", -1}, {"-2147483648", INT32_MIN},
+  };
+  for (const auto& [text, value] : rows) {
+    EXPECT_EQ(ParseInt32(text), value) << text;
+  }
+}
+
+TEST(ParseInt32, RefusesWhatIsNoNumberInRange) {
+  for (const char* text : {"", " ", "x", "x4", "+", "-", "+-5", "-+5", "--5", "+ 5", ".5",
+                           "2147483648", "-2147483649", "99999999999", "99999999999999999999999"}) {
+    EXPECT_EQ(ParseInt32(text), std::nullopt) << text;
+  }
+}
+
+struct Accepted {
+  const char* text;
+  std::vector<float> values;
+};
+
+const Accepted kAccepted[] = {
+    {"", {}},
+    {" \t\r\n\v\f ", {}},
+    {"0.5 0.3 0.7 0.1", {0.5F, 0.3F, 0.7F, 0.1F}},
+    {"1\n2\r\n3\t4\n", {1, 2, 3, 4}},
+    {"+1 -2 .5 3. -.25", {1, -2, 0.5F, 3, -0.25F}},
+    {"1e2 1E-2 2.5e+1", {100, 0.01F, 25}},
+    {"1.5.5", {1.5F, 0.5F}},
+    {"1-2+3", {1, -2, 3}},
+    {"1.2.3.4", {1.2F, 0.3F, 0.4F}},
+    {"16777217", {16777216}},
+    {"3.4028234e38", {std::numeric_limits<float>::max()}},
+    {"1e-45 1e-60 -1e-999", {std::numeric_limits<float>::denorm_min(), 0, -0.0F}},
+};
+
+TEST(ParseFloats, AcceptsDecimalNumbers) {
+  for (const Accepted& row : kAccepted) {
+    std::vector<float> values;
+    EXPECT_TRUE(ParseFloats(row.text, values)) << row.text;
+    EXPECT_EQ(values, row.values) << row.text;
+  }
+}
+
+TEST(ParseFloats, RefusesEverythingElse) {
+  const char* const rows[] = {
+      ",",     "1,2",  "1, 2", "a",    "1 a",      ".",     "1 .",  "-",     "+ 1",    "--1",
+      "+-1",   "e5",   "1e",   "1e+",  "1e 5",     "inf",   "-inf", "nan",   "NaN",    "infinity",
+      "0x1p3", "0x10", "1f",   "1.0f", "1_000",    "1'000", "1e39", "-1e39", "3.5e38", "1e999",
+      "\"1\"", "#1",   "1;2",  "½",    "1\u00a02", ".e1",   "1..",
+  };
+  for (const char* text : rows) {
+    std::vector<float> values;
+    EXPECT_FALSE(ParseFloats(text, values)) << text;
+  }
+  std::vector<float> values;
+  EXPECT_FALSE(ParseFloats(std::string_view("1\0002", 3), values)) << "a NUL byte";
+}
+
+TEST(Numbers, DoNotFollowTheLocale) {
+  const std::string directory = testing::TempDir() + "quilmrun_locale";
+  const std::string command = "mkdir -p " + directory + " && localedef -c -i de_DE -f UTF-8 " +
+                              directory + "/de_DE.UTF-8 >/dev/null 2>&1";
+  ASSERT_EQ(std::system(command.c_str()), 0) << "Debian's package locales is needed";
+  setenv("LOCPATH", directory.c_str(), 1);
+  ASSERT_NE(std::setlocale(LC_ALL, "de_DE.UTF-8"), nullptr);
+  std::vector<float> values;
+  const bool accepted = ParseFloats("0.5", values);
+  const bool commaAccepted = ParseFloats("0,5", values);
+  ValueLine line;
+  const std::string printed(line.data(), FormatValueLine(0.5F, line));
+  std::setlocale(LC_ALL, "C");
+  unsetenv("LOCPATH");
+  EXPECT_TRUE(accepted);
+  EXPECT_FALSE(commaAccepted);
+  EXPECT_EQ(values, (std::vector<float>{0.5F, 0}));
+  EXPECT_EQ(printed, "0.5000000000000000\n");
+}
+
+}  // namespace
+}  // namespace quilmrun

@@ -1,0 +1,322 @@
+"""The same executable on another library: order of calls, releases, and odd descriptions."""
+
+import os
+import re
+import struct
+import unittest
+
+from tool import NO_MEDIA_MEMORY, TEARDOWN, ToolTest
+
+ODD_RUNTIME = os.environ["ODD_RUNTIME"]
+
+TASK_AND_WORK = "input task 4 8 8 1 8\ninput work 4 16 16 1 16\n"
+PLAIN = "input x 4 16 8 2 4\n" + TASK_AND_WORK + "output y 4 16 8 2 4\n"
+UNLOADED = "[INFO]  unload model success, modelId is 77\n"
+SUCCESS = UNLOADED + "[INFO]  execute sample success\n" + TEARDOWN
+FAILURE = UNLOADED + "[ERROR] sample process failed\n" + TEARDOWN
+STAGING_FAILED = "[ERROR] get pic device buffer failed\n[ERROR] CreateInputBuf failed\n" + FAILURE
+
+
+class OddRuntimeTest(ToolTest):
+    def run_odd(self, script, *options, data=bytes(range(1, 9)), list_text="x.bin\n"):
+        self.write("m.om", "model")
+        self.write("x.bin", data)
+        self.write("list.txt", list_text)
+        self.write("odd.cfg", f"log {self.dir}/calls\n" + script)
+        status, out, err = self.run_tool("-m", "m.om", "-i", "list.txt", "-j", "odd.cfg", "-o",
+                                         "out", *options, library=ODD_RUNTIME)
+        self.assertEqual(err, "")
+        self.assertIn("quilm_finalize live 0\n", self.calls(), "everything is released")
+        return status, out
+
+    def calls(self):
+        return (self.dir / "calls").read_text()
+
+    def check(self, expected_status, expected_tail, script, *options, **files):
+        status, out = self.run_odd(script, *options, **files)
+        self.assertTrue(out.endswith(expected_tail), out)
+        self.assertEqual(status, expected_status)
+
+
+class Calls(OddRuntimeTest):
+    def test_order_of_a_run(self):
+        self.check(0, SUCCESS, PLAIN, "-b", "2", "-t", "5", data=bytes(range(1, 17)))
+        questions = r"^quilm_(mdl_get_(num|input|output|dataset)|data_type_size|get_data)\w+ .*\n"
+        self.assertEqual(re.sub(questions, "", self.calls(), flags=re.M), """\
+quilm_init 
+quilm_rt_set_device 0
+quilm_rt_set_op_wait_timeout 0
+quilm_rt_create_context 0
+quilm_rt_create_stream 
+quilm_rt_get_run_mode 
+quilm_rt_malloc 5 policy 2
+quilm_mdl_load_from_mem 5
+quilm_mdl_create_desc 
+quilm_mdl_get_desc 77
+quilm_mdl_create_dataset 
+quilm_rt_malloc 32 policy 2
+quilm_create_data_buffer 32 stride 8
+quilm_mdl_add_dataset_buffer 
+quilm_mdl_create_dataset 
+quilm_rt_malloc 32 policy 2
+quilm_ext_get_mdl_net_type 77
+quilm_create_data_buffer 32 stride 8
+quilm_mdl_add_dataset_buffer 
+quilm_mdl_set_dynamic_batch_size 77 index 0 batch 2
+quilm_rt_malloc 16 policy 2
+quilm_create_data_buffer 16 stride 8
+quilm_mdl_add_dataset_buffer 
+quilm_rt_malloc 32 policy 2
+quilm_create_data_buffer 32 stride 16
+quilm_mdl_add_dataset_buffer 
+quilm_ext_get_mdl_net_type 77
+quilm_rt_set_op_wait_timeout 0
+quilm_mdl_execute 77
+  32/8:01020304000000000506070800000000090a0b0c000000000d0e0f1000000000
+  16/8:00000000000000000000000000000000
+  32/16:0000000000000000000000000000000000000000000000000000000000000000
+""" + 3 * "quilm_rt_free \nquilm_destroy_data_buffer \n" + """\
+quilm_mdl_destroy_dataset 
+quilm_mdl_unload 77
+quilm_mdl_destroy_desc 
+quilm_rt_free 
+quilm_rt_free 
+quilm_destroy_data_buffer 
+quilm_mdl_destroy_dataset 
+quilm_rt_destroy_stream 
+quilm_rt_destroy_context 
+quilm_rt_reset_device 0
+quilm_finalize live 0
+""")
+
+    def test_every_failing_call_is_reported_and_everything_released(self):
+        _, success = self.run_odd(PLAIN)
+        counts = {}
+        for line in [line for line in self.calls().splitlines() if line[0] != " "]:
+            function = line.split()[0]
+            counts[function] = counts.get(function, 0) + 1
+            # A library that fails to release, or to name what it holds, leaves it unreleased.
+            if re.search("destroy|free|finalize|dataset_num|get_dataset|data_buffer_", function):
+                continue
+            with self.subTest(function=function, call=counts[function]):
+                # 0 is the failure of calls that return a pointer, a size or a number.
+                code = 0 if re.search("create_d|get_num|stride|size|name", function) else 507
+                status, out = self.run_odd(f"fail {function} {counts[function]} {code}\n" + PLAIN)
+                if status != 0:
+                    self.assertIn("[ERROR] ", out)
+                elif out == success:
+                    # The second time-out is not examined, and an answer of 0 shows only where the
+                    # figure is printed or used.
+                    self.assertRegex(function, "set_op_wait_timeout|get_num|size|type|stride|name")
+
+    def test_failing_releases_are_reported_but_change_nothing(self):
+        rows = [("quilm_rt_reset_device", "[ERROR] reset device failed\n"),
+                ("quilm_mdl_unload", "[ERROR] unload model failed, modelId is 77\n"),
+                ("quilm_finalize", "[ERROR] finalize quilm failed\n")]
+        for function, message in rows:
+            status, out = self.run_odd(f"fail {function} 1 3\n" + PLAIN)
+            self.assertEqual(status, 0)
+            self.assertIn(message, out)
+
+
+class Descriptions(OddRuntimeTest):
+    def test_info_block(self):
+        _, out = self.run_odd("input * 4 16 8 2 4\n" + TASK_AND_WORK + "output y -1 16 8\n", "-b",
+                              "3")
+        self.assertIn(f"""\
+[INFO]  Input index: 0, name: {'n' * 128}
+[INFO]  Shape: [2, 4, ]
+[INFO]  DataType: 4, stride: 8, format: -2, dataSizeWithStride: 48
+""", out)
+        self.assertIn("""\
+[INFO]  Output index: 0, name: y
+[INFO]  Shape: []
+[INFO]  DataType: -1, stride: 8, format: 5, dataSizeWithStride: 48
+""", out)
+
+    def test_input_counts(self):
+        for script, number in (("", 2**64 - 2), ("input w 4 8 8 8\n", 2**64 - 1), (
+                TASK_AND_WORK, 0)):
+            self.check(0, f"[INFO]  Model inputNum: {number}\n[INFO]  Model Iters : 0\n" + SUCCESS,
+                       script)
+        # More RPN files than inputs: nothing is executed.
+        self.write("r", "1")
+        self.check(0, "[INFO]  Model Iters : 0\n" + SUCCESS, PLAIN, "-r", "r,r,r")
+
+    def test_figures_that_make_no_sense(self):
+        staging = "[ERROR] GetStrideParam error\n[ERROR] CreateInputBuf failed\n" + FAILURE
+        rows = [
+            (PLAIN + "dim_count 129\n", "[ERROR] quilm_mdl_get_input_dims error!\n" + staging),
+            (PLAIN.replace("16 8 2 4", "16 0 2 4", 1),
+             "[ERROR] quilm_mdl_get_input_default_stride error!\n" + staging),
+            (PLAIN.replace("16 8 2 4", "0 8 2 4", 1),
+             "[ERROR] quilm_mdl_get_input_size_by_index error!\n" + staging),
+            (PLAIN.replace("16 8 2 4", f"{2**63 + 8} 8 2 4", 1),
+             "[ERROR] quilm_mdl_get_input_size_by_index error!\n" + staging),
+            (PLAIN.replace("16 8 2 4", f"{2**50} 8 2 4", 1),
+             f"[ERROR] malloc device buffer failed. size is {2**51}\n" + STAGING_FAILED),
+            (PLAIN.replace("x 4 16", "x 5 16"), "[ERROR] GetInputDataSize == 0 error\n"
+             "[ERROR] CreateInputBuf failed\n" + FAILURE),
+            (PLAIN.replace("16 8 2 4", "16 8 2 9", 1),
+             "[ERROR] row of input 0 has 9 bytes, its stride only 8\n" + STAGING_FAILED),
+            (PLAIN.replace("16 8 2 4", "16 8 2 -1", 1),
+             "[ERROR] row of input 0 has 18446744073709551615 bytes, its stride only 8\n" +
+             STAGING_FAILED),
+            (PLAIN.replace("y 4 16 8", "y 4 16 0"),
+             "[ERROR] Error, output default stride is 0.\n[ERROR] execute CreateOutput failed\n" +
+             FAILURE),
+            (PLAIN.replace("y 4 16 8", f"y 4 {2**63 + 8} 8"),
+             "[ERROR] Error, output size is 0.\n[ERROR] execute CreateOutput failed\n" + FAILURE),
+            (PLAIN.replace("work 4 16 16", "work 4 0 16"),
+             "[ERROR] quilm_mdl_get_input_size_by_index error!\n"
+             "[ERROR] Error, GetInputStrideParam failed\n"
+             "[ERROR] execute Create taskBuffer and workBuffer failed\n"
+             "[ERROR] CreateTaskBufAndWorkBuf failed\n" + FAILURE)]
+        for script, tail in rows:
+            with self.subTest(tail=tail):
+                self.check(1, tail, script, "-b", "2")
+
+    def test_recurrent_models(self):
+        recurrent = ("net_type 2\ninput frames 0 32 8 4 2\ninput marks 0 16 16 1 4\n" +
+                     TASK_AND_WORK + "output y 0 32 8 4 2\n")
+        frames = struct.pack("<6f", *range(6))
+        self.check(0, SUCCESS, recurrent, "-b", "4", data=frames, list_text="x.bin\nx.bin\n")
+        self.assertIn("quilm_mdl_set_total_t 77 total_t 3\n", self.calls())
+        self.assertIn("quilm_mdl_set_dynamic_batch_size 77 index 0 batch 1\n", self.calls())
+        too_many = "[ERROR] Current number of frames[{}] must be smaller than the " \
+                   "recurrent_max_total_t[{}]\n"
+        self.check(1, too_many.format(5, 4) + STAGING_FAILED, recurrent, data=bytes(40),
+                   list_text="x.bin\nx.bin\n")
+        self.check(1, too_many.format(4, 3) + STAGING_FAILED,
+                   recurrent.replace("1 4\n", "1 3\n", 1), data=bytes(32),
+                   list_text="x.bin\nx.bin\n")
+
+
+class Outputs(OddRuntimeTest):
+    # Two rows of data; the odd runtime hands the staged bytes back as output 0.
+    DATA = bytes([0, 255, 1, 128, 0xFF, 0x7F, 0x80, 0x3F])
+
+    def dump(self, output, script="", *options):
+        status, out = self.run_odd("input x 4 16 8 2 4\n" + TASK_AND_WORK + output + script,
+                                   *options, data=self.DATA)
+        self.assertEqual(status, 0)
+        files = self.outputs()
+        self.assertEqual(out.count("[INFO]  dump data success\n"), 1)
+        return out, files
+
+    def test_every_data_type_code(self):
+        row0, row1 = self.DATA[:4], self.DATA[4:]
+        table = [(0, "f", 1), (1, "H", 2), (2, "b", 4), (3, "f", 1), (4, "B", 4), (6, "h", 2),
+                 (7, "H", 2), (-1, "f", 1)]
+        for code, letter, count in table:
+            with self.subTest(code=code):
+                out, files = self.dump(f"output y{code} {code} 16 8 2 {count}\n")
+                values = [v for row in (row0, row1) for v in struct.unpack(f"<{count}{letter}", row)]
+                expected = row0 + row1 if letter == "f" else struct.pack(f"<{2 * count}f", *values)
+                self.assertEqual(files[f"0/y{code}.0.S.bin"], expected)
+                # A float without a NaN among it prints as Python prints it.
+                self.assertEqual(files[f"0/y{code}.0.S.float"].decode(),
+                                 "".join(f"{v:.16f}\n" for v in values))
+                self.assertIn(f"[INFO]  The value of quilm_data_type is [{code % 2**32}]\n", out)
+
+    def test_names(self):
+        _, files = self.dump("output - 4 16 8 2 4\noutput . 4 16 8 2 4\noutput a/b\\c.d 4 16 8 2 4\n"
+                             "output a.b/c/d 4 16 8 2 4\n")
+        self.assertEqual(sorted(files), [f"0/{name}.S.{suffix}" for name in (
+            "a_b_c_d.0", "a_b_c_d.1", "output.0", "output.1") for suffix in ("bin", "float")])
+
+    def test_outputs_that_cannot_be_read(self):
+        failed = "[ERROR] GetOutputWithOutStride fail\n"
+        rows = [
+            ("y 4 16 8 2 9\n", "", "[ERROR] row of output[0] has 9 bytes, its stride only 8\n"),
+            ("y 4 16 8 2 4\n", "reported_size 11\n",
+             "[ERROR] output[0] needs 12 bytes, its buffer holds 11\n"),
+            ("y 4 16 8 2 4\n", "reported_size 0\n", "[ERROR] output[0] data or size(0) invalid\n"),
+            ("y 4 16 8\n", "", "[ERROR] Error, dims para invalid\n"),
+            ("y 4 16 8 2 0\n", "", "[ERROR] Error, dims para invalid\n"),
+            ("y 4 16 8 2 -4\n", "", "[ERROR] Error, dims para invalid\n"),
+            ("y 5 16 8 2 4\n", "", "[ERROR] Error, dataSize == 0 invalid\n"),
+            ("y 4 16 8 2 4\n", "fail quilm_mdl_get_dataset_buffer 1 0\n"
+                               "fail quilm_mdl_get_dataset_buffer 2 0\n",
+             "[ERROR] output[0] dataBuffer nullptr invalid\n")]
+        for output, script, message in rows:
+            with self.subTest(output=output, script=script):
+                out, files = self.dump("output " + output, script)
+                self.assertIn("]\n" + 2 * (message + failed) + "[INFO]  dump data success\n", out)
+                self.assertEqual(files, {})
+        _, files = self.dump("output short 4 4 8 1 4\n")  # less than a row: nothing, successfully
+        self.assertEqual(files, {"0/short.0.S.float": b"", "0/short.0.S.bin": b""})
+
+
+class RpnData(OddRuntimeTest):
+    SINGLE = "input x 4 16 8 2 4\ninput r 0 32 32 1 4\n" + TASK_AND_WORK + "output y 4 16 8 2 4\n"
+    MULTI = "input x 4 16 8 2 4\ninput r 0 72 18 4 3\n" + TASK_AND_WORK + "output y 4 16 8 2 4\n"
+
+    def buffers(self):
+        return re.findall(r"^  (\d+/\d+):(\w*)$", self.calls(), re.M)
+
+    def test_layouts(self):
+        self.write("single", "1 2\t3\n4")
+        self.check(0, SUCCESS, self.SINGLE, "-r", "single")
+        self.assertIn("[INFO]  input rpn data height[1] * width[4]\n", self.run_odd(
+            self.SINGLE, "-r", "single")[1])
+        self.assertEqual(self.buffers()[1],
+                         ("32/32", (struct.pack("<4f", 1, 2, 3, 4) + bytes(16)).hex()))
+        self.write("multi", " ".join(map(str, range(1, 13))))
+        self.check(0, SUCCESS, self.MULTI, "-r", "multi")
+        # The stride of 18 bytes is rounded down to 16, four floats.
+        rows = b"".join(struct.pack("<4f", 3 * r + 1, 3 * r + 2, 3 * r + 3, 0) for r in range(4))
+        self.assertEqual(self.buffers()[1], ("72/18", (rows + bytes(8)).hex()))
+
+    def test_refused(self):
+        end = "[ERROR] Set rpn data failed\n" + FAILURE
+        single = "[ERROR] [single thr]: detPara.size {} should be 4, Please check rpn file.\n"
+        rows = [
+            ("1 2 3 4 5", self.SINGLE, single.format(5)), ("", self.SINGLE, single.format(0)),
+            ("1 2 3 4", self.SINGLE.replace("1 4", "1 5"), single.format(4)),
+            (" ".join("1" * 11), self.MULTI, "[ERROR] [multi thr]: detPara.size 11 should be 12\n"),
+            ("1 2 3 4 5 6", self.SINGLE.replace("1 4", "2 3"),
+             "[ERROR] only support single or multi class\n"),
+            ("1", self.SINGLE.replace("1 4", "-1 4"),
+             "[ERROR] only support single or multi class\n"),
+            ("1 2 3 4", self.SINGLE.replace("1 4", "1 1 4"),
+             "[ERROR] quilm_mdl_get_input_dims rpn_data error!\n"),
+            ("1,2,3,4", self.SINGLE, "[ERROR] read rpn para error\n"),
+            (" ".join("1" * 12), self.MULTI.replace("72 18", "40 18"),
+             "[ERROR] rpn data of 12 values needs 60 bytes, its buffer holds 40\n"
+             "[ERROR] SetDetParas error\n"),
+            (" ".join("1" * 12), self.MULTI.replace("72 18", "72 8"),
+             "[ERROR] row of rpn data has 12 bytes, its stride only 8\n"
+             "[ERROR] SetDetParas error\n"),
+            ("1 2 3 4", self.SINGLE + "fail quilm_rt_malloc 4 7\n",
+             "[ERROR] malloc device buffer failed\n[ERROR] SetDetParas error\n")]
+        for content, script, message in rows:
+            with self.subTest(message=message):
+                self.write("rpn", content)
+                self.check(1, message + end, script, "-r", "rpn")
+
+    def test_all_files_are_checked_before_any_is_used(self):
+        two = self.SINGLE.replace("input r", "input q 0 32 32 1 4\ninput r")
+        self.write("good", "1 2 3 4")
+        self.write("better", "5 6 7 8")
+        self.write("bad", "1 2 3")
+        self.check(1, "[ERROR] Set rpn data failed\n" + FAILURE, two, "-r", "good,bad")
+        self.assertEqual(self.calls().count("quilm_create_data_buffer"), 2)  # output and data
+        self.check(0, SUCCESS, two, "-r", "better,good")
+        self.assertEqual([content[:8] for _, content in self.buffers()[1:3]],
+                         [struct.pack("<f", v).hex() for v in (5, 1)])
+
+    def test_named_entries_pair_up_with_the_rpn_input(self):
+        self.write("rpn", "1 2 3 4")
+        self.write("a", bytes([1] * 8))
+        self.write("b", bytes([2] * 8))
+        # Named x and r, an even number: sorted in pairs, then used one entry per inference.
+        self.check(0, SUCCESS, self.SINGLE, "-r", "rpn", list_text="r:b\nx:a\n")
+        self.assertEqual([content[:4] for size, content in self.buffers() if size == "16/8"],
+                         ["0101", "0202"])
+        self.check(1, "[ERROR] failed to get file $D/x:./a\n" + STAGING_FAILED, self.SINGLE, "-r",
+                   "rpn", list_text="x:a\n")
+
+
+if __name__ == "__main__":
+    unittest.main()
