@@ -1,5 +1,6 @@
 #include "runtime/host/engine.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstdint>
 #include <opencv2/core/utils/logger.hpp>
@@ -88,6 +89,8 @@ class DnnEngine : public Engine {
       if (input.tensor->dataType == kInt32 && !HoldsExactIntegers(rows)) {
         return InexactInteger(*input.tensor);
       }
+      auto* values = rows.ptr<float>();
+      std::fill(values + std::min(input.validElements, rows.total()), values + rows.total(), 0.0F);
       net_.setInput(blob, input.tensor->name);
     }
     std::vector<cv::Mat> results;

@@ -2,6 +2,8 @@
 #ifndef QUILMRUN_RUNTIME_HOST_ENGINE_H_
 #define QUILMRUN_RUNTIME_HOST_ENGINE_H_
 
+#include <cstddef>
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <vector>
@@ -15,6 +17,7 @@ namespace quilm_host {
 struct TensorData {
   const Tensor* tensor;
   unsigned char* data;
+  size_t validElements = SIZE_MAX;  // of an input; those behind count as 0
 };
 
 class Engine {

@@ -4,8 +4,6 @@
 namespace quilm_host {
 namespace {
 
-constexpr int32_t kOrdinaryNetType = 0;
-
 bool CheckEntry(const char* kind, size_t index, const Tensor& tensor, uint64_t batchSize,
                 const quilm_data_buffer* entry) {
   const auto* buffer = state.buffers.Find(entry);
@@ -48,9 +46,30 @@ std::vector<TensorData> BatchOf(const quilm_mdl_dataset& dataset,
   std::vector<TensorData> data;
   for (size_t i = 0; i < count; ++i) {
     auto* start = static_cast<unsigned char*>(dataset.buffers[i]->pointer);
-    data.push_back({&tensors[i], start + batch * tensors[i].size});
+    data.push_back({&tensors[i], start + batch * tensors[i].size, SIZE_MAX});
   }
   return data;
+}
+
+// Elements of input 0 up to the end of the last frame that counts.
+size_t ElementsOfFrames(const Tensor& frames, int64_t totalT) {
+  const size_t elements = RowCount(frames) * RowElements(frames);
+  return elements / static_cast<size_t>(frames.dims.front()) * static_cast<size_t>(totalT);
+}
+
+quilm_error SetTotalT(const OnnxModel& onnx, int64_t totalT, quilm_mdl_dataset& input) {
+  if (onnx.netType != kRecurrent) {
+    Explain("total_t %lld: the model is not recurrent", static_cast<long long>(totalT));
+    return kBadArgument;
+  }
+  const int64_t frames = onnx.inputs[0].dims.front();
+  if (totalT < 1 || totalT > frames) {
+    Explain("total_t %lld: the model takes 1 to %lld frames", static_cast<long long>(totalT),
+            static_cast<long long>(frames));
+    return kBadArgument;
+  }
+  input.totalT = totalT;
+  return kOk;
 }
 
 quilm_error Execute(uint32_t modelId, const quilm_mdl_dataset* input,
@@ -67,9 +86,12 @@ quilm_error Execute(uint32_t modelId, const quilm_mdl_dataset* input,
   }
   const size_t dataInputs = onnx.inputs.size() - kBuffersBehindInputs;
   for (uint64_t batch = 0; batch < input->batchSize; ++batch) {
+    std::vector<TensorData> inputs = BatchOf(*input, onnx.inputs, dataInputs, batch);
+    if (input->totalT > 0) {
+      inputs[0].validElements = ElementsOfFrames(onnx.inputs[0], input->totalT);
+    }
     const std::string problem =
-        (*model)->engine->Run(BatchOf(*input, onnx.inputs, dataInputs, batch),
-                              BatchOf(*output, onnx.outputs, onnx.outputs.size(), batch));
+        (*model)->engine->Run(inputs, BatchOf(*output, onnx.outputs, onnx.outputs.size(), batch));
     if (!problem.empty()) {
       Explain("execution failed: %s", problem.c_str());
       return kEngineFailed;
@@ -101,21 +123,22 @@ quilm_error quilm_mdl_set_dynamic_batch_size(uint32_t model_id, quilm_mdl_datase
 
 quilm_error quilm_ext_get_mdl_net_type(uint32_t model_id, int32_t* net_type) {
   return Perform<quilm_error>(__func__, kNotInitialized, [=] {
-    if (state.models.Find(model_id) == nullptr || net_type == nullptr) {
+    const auto* model = state.models.Find(model_id);
+    if (model == nullptr || net_type == nullptr) {
       return kUnknownHandle;
     }
-    *net_type = kOrdinaryNetType;
+    *net_type = (*model)->onnx.netType;
     return kOk;
   });
 }
 
 quilm_error quilm_mdl_set_total_t(uint32_t model_id, quilm_mdl_dataset* input, int64_t total_t) {
-  return Perform<quilm_error>(__func__, kNotInitialized, [=] {
-    if (state.models.Find(model_id) == nullptr || state.datasets.Find(input) == nullptr) {
+  return Perform<quilm_error>(__func__, kNotInitialized, [=]() -> quilm_error {
+    const auto* model = state.models.Find(model_id);
+    if (model == nullptr || state.datasets.Find(input) == nullptr) {
       return kUnknownHandle;
     }
-    Explain("total_t %lld: the model is not recurrent", static_cast<long long>(total_t));
-    return kBadArgument;
+    return SetTotalT((*model)->onnx, total_t, *input);
   });
 }
 

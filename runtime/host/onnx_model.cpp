@@ -1,8 +1,10 @@
 #include "runtime/host/onnx_model.h"
 
+#include <charconv>
 #include <cstdlib>
 #include <memory>
 #include <set>
+#include <string_view>
 
 #include "onnx.pb-c.h"
 
@@ -102,6 +104,33 @@ std::string ReadTensors(const char* kind, Onnx__ValueInfoProto** infos, size_t c
   return {};
 }
 
+std::string ReadNetType(const Onnx__ModelProto& proto, int32_t& netType) {
+  constexpr char kKey[] = "quilm.net_type";
+  for (size_t i = 0; i < proto.n_metadata_props; ++i) {
+    const Onnx__StringStringEntryProto& entry = *proto.metadata_props[i];
+    if (entry.key == nullptr || std::string_view(entry.key) != kKey) {
+      continue;
+    }
+    const std::string_view value = entry.value == nullptr ? "" : entry.value;
+    const auto [end, error] = std::from_chars(value.begin(), value.end(), netType);
+    if (error != std::errc() || end != value.end()) {
+      return std::string(kKey) + " \"" + std::string(value) + "\" is not a number";
+    }
+  }
+  return {};
+}
+
+std::string CheckNetType(const OnnxModel& model) {
+  if (model.netType != kRecurrent) {
+    return {};
+  }
+  if (model.inputs.size() < 2 || model.inputs[0].dims.front() != model.inputs[1].dims.back()) {
+    return "a recurrent model's input 0 has as many frames, its first dimension, as input 1 has "
+           "marks, its last";
+  }
+  return {};
+}
+
 std::set<std::string> InitializerNames(const Onnx__GraphProto& graph) {
   std::set<std::string> names;
   for (size_t i = 0; i < graph.n_initializer; ++i) {
@@ -125,6 +154,12 @@ std::string ReadOnnxModel(const void* data, size_t size, const Settings& setting
   if (problem.empty()) {
     problem = ReadTensors("output", graph.output, graph.n_output, {}, settings.rowAlignment,
                           model.outputs);
+  }
+  if (problem.empty()) {
+    problem = ReadNetType(*proto, model.netType);
+  }
+  if (problem.empty()) {
+    problem = CheckNetType(model);
   }
   if (!problem.empty()) {
     return problem;

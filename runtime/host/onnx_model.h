@@ -15,8 +15,13 @@ namespace quilm_host {
 struct OnnxModel {
   std::vector<Tensor> inputs;    // the graph's, then task buffer and work buffer
   std::vector<Tensor> outputs;   // in graph order
+  int32_t netType = 0;           // what the metadata property "quilm.net_type" says
   std::vector<uint8_t> encoded;  // the ONNX file, with every batch dimension a number
 };
+
+/// The net type of recurrent models: input 0 carries frames, along its first dimension, and input 1
+/// marks for them, along its last.
+constexpr int32_t kRecurrent = 2;
 
 /// Inputs that are no graph inputs: task buffer and work buffer.
 constexpr size_t kBuffersBehindInputs = 2;

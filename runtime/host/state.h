@@ -51,6 +51,7 @@ struct quilm_data_buffer {
 struct quilm_mdl_dataset {
   std::vector<quilm_data_buffer*> buffers;
   uint64_t batchSize = 1;
+  int64_t totalT = 0;  // frames that count, of input 0 of a recurrent model; 0 means all
 };
 
 namespace quilm_host {
