@@ -17,11 +17,11 @@ from sklearn.datasets import load_digits
 HERE = Path(__file__).resolve().parent
 SEED = 1
 TRAINING_SAMPLES = 1400
-EPOCHS = 30
+EPOCHS = 60
 BATCH = 50
 LEARNING_RATE = 1.5e-2
 WEIGHT_DECAY = 0.1
-CHANNELS = (16, 24)
+CHANNELS = (10, 12)
 CLASSES = 10
 SAMPLES_PER_CLASS = 2
 PIXEL_SCALE = 1.0 / 16.0
