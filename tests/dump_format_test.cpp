@@ -43,7 +43,7 @@ TEST(BytesNeeded, CountsUpToTheLastElement) {
     size_t rows, rowElements, rowPitch, elementSize, needed;
   };
   const Row rows[] = {
-      {0, 8, 32, 4, 0},       {1, 8, 32, 4, 32},         {3, 8, 32, 4, (2 * 32 + 8) * 4},
+      {0, 8, 32, 4, 0},       {1, 8, 32, 4, 32},         {3, 8, 32, 4, 288},
       {kMax, 8, 32, 4, kMax}, {2, 8, kMax / 2, 4, kMax}, {1, kMax / 4 + 1, 0, 4, kMax},
       {2, kMax, 1, 1, kMax},
   };

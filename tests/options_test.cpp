@@ -23,6 +23,7 @@ struct Parsed {
 Parsed Parse(std::vector<std::string> words) {
   words.insert(words.begin(), "quilmrun");
   std::vector<char*> argv;
+  argv.reserve(words.size() + 1);
   for (std::string& word : words) {
     argv.push_back(word.data());
   }
