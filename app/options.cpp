@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <optional>
+#include <string_view>
 
 #include "app/log.h"
 #include "app/status.h"
@@ -78,9 +79,15 @@ void StoreOption(int letter, RunOptions& options) {
 
 void ParseOptions(RunOptions& options, int argc, char** argv) {
   optind = 1;
-  int letter = 0;
-  while (options.numbersValid && (letter = getopt(argc, argv, kOptionString)) != -1) {
-    StoreOption(letter, options);
+  while (options.numbersValid && optind < argc) {
+    const int letter = getopt(argc, argv, kOptionString);
+    if (letter != -1) {
+      StoreOption(letter, options);
+    } else if (optind < argc && std::string_view(argv[optind - 1]) != "--") {
+      ++optind;  // not every getopt() steps over a word that is no option by itself
+    } else {
+      return;
+    }
   }
 }
 

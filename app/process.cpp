@@ -1,5 +1,7 @@
 // The run driver: from a runtime that is up to a model that has run over every input group.
+#include <algorithm>
 #include <cstddef>
+#include <new>
 #include <string>
 #include <vector>
 
@@ -13,7 +15,13 @@ namespace quilmrun {
 
 int SampleProcess::Process() {
   ModelProcess model(rpnFiles, batchSize, nlpTotalT, profile);
-  return RunModel(model);
+  try {
+    return RunModel(model);
+  } catch (const std::bad_alloc&) {
+    // Whatever was held is released on the way here, and the runtime still has to go down.
+    LogError("out of memory");
+    return kFailure;
+  }
 }
 
 int SampleProcess::RunModel(ModelProcess& model) {
@@ -39,8 +47,12 @@ int SampleProcess::RunModel(ModelProcess& model) {
 }
 
 int SampleProcess::RunGroups(ModelProcess& model) {
-  // Wraps to a huge number, and so to no iteration, when there are more RPN files than inputs.
-  const size_t inputNum = model.GetInputNum() - rpnFiles.size();
+  const size_t modelInputs = model.GetInputNum();
+  if (rpnFiles.size() > modelInputs) {
+    LogWarn("%zu rpn files, but the model has %zu inputs: nothing to execute", rpnFiles.size(),
+            modelInputs);
+  }
+  const size_t inputNum = modelInputs - std::min(modelInputs, rpnFiles.size());
   LogInfo("Model inputNum: %zu", inputNum);
   const size_t iterations = inputNum == 0 ? 0 : inputFiles.size() / inputNum;
   LogInfo("Model Iters : %zu", iterations);

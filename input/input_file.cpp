@@ -39,8 +39,8 @@ void DropFilled(std::vector<iovec>& pieces, size_t size) {
 
 }  // namespace
 
-InputFile::InputFile(const std::string& path)
-    : descriptor_(open(path.c_str(), O_RDONLY | O_CLOEXEC)) {
+InputFile::InputFile(const std::string& path, int flags)
+    : descriptor_(open(path.c_str(), O_RDONLY | O_CLOEXEC | flags)) {
   if (IsOpen() && IsDirectory(descriptor_)) {
     close(descriptor_);
     descriptor_ = -1;
@@ -86,7 +86,7 @@ bool InputFile::ReadPieces(std::vector<iovec>& pieces) const {
   return true;
 }
 
-std::string InputFile::ReadText() const {
+std::optional<std::string> InputFile::ReadText(size_t limit) const {
   constexpr size_t kChunkSize = 65536;
   std::string text;
   size_t received = 0;
@@ -95,6 +95,9 @@ std::string InputFile::ReadText() const {
     text.resize(done + kChunkSize);
     received = Read(&text[done], kChunkSize);
     text.resize(done + received);
+    if (text.size() > limit) {
+      return std::nullopt;
+    }
   } while (received == kChunkSize);
   return text;
 }

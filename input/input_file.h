@@ -16,8 +16,9 @@ namespace quilmrun {
 /// where the caller wants them. Closes the file when destroyed. Prints nothing.
 class InputFile {
  public:
-  /// Opens `path`. A directory counts as not opened: it has no bytes to read.
-  explicit InputFile(const std::string& path);
+  /// Opens `path`, with `flags` on top of those for reading. A directory counts as not opened: it
+  /// has no bytes to read.
+  explicit InputFile(const std::string& path, int flags = 0);
   ~InputFile();
   InputFile(const InputFile&) = delete;
   InputFile& operator=(const InputFile&) = delete;
@@ -36,8 +37,8 @@ class InputFile {
   /// false when the file ended first.
   bool ReadPieces(std::vector<iovec>& pieces) const;
 
-  /// All bytes up to the end. REQUIRES: IsOpen().
-  std::string ReadText() const;
+  /// All bytes up to the end; nothing when there are more than `limit`. REQUIRES: IsOpen().
+  std::optional<std::string> ReadText(size_t limit) const;
 
  private:
   int descriptor_;

@@ -3,8 +3,8 @@
 #include <libgen.h>
 
 #include <algorithm>
+#include <optional>
 
-#include "input/input_file.h"
 #include "input/utils.h"
 
 namespace quilmrun {
@@ -34,15 +34,13 @@ std::vector<std::string_view> Split(std::string_view text, char separator) {
 }  // namespace
 
 std::vector<std::string> ReadInputList(const std::string& listPath) {
-  const InputFile file(listPath);
-  if (!file.IsOpen()) {
-    ReportOpenFailure(listPath);
+  const std::optional<std::string> text = ReadTextFile(listPath);
+  if (!text.has_value()) {
     return {};
   }
-  const std::string text = file.ReadText();
   const std::string directory = DirectoryOf(listPath);
   std::vector<std::string> entries;
-  for (const std::string_view line : Split(text, '\n')) {
+  for (const std::string_view line : Split(*text, '\n')) {
     if (!line.empty()) {
       entries.push_back(WithDirectory(line, directory));
     }

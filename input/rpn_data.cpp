@@ -2,10 +2,10 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <optional>
 
 #include "app/log.h"
 #include "app/status.h"
-#include "input/input_file.h"
 #include "input/number.h"
 #include "input/utils.h"
 #include "model/model_process.h"
@@ -28,15 +28,12 @@ int ReadRpnFile(const std::string& path, std::vector<float>& values) {
   if (CheckFile(path) != kSuccess) {
     return kFailure;
   }
-  const InputFile file(path);
-  if (!file.IsOpen()) {
-    ReportOpenFailure(path);
-    return kFailure;
-  }
-  return ParseFloats(file.ReadText(), values) ? kSuccess : kFailure;
+  const std::optional<std::string> text = ReadTextFile(path);
+  return text.has_value() && ParseFloats(*text, values) ? kSuccess : kFailure;
 }
 
 int ModelProcess::SetRpnData() {
+  const size_t rpnInput = GetInputNum() - 1;
   std::vector<std::vector<float>> detParas;
   for (const std::string& rpnFile : rpnFiles) {
     std::vector<float> values;
@@ -44,7 +41,7 @@ int ModelProcess::SetRpnData() {
       LogError("read rpn para error");
       return kFailure;
     }
-    if (CheckRpnShape(values.size()) != kSuccess) {
+    if (CheckRpnShape(rpnInput, values.size()) != kSuccess) {
       return kFailure;
     }
     detParas.push_back(std::move(values));
@@ -58,10 +55,9 @@ int ModelProcess::SetRpnData() {
   return kSuccess;
 }
 
-int ModelProcess::CheckRpnShape(size_t count) {
+int ModelProcess::CheckRpnShape(size_t rpnInput, size_t count) {
   quilm_mdl_io_dims dims;
-  if (QueryDims(kInputQueries, modelDesc.get(), GetInputNum() - 1, dims) != 0 ||
-      dims.dim_count != 2) {
+  if (QueryDims(kInputQueries, modelDesc.get(), rpnInput, dims) != 0 || dims.dim_count != 2) {
     LogError("quilm_mdl_get_input_dims rpn_data error!");
     return kFailure;
   }

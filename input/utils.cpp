@@ -1,5 +1,6 @@
 #include "input/utils.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -17,6 +18,13 @@ namespace {
 constexpr int kMaxPathLength = 4096;
 // realpath() may write PATH_MAX bytes, terminator included, whatever the input's length.
 using PathBuffer = std::array<char, kMaxPathLength + 1>;
+
+// Sizes have to fit signed 32-bit counts.
+constexpr int64_t kMaxFileSize = std::numeric_limits<int32_t>::max();
+
+void ReportTooLarge(const std::string& path) {
+  LogError("file %s is too large, 2 GiB or more is not supported", path.c_str());
+}
 
 std::string AbsoluteAsText(const std::string& path) {
   PathBuffer directory{};
@@ -61,16 +69,29 @@ std::optional<uint32_t> SupportedSize(const InputFile& file, const std::string& 
     LogError("can't get the size of file %s", path.c_str());
     return std::nullopt;
   }
-  if (*size > std::numeric_limits<int32_t>::max()) {
-    LogError("file %s holds %lld bytes, 2 GiB or more is not supported", path.c_str(),
-             static_cast<long long>(*size));
+  if (*size > kMaxFileSize) {
+    ReportTooLarge(path);
     return std::nullopt;
   }
   return static_cast<uint32_t>(*size);
 }
 
-int GetFileSize(const std::string& path, uint32_t& size) {
+std::optional<std::string> ReadTextFile(const std::string& path) {
   const InputFile file(path);
+  if (!file.IsOpen()) {
+    ReportOpenFailure(path);
+    return std::nullopt;
+  }
+  std::optional<std::string> text = file.ReadText(kMaxFileSize);
+  if (!text.has_value()) {
+    ReportTooLarge(path);
+  }
+  return text;
+}
+
+int GetFileSize(const std::string& path, uint32_t& size) {
+  // The path may name a pipe, whose opening would otherwise wait for somebody to write to it.
+  const InputFile file(path, O_NONBLOCK);
   if (!file.IsOpen()) {
     ReportOpenFailure(path);
     return kFailure;

@@ -4,6 +4,7 @@
 #define QUILMRUN_INPUT_UTILS_H_
 
 #include <cstdint>
+#include <optional>
 #include <string>
 
 #include "input/input_file.h"
@@ -27,6 +28,10 @@ DeviceMemory ReadBinFile(const std::string& path, uint32_t& size);
 /// that cannot be resolved is passed on, made absolute as text: the step that opens it reports it
 /// by a name that the user knows. Both may be the same string.
 int ResolvePath(const std::string& inputPath, std::string& resolvedPath);
+
+/// The whole text of a file, pipes included; nothing when it cannot be opened or holds 2 GiB or
+/// more.
+std::optional<std::string> ReadTextFile(const std::string& path);
 
 /// Prints that `path` cannot be opened.
 void ReportOpenFailure(const std::string& path);

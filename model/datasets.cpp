@@ -45,11 +45,12 @@ void ModelProcess::DestroyInput() {
 }
 
 int ModelProcess::CreateInput(void* buffer, size_t size, int32_t stride) {
-  return AppendInput(buffer, size, static_cast<size_t>(stride));
+  DataBuffer dataBuffer;
+  return AppendInput(dataBuffer, buffer, size, static_cast<size_t>(stride));
 }
 
-int ModelProcess::AppendInput(void* buffer, size_t size, size_t stride) {
-  DataBuffer dataBuffer(quilm_create_data_buffer(buffer, size, stride));
+int ModelProcess::AppendInput(DataBuffer& dataBuffer, void* buffer, size_t size, size_t stride) {
+  dataBuffer.reset(quilm_create_data_buffer(buffer, size, stride));
   if (dataBuffer == nullptr) {
     LogError("can't create data buffer, create input failed");
     return kFailure;
@@ -125,6 +126,7 @@ int ModelProcess::CreateOutputBuffer(size_t index) {
   }
   HandOverToDataset(dataBuffer);
   HandOverToDataset(memory);
+  outputSizes_.push_back(size);
   return kSuccess;
 }
 

@@ -16,9 +16,12 @@ bool PrintTensor(const TensorQueries& queries, const quilm_mdl_desc* desc, size_
   }
   LogInfo("%s index: %zu, name: %s", queries.title, index, TensorName(dims).c_str());
   LogInfo("Shape: %s", FormatShape(dims).c_str());
-  LogInfo("DataType: %d, stride: %zu, format: %d, dataSizeWithStride: %zu",
-          queries.dataType(desc, index), queries.stride(desc, index), queries.format(desc, index),
-          batchSize * queries.size(desc, index));
+  const int32_t dataType = queries.dataType(desc, index);
+  const size_t size = batchSize * queries.size(desc, index);
+  const size_t stride = queries.stride(desc, index);
+  const int32_t format = queries.format(desc, index);
+  LogInfo("DataType: %d, stride: %zu, format: %d, dataSizeWithStride: %zu", dataType, stride,
+          format, size);
   return true;
 }
 

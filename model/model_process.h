@@ -98,7 +98,8 @@ class ModelProcess {
   /// Appends `buffer`, device memory of `size` bytes, to the input dataset. On success the dataset
   /// owns the memory, on failure the caller still does.
   int CreateInput(void* buffer, size_t size, int32_t stride);
-  int AppendInput(void* buffer, size_t size, size_t stride);
+  /// The same with `dataBuffer`, empty before, owning the data buffer until it is appended.
+  int AppendInput(DataBuffer& dataBuffer, void* buffer, size_t size, size_t stride);
 
   /// CreateInput() for memory that is freed when it fails.
   int AddInput(DeviceMemory memory, size_t size, size_t stride);
@@ -106,9 +107,9 @@ class ModelProcess {
   int CreateOutputBuffer(size_t index);
   int CreateTaskOrWorkBuf(int32_t index);
 
-  /// Checks `count` values of an RPN file against the dimensions of the RPN parameter input, the
-  /// last input before the task buffer, and keeps these in rpnHeight and rpnWidth.
-  int CheckRpnShape(size_t count);
+  /// Checks `count` values of an RPN file against the dimensions of input `rpnInput` and keeps
+  /// these in rpnHeight and rpnWidth.
+  int CheckRpnShape(size_t rpnInput, size_t count);
 
   /// Appends a buffer of RPN parameters, with the size and stride of input 1. Up to 4 values
   /// (single class) stand at its start; 4 * rpnWidth values (multi class) as 4 rows, one stride
@@ -145,6 +146,7 @@ class ModelProcess {
   Description modelDesc;
   Dataset input;
   Dataset output;
+  std::vector<size_t> outputSizes_;  // bytes allocated for each output
   uint32_t rpnHeight = 0;
   uint32_t rpnWidth = 0;
 };

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstring>
+#include <new>
 
 #include "app/log.h"
 #include "app/status.h"
@@ -41,10 +42,23 @@ void ExtractRows<float>(const OutputRows& rows, float* target) {
   }
 }
 
+// False when there is no memory for `count` more values: outputs can be larger than what a board
+// has left, and the other outputs are still wanted then.
+bool Grow(std::vector<float>& values, size_t count) {
+  try {
+    values.resize(values.size() + count);
+  } catch (const std::bad_alloc&) {
+    return false;
+  }
+  return true;
+}
+
 }  // namespace
 
 void ModelProcess::DumpModelOutput(const std::string& outputPath) {
-  const size_t count = quilm_mdl_get_dataset_num_buffers(output.get());
+  // No more than were created, whatever the runtime says.
+  const size_t count =
+      std::min(quilm_mdl_get_dataset_num_buffers(output.get()), outputSizes_.size());
   std::vector<std::string> usedNames(count);
   const std::string runDirectory = outputPath + "/" + std::to_string(executeCount - 1);
   // A directory that cannot be made shows up as files that cannot be created.
@@ -130,7 +144,11 @@ int ModelProcess::GetOutputWithOutStride(std::vector<float>& values, size_t inde
     return kFailure;
   }
   const size_t present = values.size();
-  values.resize(present + rows.rows * rows.rowElements);
+  const size_t added = rows.rows * rows.rowElements;
+  if (!Grow(values, added)) {
+    LogError("output[%zu]: no memory for %zu values", index, added);
+    return kFailure;
+  }
   ExtractRows<T>(rows, values.data() + present);
   return kSuccess;
 }
@@ -142,7 +160,7 @@ int ModelProcess::LocateOutput(size_t index, OutputRows& rows) {
     return kFailure;
   }
   rows.data = static_cast<const unsigned char*>(quilm_get_data_buffer_addr(buffer));
-  rows.size = quilm_get_data_buffer_size(buffer);
+  rows.size = std::min(quilm_get_data_buffer_size(buffer), outputSizes_[index]);
   if (rows.data == nullptr || rows.size == 0) {
     LogError("output[%zu] data or size(%zu) invalid", index, rows.size);
     return kFailure;

@@ -295,6 +295,34 @@ class BadInput(HostRuntimeTest):
         _, out, _ = self.run_tool("-m", "m.onnx", "-j", "q.json")
         self.assertIn(empty + NO_MEDIA_MEMORY + empty + NO_MEDIA_MEMORY + failed, out)
 
+    def test_files_of_unsupported_kinds(self):
+        self.write("q.json", "{}")
+        os.mkfifo(self.dir / "fifo")
+        with open(self.dir / "huge", "wb") as huge:
+            huge.truncate(2**31)
+        too_large = "[ERROR] file $D/huge is too large, 2 GiB or more is not supported\n"
+        for name, messages in [
+                ("fifo", ("[ERROR] $D/fifo is not a file, please enter a file\n",
+                          "[ERROR] can't get the size of file $D/fifo\n")),
+                (".", ("[ERROR] $D is not a file, please enter a file\n",
+                       "[ERROR] open file $D failed\n")),
+                ("none", ("[ERROR] failed to get file $D/none\n",
+                          "[ERROR] open file $D/none failed\n")),
+                ("huge", (too_large, too_large))]:
+            status, out, _ = self.run_tool("-m", name, "-j", "q.json")
+            self.assertEqual(status, 1)
+            self.assertIn(NO_MEDIA_MEMORY.join(messages), out)
+        self.check(1, "[INFO]  Reading bin file [$D/huge]\n" + too_large +
+                   "[ERROR] get pic device buffer failed\n[ERROR] CreateInputBuf failed\n" +
+                   FAILURE, list_text="huge")
+
+    def test_options_behind_words(self):
+        os.environ["POSIXLY_CORRECT"] = "1"
+        self.addCleanup(os.environ.pop, "POSIXLY_CORRECT")
+        _, out, _ = self.run_tool("word", "-b", "8", "word", "-t", "2", "--", "-b", "9")
+        self.assertTrue(out.startswith("[INFO]  batchSize: 8\n[INFO]  nlpTotalT: 2\n"
+                                       "[INFO]  inputPath: \n"), out)
+
     def test_settings(self):
         self.write("m.onnx", relu([1, 8]))
         for content, reason in [

@@ -369,7 +369,7 @@ size_t quilm_get_data_buffer_size(const quilm_data_buffer* buffer) {
 
 size_t quilm_data_type_size(int32_t data_type) {
   static const std::map<int32_t, size_t> kBits = {{0, 32}, {1, 16}, {2, 8},  {3, 32}, {4, 8},
-                                                  {5, 4},  {6, 16}, {7, 16}, {-1, 32}};
+                                                  {5, 4},  {6, 16}, {7, 16}, {8, 8},  {-1, 32}};
   const auto found = kBits.find(data_type);
   return found == kBits.end() ? 0 : found->second;
 }

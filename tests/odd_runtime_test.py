@@ -2,10 +2,11 @@
 
 import os
 import re
+import resource
 import struct
 import unittest
 
-from tool import NO_MEDIA_MEMORY, TEARDOWN, ToolTest
+from tool import QUILMRUN, TEARDOWN, ToolTest
 
 ODD_RUNTIME = os.environ["ODD_RUNTIME"]
 
@@ -18,13 +19,13 @@ STAGING_FAILED = "[ERROR] get pic device buffer failed\n[ERROR] CreateInputBuf f
 
 
 class OddRuntimeTest(ToolTest):
-    def run_odd(self, script, *options, data=bytes(range(1, 9)), list_text="x.bin\n"):
+    def run_odd(self, script, *options, data=bytes(range(1, 9)), list_text="x.bin\n", limit=None):
         self.write("m.om", "model")
         self.write("x.bin", data)
         self.write("list.txt", list_text)
         self.write("odd.cfg", f"log {self.dir}/calls\n" + script)
         status, out, err = self.run_tool("-m", "m.om", "-i", "list.txt", "-j", "odd.cfg", "-o",
-                                         "out", *options, library=ODD_RUNTIME)
+                                         "out", *options, library=ODD_RUNTIME, preexec_fn=limit)
         self.assertEqual(err, "")
         self.assertIn("quilm_finalize live 0\n", self.calls(), "everything is released")
         return status, out
@@ -139,9 +140,10 @@ class Descriptions(OddRuntimeTest):
                 TASK_AND_WORK, 0)):
             self.check(0, f"[INFO]  Model inputNum: {number}\n[INFO]  Model Iters : 0\n" + SUCCESS,
                        script)
-        # More RPN files than inputs: nothing is executed.
         self.write("r", "1")
-        self.check(0, "[INFO]  Model Iters : 0\n" + SUCCESS, PLAIN, "-r", "r,r,r")
+        self.check(0, "[WARN]  3 rpn files, but the model has 1 inputs: nothing to execute\n"
+                      "[INFO]  Model inputNum: 0\n[INFO]  Model Iters : 0\n" + SUCCESS, PLAIN,
+                   "-r", "r,r,r")
 
     def test_figures_that_make_no_sense(self):
         staging = "[ERROR] GetStrideParam error\n[ERROR] CreateInputBuf failed\n" + FAILURE
@@ -197,6 +199,8 @@ class Outputs(OddRuntimeTest):
     DATA = bytes([0, 255, 1, 128, 0xFF, 0x7F, 0x80, 0x3F])
 
     def dump(self, output, script="", *options):
+        for path in (self.dir / "out").glob("*/*"):
+            path.unlink()
         status, out = self.run_odd("input x 4 16 8 2 4\n" + TASK_AND_WORK + output + script,
                                    *options, data=self.DATA)
         self.assertEqual(status, 0)
@@ -231,6 +235,8 @@ class Outputs(OddRuntimeTest):
             ("y 4 16 8 2 9\n", "", "[ERROR] row of output[0] has 9 bytes, its stride only 8\n"),
             ("y 4 16 8 2 4\n", "reported_size 11\n",
              "[ERROR] output[0] needs 12 bytes, its buffer holds 11\n"),
+            ("y 8 16 4 2 1\n", "reported_size 999\n",  # one byte an element, but read as floats
+             "[ERROR] output[0] needs 52 bytes, its buffer holds 16\n"),
             ("y 4 16 8 2 4\n", "reported_size 0\n", "[ERROR] output[0] data or size(0) invalid\n"),
             ("y 4 16 8\n", "", "[ERROR] Error, dims para invalid\n"),
             ("y 4 16 8 2 0\n", "", "[ERROR] Error, dims para invalid\n"),
@@ -244,8 +250,22 @@ class Outputs(OddRuntimeTest):
                 out, files = self.dump("output " + output, script)
                 self.assertIn("]\n" + 2 * (message + failed) + "[INFO]  dump data success\n", out)
                 self.assertEqual(files, {})
+        out, _ = self.dump("output y 4 16 8 2 4\n", "fail quilm_mdl_get_dataset_num_buffers 2 -1\n")
+        self.assertEqual(out.count("quilm_data_type"), 1)
         _, files = self.dump("output short 4 4 8 1 4\n")  # less than a row: nothing, successfully
         self.assertEqual(files, {"0/short.0.S.float": b"", "0/short.0.S.bin": b""})
+
+
+    @unittest.skipIf("debug" in QUILMRUN, "address checking needs the whole address space")
+    def test_an_output_too_large_for_the_memory_left(self):
+        count = 64 * 2**20
+        def limit():
+            resource.setrlimit(resource.RLIMIT_AS, (5 * count, 5 * count))
+        status, out = self.run_odd(PLAIN + f"output big 4 {count} {count} 1 {count}\n", limit=limit)
+        self.assertEqual(status, 0)
+        self.assertEqual(out.count(f"[ERROR] output[1]: no memory for {count} values\n"
+                                   "[ERROR] GetOutputWithOutStride fail\n"), 2)
+        self.assertEqual(sorted(self.outputs()), ["0/y.0.S.bin", "0/y.0.S.float"])
 
 
 class RpnData(OddRuntimeTest):
@@ -267,6 +287,10 @@ class RpnData(OddRuntimeTest):
         # The stride of 18 bytes is rounded down to 16, four floats.
         rows = b"".join(struct.pack("<4f", 3 * r + 1, 3 * r + 2, 3 * r + 3, 0) for r in range(4))
         self.assertEqual(self.buffers()[1], ("72/18", (rows + bytes(8)).hex()))
+        # Where rows overlap, the later one counts.
+        self.check(0, SUCCESS, self.MULTI.replace("72 18", "72 8"), "-r", "multi")
+        rows = struct.pack("<9f", 1, 2, 4, 5, 7, 8, 10, 11, 12)
+        self.assertEqual(self.buffers()[1], ("72/8", (rows + bytes(36)).hex()))
 
     def test_refused(self):
         end = "[ERROR] Set rpn data failed\n" + FAILURE
@@ -285,8 +309,8 @@ class RpnData(OddRuntimeTest):
             (" ".join("1" * 12), self.MULTI.replace("72 18", "40 18"),
              "[ERROR] rpn data of 12 values needs 60 bytes, its buffer holds 40\n"
              "[ERROR] SetDetParas error\n"),
-            (" ".join("1" * 12), self.MULTI.replace("72 18", "72 8"),
-             "[ERROR] row of rpn data has 12 bytes, its stride only 8\n"
+            (" ".join("1" * 12), self.MULTI.replace("72 18", f"72 {2**31}"),
+             "[ERROR] rpn data of 12 values needs 13835058055282163721 bytes, its buffer holds 72\n"
              "[ERROR] SetDetParas error\n"),
             ("1 2 3 4", self.SINGLE + "fail quilm_rt_malloc 4 7\n",
              "[ERROR] malloc device buffer failed\n[ERROR] SetDetParas error\n")]

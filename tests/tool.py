@@ -55,10 +55,9 @@ class ToolTest(unittest.TestCase):
         """Runs the tool in the test's directory; returns (status, masked stdout, stderr)."""
         environment = dict(os.environ, **({"LD_LIBRARY_PATH": library} if library else {}))
         result = subprocess.run([os.path.abspath(QUILMRUN), *map(str, arguments)], cwd=self.dir,
-                                env=environment, timeout=120, check=False,
-                                stdout=options.get("stdout", subprocess.PIPE),
-                                stderr=subprocess.PIPE)
-        return result.returncode, self.mask((result.stdout or b"").decode()), \
+                                env=environment, timeout=120, check=False, capture_output=True,
+                                **options)
+        return result.returncode, self.mask(result.stdout.decode()), \
             result.stderr.decode().replace(str(self.dir), "$D")
 
     def mask(self, text):
