@@ -145,7 +145,8 @@ def add_spread(graph, row):
     point = graph.reshape(row, 1, DISCS, 1, 1)
     sizes = graph.constant([1, DISCS, ROWS, COLUMNS], np.int64)
     return graph.add(
-        "Resize", point, "", "", sizes, mode="nearest", coordinate_transformation_mode="asymmetric"
+        "Resize", point, "", "", sizes, mode="nearest", nearest_mode="floor",
+        coordinate_transformation_mode="asymmetric",
     )
 
 
