@@ -65,6 +65,7 @@ class DnnEngine : public Engine {
       : net_(cv::dnn::readNetFromONNX(reinterpret_cast<const char*>(model.encoded.data()),
                                       model.encoded.size())) {
     net_.setPreferableBackend(cv::dnn::DNN_BACKEND_OPENCV);
+    net_.enableFusion(false);  // merged layers are wrong in ways that depend on the whole graph
     for (const Tensor& output : model.outputs) {
       outputNames_.push_back(output.name);
     }

@@ -7,6 +7,7 @@
 #include <string_view>
 
 #include "onnx.pb-c.h"
+#include "runtime/host/operators.h"
 
 namespace quilm_host {
 namespace {
@@ -160,6 +161,9 @@ std::string ReadOnnxModel(const void* data, size_t size, const Settings& setting
   }
   if (problem.empty()) {
     problem = CheckNetType(model);
+  }
+  if (problem.empty()) {
+    problem = FindUnsupportedNode(*proto);
   }
   if (!problem.empty()) {
     return problem;
