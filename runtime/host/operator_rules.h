@@ -35,8 +35,8 @@ struct Call {
 /// limits are those within which the engine was seen to agree with the ONNX operators.
 using Rule = const char*(Call& call);
 
-inline const char* Give(Call& call, Dims dims) {
-  call.out.assign(1, std::move(dims));
+inline const char* Give(Call& call, const Dims& dims) {
+  call.out.assign(1, dims);
   return nullptr;
 }
 

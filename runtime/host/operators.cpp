@@ -316,7 +316,8 @@ std::string FindUnsupportedNode(const Onnx__ModelProto& model) {
     reason = CheckNode(node, &facts);
     if (!reason.empty()) {
       const std::string op = node.op_type == nullptr ? "" : node.op_type;
-      return OneLine("node \"" + NameOf(node) + "\" (" + op + "): " + reason);
+      std::string line = "node \"" + NameOf(node);
+      return OneLine(line.append("\" (").append(op).append("): ").append(reason));
     }
   }
   for (size_t i = 0; i < graph.n_output; ++i) {
