@@ -13,6 +13,19 @@ class OutputError(Exception):
     """An output (or input) file is missing or is not what the model promises."""
 
 
+def run_viewer(show):
+    """Runs `show` on the output directory named on the command line.
+
+    Exit status 0 if it returns true, 1 if not or if a file is missing.
+    """
+    if len(sys.argv) != 2:
+        sys.exit("usage: show.py OUTDIR")
+    try:
+        sys.exit(0 if show(sys.argv[1]) else 1)
+    except (OutputError, OSError) as error:
+        sys.exit(f"show.py: {error}")
+
+
 def read_list(list_path):
     """Returns the entries of an input list as (input name or "", path) pairs.
 

@@ -16,9 +16,9 @@ namespace {
 struct Staging {
   const quilm_mdl_io_dims& dims;
   size_t index;
-  size_t singleBatchSize;
-  size_t stride;
-  size_t elementSize;
+  size_t singleBatchSize = 0;
+  size_t stride = 0;
+  size_t elementSize = 0;
   size_t fileSize = 0;
   size_t allocationSize = 0;
 };
@@ -32,11 +32,13 @@ int CheckElementSize(size_t elementSize) {
 }
 
 Staging QueryStaging(const quilm_mdl_io_dims& dims, const quilm_mdl_desc* desc, size_t index) {
-  const Staging staging{dims, index, kInputQueries.size(desc, index),
-                        kInputQueries.stride(desc, index), ElementSize(kInputQueries, desc, index)};
+  Staging staging{dims, index};
+  staging.singleBatchSize = kInputQueries.size(desc, index);
   LogInfo("The amount of data required for inference in a single batch is [%zu]",
           staging.singleBatchSize);
+  staging.stride = kInputQueries.stride(desc, index);
   LogInfo("The stride of model is [%zu]", staging.stride);
+  staging.elementSize = ElementSize(kInputQueries, desc, index);
   LogInfo("The data size of data type is [%zu]", staging.elementSize);
   return staging;
 }

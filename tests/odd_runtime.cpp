@@ -178,20 +178,17 @@ quilm_error quilm_finalize(void) {
   return 0;
 }
 
-quilm_error quilm_rt_set_device(int32_t device_id) {
-  RECORD(int, " %d", device_id);
-  return 0;
-}
+// Nothing to do but to note the call.
+#define ODD_NOTE(function, Type, format) \
+  quilm_error function(Type value) {     \
+    RECORD(int, format, value);          \
+    return 0;                            \
+  }
 
-quilm_error quilm_rt_reset_device(int32_t device_id) {
-  RECORD(int, " %d", device_id);
-  return 0;
-}
-
-quilm_error quilm_rt_set_op_wait_timeout(uint32_t timeout) {
-  RECORD(int, " %u", timeout);
-  return 0;
-}
+ODD_NOTE(quilm_rt_set_device, int32_t, " %d")
+ODD_NOTE(quilm_rt_reset_device, int32_t, " %d")
+ODD_NOTE(quilm_rt_set_op_wait_timeout, uint32_t, " %u")
+ODD_NOTE(quilm_mdl_unload, uint32_t, " %u")
 
 quilm_error quilm_rt_create_context(quilm_rt_context* context, int32_t device_id) {
   RECORD(int, " %d", device_id);
@@ -244,11 +241,6 @@ quilm_error quilm_rt_free(void* pointer) {
 quilm_error quilm_mdl_load_from_mem(const void*, size_t size, uint32_t* model_id) {
   RECORD(int, " %zu", size);
   *model_id = 77;
-  return 0;
-}
-
-quilm_error quilm_mdl_unload(uint32_t model_id) {
-  RECORD(int, " %u", model_id);
   return 0;
 }
 

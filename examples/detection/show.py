@@ -10,7 +10,7 @@ from pathlib import Path
 
 HERE = Path(__file__).resolve().parent
 sys.path.insert(0, str(HERE.parent))
-from outputs import OutputError, read_output  # noqa: E402
+from outputs import OutputError, read_output, run_viewer  # noqa: E402
 from picture import Picture  # noqa: E402
 
 HEIGHT, WIDTH = 128, 160
@@ -108,14 +108,5 @@ def show(outdir):
     return fewer
 
 
-def main():
-    if len(sys.argv) != 2:
-        sys.exit("usage: show.py OUTDIR")
-    try:
-        sys.exit(0 if show(sys.argv[1]) else 1)
-    except (OutputError, OSError) as error:
-        sys.exit(f"show.py: {error}")
-
-
 if __name__ == "__main__":
-    main()
+    run_viewer(show)

@@ -9,7 +9,7 @@ from pathlib import Path
 
 HERE = Path(__file__).resolve().parent
 sys.path.insert(0, str(HERE.parent))
-from outputs import OutputError, newest_output, read_list, read_output  # noqa: E402
+from outputs import OutputError, newest_output, read_list, read_output, run_viewer  # noqa: E402
 
 SIZE = 8
 CLASSES = 10
@@ -56,7 +56,7 @@ def print_blocks(blocks):
 
 
 def show(outdir):
-    """Prints all digits with the numbers recognised; returns how many are right."""
+    """Prints all digits with the numbers recognised; returns whether enough are right."""
     paths = [path for _, path in read_list(HERE / "list.txt")]
     shown = [digit_block(outdir, run, path) for run, path in enumerate(paths)]
     print("Each digit: true number -> recognised number, probability\n")
@@ -65,17 +65,8 @@ def show(outdir):
     print(f"{right} of {len(paths)} right")
     print(f"The probabilities are in {outdir}/<run>/, the first in")
     print(f"  {newest_output(outdir, 0, 'probabilities')}")
-    return right
-
-
-def main():
-    if len(sys.argv) != 2:
-        sys.exit("usage: show.py OUTDIR")
-    try:
-        sys.exit(0 if show(sys.argv[1]) >= WANTED_RIGHT else 1)
-    except (OutputError, OSError) as error:
-        sys.exit(f"show.py: {error}")
+    return right >= WANTED_RIGHT
 
 
 if __name__ == "__main__":
-    main()
+    run_viewer(show)

@@ -11,7 +11,7 @@ from pathlib import Path
 
 HERE = Path(__file__).resolve().parent
 sys.path.insert(0, str(HERE.parent))
-from outputs import OutputError, read_floats, read_list, read_output  # noqa: E402
+from outputs import OutputError, read_floats, read_list, read_output, run_viewer  # noqa: E402
 from plot import characters, svg  # noqa: E402
 
 SAMPLES_PER_MS = 0.36
@@ -114,14 +114,5 @@ def show(outdir):
     return network < last
 
 
-def main():
-    if len(sys.argv) != 2:
-        sys.exit("usage: show.py OUTDIR")
-    try:
-        sys.exit(0 if show(sys.argv[1]) else 1)
-    except (OutputError, OSError) as error:
-        sys.exit(f"show.py: {error}")
-
-
 if __name__ == "__main__":
-    main()
+    run_viewer(show)
