@@ -6,7 +6,8 @@
 namespace quilmrun {
 namespace {
 
-void PrintLine(const char* prefix, const char* format, va_list arguments) {
+__attribute__((format(printf, 2, 0))) void PrintLine(const char* prefix, const char* format,
+                                                     va_list arguments) {
   std::fputs(prefix, stdout);
   std::vprintf(format, arguments);
   std::fputc('\n', stdout);
