@@ -190,6 +190,39 @@ class WholeRuns(HostRuntimeTest):
             "[ERROR] execute inference failed\n" + FAILURE))
         self.assertEqual(sorted({name[0] for name in self.outputs()}), ["0", "1"])
 
+    def test_recurrent_model(self):
+        # Two of three frames are there; the staged third one counts as zeros, marks are not cut.
+        shape = [3, 1, 2]
+        proto = model([helper.make_node("Neg", ["f"], ["y"]), helper.make_node("Neg", ["m"], ["n"])],
+                      [tensor("f", shape), tensor("m", [1, 3])],
+                      [tensor("y", shape), tensor("n", [1, 3])], properties={"quilm.net_type": "2"})
+        self.write("frames", floats(1, 2, 3, 4))
+        self.write("marks", floats(1, 1, 1))
+        status, out, err = self.run_model(proto, "m:marks\nf:frames", "-t", "1", "-b", "1")
+        self.assertEqual((status, err), (0, ""))
+        self.assertIn("[INFO]  nlpTotalT: 1\n", out)
+        self.assertIn("[WARN]  quilm_mdl_set_dynamic_batch_size set batchsize to 1\n"
+                      "[INFO]  quilm_ext_get_mdl_net_type model type: 2\n"
+                      "[WARN]  quilm_mdl_set_total_t set total_t to 2\n"
+                      "[INFO]  model execute success\n", out)
+        self.assertEqual(self.outputs(), {**files(0, "y", -1, -2, -3, -4, 0, 0),
+                                          **files(0, "n", -1, -1, -1)})
+        _, out, _ = self.run_model(relu([1, 2]), "marks", "-t", "4", "-b", "2")
+        self.assertIn("model type: 0\n[INFO]  model execute success\n", out)
+
+    def test_rpn_data(self):
+        proto = model([helper.make_node("Neg", ["x"], ["y"]), helper.make_node("Neg", ["r"], ["s"])],
+                      [tensor("x", [1, 2]), tensor("r", [4, 2])],
+                      [tensor("y", [1, 2]), tensor("s", [4, 2])])
+        self.write("x", floats(1, 2))
+        rpn = self.write("rpn", "1 2\n3 4\n5 6\n7 8\n")
+        status, out, err = self.run_model(proto, "x\nx\n", "-r", rpn)
+        self.assertEqual((status, err), (0, ""))
+        self.assertEqual(out.count("[INFO]  input rpn data height[4] * width[2]\n"), 2)
+        self.assertEqual(self.outputs(), {
+            name: content for run in (0, 1) for name, content in {
+                **files(run, "y", -1, -2), **files(run, "s", *range(-1, -9, -1))}.items()})
+
     def test_every_element_type(self):
         rows = [
             (TensorProto.UINT8, 4, "u1", [0, 7, 255]), (TensorProto.INT8, 2, "i1", [-128, 3, 127]),
@@ -286,6 +319,13 @@ class BadInput(HostRuntimeTest):
                 (relu([1, 8])[:-20], "it is not an ONNX file"),
                 (relu([1, "W"]), 'input "x": dimension 1 is not a number'),
                 (relu([0, 8]), 'input "x": dimension 0 is not above 0'),
+                (model([helper.make_node("Neg", ["x"], ["y"])], [tensor("x", [3, 1])],
+                       [tensor("y", [3, 1])], properties={"quilm.net_type": "2"}),
+                 "a recurrent model's input 0 has as many frames, its first dimension, as input 1 "
+                 "has marks, its last"),
+                (model([helper.make_node("Neg", ["x"], ["y"])], [tensor("x", [3, 1])],
+                       [tensor("y", [3, 1])], properties={"quilm.net_type": "2x"}),
+                 'quilm.net_type "2x" is not a number'),
                 (int64, 'input "x": element type INT64 has no code')]:
             self.check(1, failed, model_bytes=content,
                        stderr=f"host runtime: the model cannot be loaded: {reason}\n")

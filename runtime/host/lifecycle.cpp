@@ -52,6 +52,7 @@ quilm_error Initialize(const char* configPath) {
     return static_cast<quilm_error>(*code);
   }
   state.initialized = true;
+  state.initFailed = false;
   return kOk;
 }
 

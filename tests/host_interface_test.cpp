@@ -1,0 +1,159 @@
+// The host runtime called as no tool should: every misuse is an explained error, never a crash.
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <iterator>
+#include <string>
+#include <vector>
+
+#include "runtime/quilm.h"
+
+namespace {
+
+constexpr int32_t kPolicy = 2;
+
+class HostInterface : public testing::Test {
+ protected:
+  void SetUp() override {
+    testing::internal::CaptureStderr();
+    const std::string settings = testing::TempDir() + "host_interface.json";
+    std::ofstream(settings) << "{}";
+    ASSERT_EQ(quilm_init(settings.c_str()), 0);
+    ASSERT_EQ(quilm_rt_set_device(0), 0);
+  }
+
+  void TearDown() override { Finish(); }
+
+  // Ends the runtime; returns what it said since the start.
+  std::string Finish() {
+    if (finished_) {
+      return "";
+    }
+    finished_ = true;
+    quilm_finalize();
+    return testing::internal::GetCapturedStderr();
+  }
+
+  uint32_t LoadDigits() {
+    std::ifstream file(QUILMRUN_DIGITS_MODEL, std::ios::binary);
+    const std::string model((std::istreambuf_iterator<char>(file)), {});
+    uint32_t id = 0;
+    EXPECT_EQ(quilm_mdl_load_from_mem(model.data(), model.size(), &id), 0);
+    return id;
+  }
+
+  // A dataset with one buffer per (size, stride) pair, each the whole of a memory block.
+  quilm_mdl_dataset* MakeDataset(const std::vector<std::pair<size_t, size_t>>& entries) {
+    quilm_mdl_dataset* dataset = quilm_mdl_create_dataset();
+    for (const auto& [size, stride] : entries) {
+      void* memory = nullptr;
+      EXPECT_EQ(quilm_rt_malloc(&memory, size, kPolicy), 0);
+      quilm_mdl_add_dataset_buffer(dataset, quilm_create_data_buffer(memory, size, stride));
+    }
+    return dataset;
+  }
+
+ private:
+  bool finished_ = false;
+};
+
+TEST_F(HostInterface, RefusesDatasetsThatDoNotFitTheModel) {
+  const uint32_t id = LoadDigits();
+  quilm_mdl_dataset* output = MakeDataset({{128, 64}});
+  struct Row {
+    std::vector<std::pair<size_t, size_t>> input;
+    uint64_t batch;
+    const char* explanation;  // empty: it fits
+  };
+  const Row rows[] = {
+      {{{256, 32}, {1024, 1024}, {4096, 4096}}, 1, ""},
+      {{{512, 32}, {2048, 1024}, {8192, 4096}}, 2, ""},
+      {{{256, 32}, {1024, 1024}}, 1, "the input dataset has 2 entries, the model 3"},
+      {{{255, 32}, {1024, 1024}, {4096, 4096}},
+       1,
+       "input 0 \"image\": its buffer has 255 bytes, 1 x 256 are needed"},
+      {{{512, 32}, {1024, 1024}, {8192, 4096}},
+       2,
+       "input 1 \"task_buffer\": its buffer has 1024 bytes, 2 x 1024 are needed"},
+      {{{256, 8}, {1024, 1024}, {4096, 4096}},
+       1,
+       "input 0 \"image\": its buffer has stride 8, the model 32"},
+      {{{768, 32}, {3072, 1024}, {12288, 4096}},
+       3,
+       "output 0 \"probabilities\": its buffer has 128 bytes, 3 x 64 are needed"},
+  };
+  std::string expected;
+  for (const Row& row : rows) {
+    quilm_mdl_dataset* input = MakeDataset(row.input);
+    EXPECT_EQ(quilm_mdl_set_dynamic_batch_size(id, input, 0, row.batch), 0);
+    const bool fits = *row.explanation == '\0';
+    EXPECT_EQ(quilm_mdl_execute(id, input, output) == 0, fits) << row.explanation;
+    expected += fits ? "" : "host runtime: " + std::string(row.explanation) + "\n";
+  }
+  EXPECT_EQ(Finish().substr(0, expected.size()), expected);
+}
+
+TEST_F(HostInterface, KnowsWhatNoLongerExists) {
+  const uint32_t id = LoadDigits();
+  quilm_mdl_dataset* dataset = MakeDataset({{64, 64}});
+  quilm_data_buffer* buffer = quilm_mdl_get_dataset_buffer(dataset, 0);
+  void* memory = quilm_get_data_buffer_addr(buffer);
+  EXPECT_EQ(quilm_mdl_get_dataset_buffer(dataset, 1), nullptr);
+  EXPECT_EQ(quilm_create_data_buffer(memory, 65, 64), nullptr);
+  EXPECT_EQ(quilm_rt_free(memory), 0);
+  EXPECT_NE(quilm_rt_free(memory), 0);
+  EXPECT_EQ(quilm_create_data_buffer(memory, 64, 64), nullptr);
+  EXPECT_EQ(quilm_destroy_data_buffer(buffer), 0);
+  EXPECT_NE(quilm_destroy_data_buffer(buffer), 0);
+  EXPECT_EQ(quilm_get_data_buffer_addr(buffer), nullptr);
+  EXPECT_NE(quilm_mdl_execute(id, dataset, dataset), 0);
+  EXPECT_EQ(quilm_mdl_destroy_dataset(dataset), 0);
+  EXPECT_EQ(quilm_mdl_get_dataset_num_buffers(dataset), 0U);
+  EXPECT_EQ(quilm_mdl_unload(id), 0);
+  EXPECT_NE(quilm_mdl_unload(id), 0);
+  int32_t netType = 7;
+  EXPECT_NE(quilm_ext_get_mdl_net_type(id, &netType), 0);
+  EXPECT_EQ(netType, 7);
+  quilm_mdl_desc* desc = quilm_mdl_create_desc();
+  EXPECT_EQ(quilm_mdl_get_num_inputs(desc), 0U) << "not filled yet";
+  EXPECT_NE(quilm_mdl_get_desc(desc, id), 0);
+  EXPECT_EQ(quilm_mdl_destroy_desc(desc), 0);
+  EXPECT_EQ(quilm_mdl_get_input_size_by_index(desc, 0), 0U);
+  const std::string said = Finish();
+  EXPECT_NE(said.find("host runtime: quilm_rt_free: block of device memory does not exist (any "
+                      "more)\n"),
+            std::string::npos);
+  EXPECT_EQ(said.find("still there"), std::string::npos);
+}
+
+TEST_F(HostInterface, TellsWhatIsLeftAtTheEnd) {
+  LoadDigits();
+  MakeDataset({{64, 64}, {64, 64}});
+  quilm_rt_stream stream = nullptr;
+  EXPECT_EQ(quilm_rt_create_stream(&stream), 0);
+  EXPECT_EQ(Finish(),
+            "host runtime: still there at quilm_finalize: 1 x stream\n"
+            "host runtime: still there at quilm_finalize: 1 x dataset\n"
+            "host runtime: still there at quilm_finalize: 2 x data buffer\n"
+            "host runtime: still there at quilm_finalize: 1 x model\n"
+            "host runtime: still there at quilm_finalize: 2 x block of device memory\n");
+}
+
+TEST_F(HostInterface, RefusesCallsOutOfTurn) {
+  EXPECT_NE(quilm_init("again"), 0);
+  EXPECT_NE(quilm_rt_set_device(1), 0);
+  quilm_rt_stream stream = nullptr;
+  EXPECT_NE(quilm_rt_create_stream(&stream), 0) << "no device is open";
+  EXPECT_EQ(stream, nullptr);
+  void* memory = nullptr;
+  EXPECT_NE(quilm_rt_malloc(&memory, 0, kPolicy), 0);
+  Finish();
+  testing::internal::CaptureStderr();
+  EXPECT_NE(quilm_rt_malloc(&memory, 8, kPolicy), 0);
+  EXPECT_NE(quilm_finalize(), 0);
+  EXPECT_EQ(testing::internal::GetCapturedStderr(),
+            "host runtime: quilm_rt_malloc before quilm_init\n"
+            "host runtime: quilm_finalize before quilm_init\n");
+}
+
+}  // namespace
