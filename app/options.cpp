@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <optional>
 #include <string_view>
 
@@ -75,20 +76,28 @@ void StoreOption(int letter, RunOptions& options) {
   }
 }
 
+// getopt() has stopped at a word that is no option. Some move such words behind the options, others
+// leave what follows to the caller. False when nothing follows, or nothing but words.
+bool StepOverWord(int argc, char** argv) {
+  if (std::string_view(argv[optind - 1]) == "--") {
+    return false;
+  }
+  const auto isOption = [](const char* word) { return word[0] == '-' && word[1] != '\0'; };
+  const auto* const next = std::find_if(argv + std::min(optind, argc), argv + argc, isOption);
+  optind = static_cast<int>(next - argv);
+  return optind < argc;
+}
+
 }  // namespace
 
 void ParseOptions(RunOptions& options, int argc, char** argv) {
-  optind = 1;
-  while (options.numbersValid && optind < argc) {
-    const int letter = getopt(argc, argv, kOptionString);
-    if (letter != -1) {
+  optind = 0;  // makes getopt() forget an earlier command line, and read its environment again
+  do {
+    int letter = 0;
+    while (options.numbersValid && (letter = getopt(argc, argv, kOptionString)) != -1) {
       StoreOption(letter, options);
-    } else if (optind < argc && std::string_view(argv[optind - 1]) != "--") {
-      ++optind;  // not every getopt() steps over a word that is no option by itself
-    } else {
-      return;
     }
-  }
+  } while (options.numbersValid && StepOverWord(argc, argv));
 }
 
 int CheckOptions(const RunOptions& options, ResolvedPaths& paths) {

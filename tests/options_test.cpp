@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <string>
 #include <vector>
 
@@ -57,6 +58,25 @@ TEST(ParseOptions, KeepsTheLastOfTwoAndPassesOverTheUnknown) {
   EXPECT_EQ(parsed.options.profile, 2);
   EXPECT_EQ(parsed.printed, "[INFO]  batchSize: 4\n" + std::string(kUsage) +
                                 "[INFO]  batchSize: 8\n[INFO]  nlpTotalT: 7\n" + kUsage);
+}
+
+TEST(ParseOptions, IgnoresWords) {
+  const std::vector<std::string> rows[] = {
+      {"-b", "4", "one"},
+      {"-b", "4", "one", "two"},
+      {"-b", "4", "one", "two", "three"},
+      {"one", "-b", "4", "two"},
+      {"one", "two", "-b", "4"},
+      {"-b", "4", "--", "-b", "5", "-x"},
+      {"one", "-b", "4", "--", "-b", "5"},
+  };
+  for (const bool posixly : {false, true}) {
+    posixly ? setenv("POSIXLY_CORRECT", "1", 1) : unsetenv("POSIXLY_CORRECT");
+    for (const auto& words : rows) {
+      EXPECT_EQ(Parse(words).printed, "[INFO]  batchSize: 4\n") << testing::PrintToString(words);
+    }
+  }
+  unsetenv("POSIXLY_CORRECT");
 }
 
 TEST(ParseOptions, StopsAtABadNumber) {
