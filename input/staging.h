@@ -33,7 +33,8 @@ void CopyRows(const InputFile& file, const RowLayout& layout, void* memory);
 /// memory, `batchSize` (as passed in) times the input's size; nothing on failure, which is
 /// reported. Reconciles file and model: `batchSize` becomes what the file holds when the two
 /// differ; for a recurrent model, the frames input sets `nlpTotalT` to the frames in the file and
-/// `batchSize` to 1. More data than the memory takes, or more frames than the model, is a failure.
+/// `batchSize` to 1. A file larger than the memory or than its batches, padding included, and more
+/// frames than the model takes are failures.
 DeviceMemory GetPicDeviceBuffer(const std::string& path, const quilm_mdl_io_dims& dims,
                                 const quilm_mdl_desc* modelDesc, size_t index, uint32_t& batchSize,
                                 uint32_t modelId, int32_t& nlpTotalT);

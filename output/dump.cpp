@@ -181,7 +181,8 @@ int ModelProcess::LocateOutput(size_t index, OutputRows& rows) {
 
 int ModelProcess::LayOutRows(size_t index, size_t bufSize, size_t bufStride,
                              const quilm_mdl_io_dims& dims, OutputRows& rows) {
-  if (dims.dim_count == 0 || LastDimension(dims) <= 0) {
+  const int64_t lastDim = LastDimension(dims);
+  if (dims.dim_count == 0 || lastDim <= 0) {
     LogError("Error, dims para invalid");
     return kFailure;
   }
@@ -191,9 +192,9 @@ int ModelProcess::LayOutRows(size_t index, size_t bufSize, size_t bufStride,
     return kFailure;
   }
   rows.rows = bufSize / bufStride * batchSize;
-  rows.rowElements = static_cast<size_t>(LastDimension(dims));
+  rows.rowElements = static_cast<size_t>(lastDim);
   rows.rowPitch = bufStride / elemSize;
-  const size_t rowBytes = RowBytes(elemSize, LastDimension(dims));
+  const size_t rowBytes = RowBytes(elemSize, lastDim);
   if (rows.rows > 0 && rowBytes > bufStride) {
     LogError("row of output[%zu] has %zu bytes, its stride only %zu", index, rowBytes, bufStride);
     return kFailure;

@@ -18,7 +18,9 @@ size_t FormatFixed(double value, char* begin, char* end) {
   return static_cast<size_t>(result.ptr - begin);
 #else
   const auto room = static_cast<size_t>(end - begin);
-  return static_cast<size_t>(std::snprintf(begin, room, "%.*f", kFractionDigits, value));
+  const int size = std::snprintf(begin, room, "%.*f", kFractionDigits, value);
+  std::replace(begin, begin + size, ',', '.');  // the decimal point of the locale in force
+  return static_cast<size_t>(size);
 #endif
 }
 

@@ -40,7 +40,7 @@ struct DescriptionDeleter {
   void operator()(quilm_mdl_desc* desc) const { quilm_mdl_destroy_desc(desc); }
 };
 
-/// A model description.
+/// A model description; not tied to the life of the model.
 using Description = std::unique_ptr<quilm_mdl_desc, DescriptionDeleter>;
 
 struct DatasetDeleter {

@@ -1,6 +1,7 @@
 // The host runtime called as no tool should: every misuse is an explained error, never a crash.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <fstream>
 #include <iterator>
 #include <string>
@@ -34,8 +35,8 @@ class HostInterface : public testing::Test {
     return testing::internal::GetCapturedStderr();
   }
 
-  uint32_t LoadDigits() {
-    std::ifstream file(QUILMRUN_DIGITS_MODEL, std::ios::binary);
+  uint32_t LoadModel(const char* path) {
+    std::ifstream file(path, std::ios::binary);
     const std::string model((std::istreambuf_iterator<char>(file)), {});
     uint32_t id = 0;
     EXPECT_EQ(quilm_mdl_load_from_mem(model.data(), model.size(), &id), 0);
@@ -58,7 +59,7 @@ class HostInterface : public testing::Test {
 };
 
 TEST_F(HostInterface, RefusesDatasetsThatDoNotFitTheModel) {
-  const uint32_t id = LoadDigits();
+  const uint32_t id = LoadModel(QUILMRUN_DIGITS_MODEL);
   quilm_mdl_dataset* output = MakeDataset({{128, 64}});
   struct Row {
     std::vector<std::pair<size_t, size_t>> input;
@@ -93,8 +94,33 @@ TEST_F(HostInterface, RefusesDatasetsThatDoNotFitTheModel) {
   EXPECT_EQ(Finish().substr(0, expected.size()), expected);
 }
 
+TEST_F(HostInterface, CountsFramesBehindTotalTAsZeros) {
+  const uint32_t id = LoadModel(QUILMRUN_ECG_MODEL);
+  quilm_mdl_dataset* input = MakeDataset({{8192, 32}, {1024, 1024}, {1024, 1024}, {4096, 4096}});
+  quilm_mdl_dataset* output = MakeDataset({{1024, 1024}});
+  const auto dataOf = [](quilm_mdl_dataset* dataset, size_t index) {
+    return static_cast<float*>(
+        quilm_get_data_buffer_addr(quilm_mdl_get_dataset_buffer(dataset, index)));
+  };
+  std::fill_n(dataOf(input, 0), 2048, 0.5F);
+  std::fill_n(dataOf(input, 1), 256, 1.0F);
+  const auto predict = [&](int64_t totalT) {
+    EXPECT_EQ(quilm_mdl_set_total_t(id, input, totalT), 0);
+    EXPECT_EQ(quilm_mdl_execute(id, input, output), 0);
+    return std::vector<float>(dataOf(output, 0), dataOf(output, 0) + 256);
+  };
+  const std::vector<float> all = predict(256);
+  const std::vector<float> ten = predict(10);
+  EXPECT_TRUE(std::equal(all.begin(), all.begin() + 10, ten.begin()));
+  EXPECT_NE(all[10], ten[10]);
+  std::fill_n(dataOf(input, 0) + 80, 2048 - 80, 0.0F);  // frames are 8 floats apart
+  EXPECT_EQ(predict(256), ten);
+  EXPECT_NE(quilm_mdl_set_total_t(id, input, 257), 0);
+  EXPECT_NE(quilm_mdl_set_total_t(id, input, 0), 0);
+}
+
 TEST_F(HostInterface, KnowsWhatNoLongerExists) {
-  const uint32_t id = LoadDigits();
+  const uint32_t id = LoadModel(QUILMRUN_DIGITS_MODEL);
   quilm_mdl_dataset* dataset = MakeDataset({{64, 64}});
   quilm_data_buffer* buffer = quilm_mdl_get_dataset_buffer(dataset, 0);
   void* memory = quilm_get_data_buffer_addr(buffer);
@@ -127,7 +153,7 @@ TEST_F(HostInterface, KnowsWhatNoLongerExists) {
 }
 
 TEST_F(HostInterface, TellsWhatIsLeftAtTheEnd) {
-  LoadDigits();
+  LoadModel(QUILMRUN_DIGITS_MODEL);
   MakeDataset({{64, 64}, {64, 64}});
   quilm_rt_stream stream = nullptr;
   EXPECT_EQ(quilm_rt_create_stream(&stream), 0);

@@ -61,6 +61,9 @@ TEST(ParseFloats, AcceptsDecimalNumbers) {
     std::vector<float> values;
     EXPECT_TRUE(ParseFloats(row.text, values)) << row.text;
     EXPECT_EQ(values, row.values) << row.text;
+    for (size_t i = 0; i < values.size(); ++i) {
+      EXPECT_EQ(std::signbit(values[i]), std::signbit(row.values[i])) << row.text;
+    }
   }
 }
 

@@ -49,6 +49,9 @@ std::string LayOut(Tensor& tensor, size_t rowAlignment) {
   }
   const size_t rowBytes = RowElements(tensor) * DataTypeBits(tensor.dataType) / 8;
   tensor.stride = (rowBytes + rowAlignment - 1) / rowAlignment * rowAlignment;
+  if (tensor.stride % (DataTypeBits(tensor.dataType) / 8) != 0) {
+    return "its elements do not fit a row_alignment of " + std::to_string(rowAlignment);
+  }
   const size_t rows = elements / RowElements(tensor);
   if (__builtin_mul_overflow(tensor.stride, rows, &tensor.size) || tensor.size > kMaxSize) {
     return "it takes more than 2147483647 bytes";

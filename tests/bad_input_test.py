@@ -1,0 +1,198 @@
+"""Bad input, faults and limits on the host runtime: messages, exit status, and nothing left over."""
+
+import json
+import os
+import unittest
+
+import numpy as np
+from onnx import TensorProto, helper
+
+from models import (FAILURE, SHAPE_WARNING, SUCCESS, HostRuntimeTest, executed, model, relu, tensor)
+from tool import BRING_UP, NO_MEDIA_MEMORY, TEARDOWN
+
+
+class BadInput(HostRuntimeTest):
+    """Each ends in its messages and status, with everything released: stderr holds no leftovers."""
+
+    def check(self, expected_status, expected_tail, *options, model_bytes=None, list_text="x",
+              stderr=""):
+        status, out, err = self.run_model(model_bytes or relu([1, 8]), list_text, *options)
+        self.assertTrue(out.endswith(expected_tail), out)
+        self.assertEqual((status, err), (expected_status, stderr))
+
+    def test_files_of_the_wrong_size(self):
+        batch = bytes(32)
+        cases = [
+            (batch[:16], "1", SHAPE_WARNING + executed(1) + SUCCESS, 0),
+            (batch + b"x", "1", None, 33),
+            (batch * 2, "1", None, 64),
+            (batch * 2 + batch[:16], "8", None, 80),
+            (b"", "1", "[INFO]  Reading bin file [$D/x]\n[ERROR] Empty file: $D/x\n"
+                       "[ERROR] get pic device buffer failed\n[ERROR] CreateInputBuf failed\n" +
+             FAILURE, 1)]
+        for content, batch_size, tail, number in cases:
+            with self.subTest(size=len(content)):
+                self.write("x", content)
+                if tail is None:
+                    limit = 32 * min(int(batch_size), len(content) // 32)
+                    tail = (f"[ERROR] Input data size[{number}] must be smaller than malloc "
+                            f"size[{limit}]\n[ERROR] get pic device buffer failed\n"
+                            "[ERROR] CreateInputBuf failed\n" + FAILURE)
+                    number = 1
+                self.check(number, tail, "-b", batch_size)
+
+    def test_lists(self):
+        self.write("x", bytes(32))
+        (self.dir / "d").mkdir()
+        failed = "[ERROR] get pic device buffer failed\n[ERROR] CreateInputBuf failed\n" + FAILURE
+        self.check(1, "[ERROR] failed to get file $D/x\r\n" + failed, list_text="x\r\n")
+        self.check(1, "[ERROR] failed to get file $D/no\n" + failed, list_text="x\nno\n")
+        self.check(1, "[ERROR] $D/d is not a file, please enter a file\n" + failed, list_text="d")
+        self.check(0, "[INFO]  Model Iters : 0\n" + SUCCESS, list_text="\n")
+        self.check(0, "[INFO]  Model Iters : 0\n" + SUCCESS, "-i", "missing.txt")
+
+    def test_batch_sizes(self):
+        self.write("x", bytes(32))
+        no_output = "[ERROR] execute CreateOutput failed\n" + FAILURE
+        self.check(1, "[ERROR] Error, output size is 0.\n" + no_output, "-b", "0")
+        size = 2**20 * (2**32 - 1)  # more than any PC has
+        self.check(1, f"[ERROR] can't malloc buffer, size is {size}, create output failed\n" +
+                   no_output, "-b", "-1", model_bytes=relu([1, 2**18]),
+                   stderr=f"host runtime: quilm_rt_malloc: no memory for {size} bytes\n")
+        self.check(0, SUCCESS, "-b", "1x")
+        for bad in ("x", "99999999999"):
+            status, out, err = self.run_tool("-b", bad)
+            self.assertEqual((status, out, err), (
+                1, f'[ERROR] option -b: "{bad}" is not a number from -2147483648 to 2147483647\n',
+                ""))
+
+    def test_models(self):
+        failed = ("[ERROR] load model from file failed, model file is $D/m.onnx\n"
+                  "[ERROR] execute LoadModelFromFileWithMem failed\n"
+                  "[WARN]  no model had been loaded, unload failed\n"
+                  "[ERROR] sample process failed\n" + TEARDOWN)
+        unsupported = model([helper.make_node("Frobnicate", ["x"], ["y"], name="odd one")],
+                            [tensor("x", [1, 8])], [tensor("y", [1, 8])])
+        status, out, err = self.run_model(unsupported, "x")
+        self.assertTrue(out.endswith(failed), out)
+        self.assertRegex(err, r'^host runtime: [^\n]*odd one[^\n]*Frobnicate[^\n]*\n$')
+        int64 = model([helper.make_node("Identity", ["x"], ["y"])],
+                      [tensor("x", [1], TensorProto.INT64)], [tensor("y", [1], TensorProto.INT64)])
+        for content, reason in [
+                (b"#!/bin/sh\necho this is no model\n", "it is not an ONNX file"),
+                (relu([1, 8])[:-20], "it is not an ONNX file"),
+                (relu([1, "W"]), 'input "x": dimension 1 is not a number'),
+                (relu([0, 8]), 'input "x": dimension 0 is not above 0'),
+                (model([helper.make_node("Neg", ["x"], ["y"])], [tensor("x", [3, 1])],
+                       [tensor("y", [3, 1])], properties={"quilm.net_type": "2"}),
+                 "a recurrent model's input 0 has as many frames, its first dimension, as input 1 "
+                 "has marks, its last"),
+                (model([helper.make_node("Neg", ["x"], ["y"])], [tensor("x", [3, 1])],
+                       [tensor("y", [3, 1])], properties={"quilm.net_type": "2x"}),
+                 'quilm.net_type "2x" is not a number'),
+                (int64, 'input "x": element type INT64 has no code')]:
+            self.check(1, failed, model_bytes=content,
+                       stderr=f"host runtime: the model cannot be loaded: {reason}\n")
+        empty = "[ERROR] binfile is empty, filename is $D/m.onnx\n"
+        self.write("m.onnx", b"")
+        self.write("q.json", "{}")
+        _, out, _ = self.run_tool("-m", "m.onnx", "-j", "q.json")
+        self.assertIn(empty + NO_MEDIA_MEMORY + empty + NO_MEDIA_MEMORY + failed, out)
+
+    def test_files_of_unsupported_kinds(self):
+        self.write("q.json", "{}")
+        os.mkfifo(self.dir / "fifo")
+        with open(self.dir / "huge", "wb") as huge:
+            huge.truncate(2**31)
+        too_large = "[ERROR] file $D/huge is too large, 2 GiB or more is not supported\n"
+        for name, messages in [
+                ("fifo", ("[ERROR] $D/fifo is not a file, please enter a file\n",
+                          "[ERROR] can't get the size of file $D/fifo\n")),
+                (".", ("[ERROR] $D is not a file, please enter a file\n",
+                       "[ERROR] open file $D failed\n")),
+                ("none", ("[ERROR] failed to get file $D/none\n",
+                          "[ERROR] open file $D/none failed\n")),
+                ("huge", (too_large, too_large))]:
+            status, out, _ = self.run_tool("-m", name, "-j", "q.json")
+            self.assertEqual(status, 1)
+            self.assertIn(NO_MEDIA_MEMORY.join(messages), out)
+        self.check(1, "[INFO]  Reading bin file [$D/huge]\n" + too_large +
+                   "[ERROR] get pic device buffer failed\n[ERROR] CreateInputBuf failed\n" +
+                   FAILURE, list_text="huge")
+
+    def test_options_behind_words(self):
+        os.environ["POSIXLY_CORRECT"] = "1"
+        self.addCleanup(os.environ.pop, "POSIXLY_CORRECT")
+        _, out, _ = self.run_tool("word", "-b", "8", "word", "-t", "2", "--", "-b", "9")
+        self.assertTrue(out.startswith("[INFO]  batchSize: 8\n[INFO]  nlpTotalT: 2\n"
+                                       "[INFO]  inputPath: \n"), out)
+
+    def test_settings(self):
+        self.write("m.onnx", relu([1, 8]))
+        for content, reason in [
+                (None, "cannot be opened"), ("{", "parse error"), ("[]", "JSON object"),
+                ('{"run_node": 0}', 'unknown key "run_node"'), ('{"run_mode": "0"}', "whole number"),
+                ('{"row_alignment": 0}', "from 1"), ('{"row_alignment": 1.5}', "whole number"),
+                ('{"faults": {}}', "list"), ('{"faults": [{"function": "quilm_init"}]}', "needs"),
+                ('{"faults": [{"function": "printf", "call": 1}]}', "no such function")]:
+            with self.subTest(content=content):
+                if content is not None:
+                    self.write("q.json", content)
+                status, out, err = self.run_tool("-m", "m.onnx", "-j", "q.json")
+                self.assertEqual(status, 1)
+                self.assertIn("[ERROR] quilm init failed\n[ERROR] sample init resource failed\n"
+                              "[INFO]  end to destroy stream\n[INFO]  end to destroy context\n"
+                              "[ERROR] reset device failed\n[INFO]  end to reset device is 0\n"
+                              "[ERROR] finalize quilm failed\n[INFO]  end to finalize quilm\n", out)
+                self.assertRegex(err, rf"^host runtime: settings file \$D/q.json: .*{reason}.*\n$")
+                self.assertEqual(self.csv(), "T,T,T,0.000,0.000,0.000,0.000,0.000,0\n")
+
+    def test_outputs_that_cannot_be_written(self):
+        self.write("x", bytes(32))
+        for directory in ("no/such", "/dev/full", "/proc"):
+            files_failed = "".join(f"[ERROR] create output file [{directory}/0/y.0.S.{suffix}] "
+                                   "failed\n" for suffix in ("float", "bin"))
+            self.check(0, files_failed + "[INFO]  dump data success\n" + SUCCESS, "-o", directory)
+
+    def test_a_full_disk_takes_what_it_can(self):
+        # Nothing is said of bytes that get lost, but the run ends well and the report is missed.
+        self.write("x", bytes(32))
+        (self.dir / "out/0").mkdir()
+        (self.dir / "full").mkdir()
+        os.symlink("/dev/full", self.dir / "full/memory_data.csv")
+        self.write("full/q.json", "{}")
+        self.check(0, SUCCESS + "[WARN]  can't write memory report $D/full/memory_data.csv: No "
+                                "space left on device\n", "-j", "full/q.json")
+
+    def test_report_goes_behind_the_last_separator_of_either_kind(self):
+        self.write("m.onnx", relu([1, 8]))
+        self.write("d/q\\q.json", "{}")
+        (self.dir / "d/q").mkdir()
+        self.run_tool("-m", "m.onnx", "-j", "d/q\\q.json")
+        self.assertRegex(self.csv("d/q"), "^T,T,T,0.031,")
+
+    def test_settings_shape_the_description(self):
+        self.write("x", bytes(32))
+        settings = {"row_alignment": 64, "task_buffer_size": 96, "work_buffer_size": 160}
+        _, out, _ = self.run_model(relu([1, 8]), "x", settings=settings)
+        for line in ("DataType: 0, stride: 64, format: 0, dataSizeWithStride: 64",
+                     "DataType: 4, stride: 96, format: 0, dataSizeWithStride: 96",
+                     "DataType: 4, stride: 160, format: 0, dataSizeWithStride: 160"):
+            self.assertIn(f"[INFO]  {line}\n", out)
+        _, _, err = self.run_model(relu([1, 4]), "x", settings={"row_alignment": 6})
+        self.assertEqual(err, 'host runtime: the model cannot be loaded: input "x": its elements '
+                              "do not fit a row_alignment of 6\n")
+
+    def test_numbers_that_floats_cannot_carry(self):
+        identity = model([helper.make_node("Identity", ["x"], ["y"])],
+                         [tensor("x", [1, 2], TensorProto.INT32)],
+                         [tensor("y", [1, 2], TensorProto.INT32)])
+        self.write("x", np.array([1, 2**24 + 1], "<i4").tobytes())
+        self.check(1, "[ERROR] execute inference failed\n" + FAILURE, model_bytes=identity,
+                   stderr='host runtime: execution failed: "x" holds a number that is not below '
+                          "2^24 in magnitude, which the engine cannot carry exactly as an "
+                          "integer\n")
+
+
+if __name__ == "__main__":
+    unittest.main()
