@@ -22,7 +22,7 @@ import onnx
 from onnx import numpy_helper
 
 DATA_DIR = "/usr/share/libonnx-testdata/data"
-RIGHT_FLOOR = 320
+RIGHT_FLOOR = 445
 PROCESSES = 2
 TIMEOUT_SECONDS = 20
 SANITIZER_REPORT = re.compile(r"AddressSanitizer|LeakSanitizer|runtime error:")

@@ -7,7 +7,8 @@
 #include <string_view>
 
 #include "onnx.pb-c.h"
-#include "runtime/host/operators.h"
+#include "runtime/host/graph/operators.h"
+#include "runtime/host/graph/rewrites.h"
 
 namespace quilm_host {
 namespace {
@@ -163,6 +164,7 @@ std::string ReadOnnxModel(const void* data, size_t size, const Settings& setting
     problem = CheckNetType(model);
   }
   if (problem.empty()) {
+    RewriteForEngine(*proto);
     problem = FindUnsupportedNode(*proto);
   }
   if (!problem.empty()) {

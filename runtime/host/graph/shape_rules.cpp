@@ -5,7 +5,7 @@
 #include <string>
 #include <utility>
 
-#include "runtime/host/operator_rules.h"
+#include "runtime/host/graph/operator_rules.h"
 
 namespace quilm_host {
 

@@ -1,4 +1,4 @@
-#include "runtime/host/operator_table.h"
+#include "runtime/host/graph/operator_table.h"
 
 #include <algorithm>
 #include <cstring>
@@ -61,7 +61,6 @@ constexpr Row kTable[] = {
     {"LSTM", "xcc?o-oo", "hidden_size:i direction:s input_forget:i layout:i", Lstm, 3, 3, kReal, 2},
     {"LeakyRelu", "x", "alpha:f", Same, 0},
     {"Log", "x", "", Same, 0},
-    {"LogSoftmax", "x", "axis:i", SoftmaxAxis, 1},
     {"MatMul", "xe", "", MatrixProduct},
     {"Max", "xx*", "", EqualShapes, 2, 5, kMoved},
     {"MaxPool", "x", kPoolAttributes, Pooling, 3, 5, kMoved},
@@ -75,7 +74,6 @@ constexpr Row kTable[] = {
     {"ReduceL1", "x", kReduceAttributes, Reduction},
     {"ReduceL2", "x", kReduceAttributes, Reduction},
     {"ReduceLogSum", "x", kReduceAttributes, Reduction},
-    {"ReduceLogSumExp", "x", kReduceAttributes, Reduction},
     {"ReduceMax", "x", kReduceAttributes, Reduction, 2, 5, kMoved},
     {"ReduceMean", "x", kReduceAttributes, Reduction},
     {"ReduceMin", "x", kReduceAttributes, Reduction, 2, 5, kMoved},
@@ -97,7 +95,6 @@ constexpr Row kTable[] = {
     {"Sinh", "x", "", Same, 0},
     {"Slice", "x?iiii", "starts:L ends:L axes:I", Slicing, 1, 5, kMoved},
     {"Softmax", "x", "axis:i", SoftmaxAxis, 1},
-    {"Softplus", "x", "", Same, 0},
     {"Softsign", "x", "", Same, 0},
     {"SpaceToDepth", "x", "blocksize:i", DepthSpace, 4, 4, kMoved},
     {"Split", "x?i", "axis:i split:I", Splitting, 1, 5, kMoved, 64},

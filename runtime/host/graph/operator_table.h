@@ -1,10 +1,10 @@
-#ifndef QUILMRUN_RUNTIME_HOST_OPERATOR_TABLE_H_
-#define QUILMRUN_RUNTIME_HOST_OPERATOR_TABLE_H_
+#ifndef QUILMRUN_RUNTIME_HOST_GRAPH_OPERATOR_TABLE_H_
+#define QUILMRUN_RUNTIME_HOST_GRAPH_OPERATOR_TABLE_H_
 
 #include <cstddef>
 #include <cstdint>
 
-#include "runtime/host/operator_rules.h"
+#include "runtime/host/graph/operator_rules.h"
 
 namespace quilm_host {
 
@@ -38,4 +38,4 @@ const Row* FindRow(const char* name);
 
 }  // namespace quilm_host
 
-#endif  // QUILMRUN_RUNTIME_HOST_OPERATOR_TABLE_H_
+#endif  // QUILMRUN_RUNTIME_HOST_GRAPH_OPERATOR_TABLE_H_

@@ -4,7 +4,7 @@
 #include <utility>
 #include <vector>
 
-#include "runtime/host/operator_rules.h"
+#include "runtime/host/graph/operator_rules.h"
 
 namespace quilm_host {
 namespace {
@@ -24,7 +24,8 @@ bool LiesAlong(const Dims& big, const Dims& small, int64_t axis) {
   return product == Count(small) && laid == Padded(small, big.size());
 }
 
-/// For products the engine finds the dims itself; it can repeat one dim in the middle.
+/// For products the engine finds the dims itself; it can repeat one dim in the middle of a smaller
+/// operand with as many dims.
 bool FitsProduct(const Dims& big, const Dims& small) {
   if (small.size() > big.size()) {
     return false;
@@ -41,7 +42,8 @@ bool FitsProduct(const Dims& big, const Dims& small) {
       spread.push_back(k);
     }
   }
-  return !spread.empty() && changes <= 1;
+  const size_t mostChanges = small.size() == big.size() ? 1 : 0;
+  return !spread.empty() && changes <= mostChanges;
 }
 
 const char* ConstantOperand(Call& call, size_t constantId) {

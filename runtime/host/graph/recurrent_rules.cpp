@@ -2,7 +2,7 @@
 #include <cstdint>
 #include <string>
 
-#include "runtime/host/operator_rules.h"
+#include "runtime/host/graph/operator_rules.h"
 
 namespace quilm_host {
 namespace {

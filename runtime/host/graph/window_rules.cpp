@@ -3,7 +3,7 @@
 #include <set>
 #include <string>
 
-#include "runtime/host/operator_rules.h"
+#include "runtime/host/graph/operator_rules.h"
 
 namespace quilm_host {
 namespace {

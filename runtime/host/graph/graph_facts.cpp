@@ -1,4 +1,4 @@
-#include "runtime/host/graph_facts.h"
+#include "runtime/host/graph/graph_facts.h"
 
 #include <algorithm>
 #include <cstdint>
@@ -65,10 +65,7 @@ constexpr Payload kPayloads[] = {
 
 GraphFacts::GraphFacts(const Onnx__ModelProto& model) : model_(model), opset_(DefaultOpset(model)) {
   for (size_t i = 0; i < Graph().n_node; ++i) {
-    const Onnx__NodeProto& node = *Graph().node[i];
-    for (size_t k = 0; k < node.n_input; ++k) {
-      ++uses_[node.input[k]];
-    }
+    CountUses(*Graph().node[i], 1);
   }
   for (size_t i = 0; i < Graph().n_output; ++i) {
     outputs_.insert(Text(Graph().output[i]->name));
@@ -128,13 +125,30 @@ bool GraphFacts::Define(const std::string& name, Value value) {
   return values_.emplace(name, std::move(value)).second;
 }
 
+void GraphFacts::CountUses(const Onnx__NodeProto& node, int change) {
+  for (size_t k = 0; k < node.n_input; ++k) {
+    size_t& uses = uses_[node.input[k]];
+    uses += static_cast<size_t>(change);
+    const auto value = values_.find(node.input[k]);
+    if (value != values_.end()) {
+      value->second.uses = uses;
+    }
+  }
+}
+
 const Value* GraphFacts::Find(const std::string& name) const {
   const auto found = values_.find(name);
   return found == values_.end() ? nullptr : &found->second;
 }
 
+bool GraphFacts::IsUsed(const std::string& name) const {
+  const auto uses = uses_.find(name);
+  return outputs_.count(name) != 0 || (uses != uses_.end() && uses->second != 0);
+}
+
 bool GraphFacts::IsLeaf(const std::string& name) const {
-  return outputs_.count(name) != 0 && uses_.count(name) == 0;
+  const auto uses = uses_.find(name);
+  return outputs_.count(name) != 0 && (uses == uses_.end() || uses->second == 0);
 }
 
 bool GraphFacts::MadeByPytorch() const {

@@ -1,12 +1,12 @@
-#ifndef QUILMRUN_RUNTIME_HOST_OPERATOR_RULES_H_
-#define QUILMRUN_RUNTIME_HOST_OPERATOR_RULES_H_
+#ifndef QUILMRUN_RUNTIME_HOST_GRAPH_OPERATOR_RULES_H_
+#define QUILMRUN_RUNTIME_HOST_GRAPH_OPERATOR_RULES_H_
 
 #include <cstdint>
 #include <cstring>
 #include <utility>
 #include <vector>
 
-#include "runtime/host/graph_facts.h"
+#include "runtime/host/graph/graph_facts.h"
 
 namespace quilm_host {
 
@@ -60,4 +60,4 @@ Rule Lstm, Gru;
 
 }  // namespace quilm_host
 
-#endif  // QUILMRUN_RUNTIME_HOST_OPERATOR_RULES_H_
+#endif  // QUILMRUN_RUNTIME_HOST_GRAPH_OPERATOR_RULES_H_

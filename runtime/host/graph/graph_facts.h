@@ -1,5 +1,5 @@
-#ifndef QUILMRUN_RUNTIME_HOST_GRAPH_FACTS_H_
-#define QUILMRUN_RUNTIME_HOST_GRAPH_FACTS_H_
+#ifndef QUILMRUN_RUNTIME_HOST_GRAPH_GRAPH_FACTS_H_
+#define QUILMRUN_RUNTIME_HOST_GRAPH_GRAPH_FACTS_H_
 
 #include <cstddef>
 #include <cstdint>
@@ -36,8 +36,14 @@ class GraphFacts {
   /// False when the name is empty, reserved by the engine or defined already.
   bool Define(const std::string& name, Value value);
 
+  /// Notes that the graph has gained (1) or lost (-1) a node since it was read.
+  void CountUses(const Onnx__NodeProto& node, int change);
+
   /// Null for names that are not defined (yet).
   const Value* Find(const std::string& name) const;
+
+  /// Whether a node or an output of the graph names the value.
+  bool IsUsed(const std::string& name) const;
 
   /// Whether the value goes nowhere but out of the graph.
   bool IsLeaf(const std::string& name) const;
@@ -81,4 +87,4 @@ std::string TextAttribute(const Onnx__NodeProto& node, const std::string& name,
 
 }  // namespace quilm_host
 
-#endif  // QUILMRUN_RUNTIME_HOST_GRAPH_FACTS_H_
+#endif  // QUILMRUN_RUNTIME_HOST_GRAPH_GRAPH_FACTS_H_

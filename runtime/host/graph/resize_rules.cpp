@@ -4,7 +4,7 @@
 #include <iterator>
 #include <string>
 
-#include "runtime/host/operator_rules.h"
+#include "runtime/host/graph/operator_rules.h"
 
 namespace quilm_host {
 namespace {
