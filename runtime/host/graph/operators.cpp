@@ -59,27 +59,36 @@ bool FitsAttribute(const Onnx__AttributeProto& attribute, char type) {
   }
 }
 
+const char* FindMismatchOfComputed(const Row& row, const Value& value, char letter) {
+  if (letter != 'x' && letter != 'e') {
+    return letter == '-' ? "must be left out" : "must be constant";
+  }
+  if ((KindOf(value.type) & row.types) == 0) {
+    return "has an element type that the engine has wrong here";
+  }
+  const bool fitsRank = value.dims.size() >= row.minRank && value.dims.size() <= row.maxRank;
+  return fitsRank ? nullptr : "has too few or too many dimensions";
+}
+
+const char* FindMismatchOfConstant(const Value& value, char letter) {
+  if (letter == 'x' || letter == '-') {
+    return "must not be constant";
+  }
+  const bool isReal = value.type == ONNX__TENSOR_PROTO__DATA_TYPE__FLOAT;
+  const bool fits = letter == 'u' || ((letter == 'i') != isReal && Count(value.dims) > 0);
+  return fits ? nullptr : "is a constant of the wrong element type or without elements";
+}
+
 /// Why the value, null when left out, is not what the letter stands for, or null.
 const char* FindMismatch(const Row& row, const Value* value, char letter) {
   if (letter == '\0') {
-    return "one too many";
+    return "is one too many";
   }
   if (value == nullptr) {
-    return std::strchr("-ou", letter) != nullptr ? nullptr : "left out";
+    return std::strchr("-ou", letter) != nullptr ? nullptr : "must not be left out";
   }
-  if (value->tensor == nullptr) {
-    const bool fitsRank = value->dims.size() >= row.minRank && value->dims.size() <= row.maxRank;
-    return letter != 'x' && letter != 'e'           ? "computed or given"
-           : (KindOf(value->type) & row.types) == 0 ? "element type"
-           : fitsRank                               ? nullptr
-                                                    : "number of dimensions";
-  }
-  if (letter == 'x' || letter == '-') {
-    return "constant";
-  }
-  const bool isReal = value->type == ONNX__TENSOR_PROTO__DATA_TYPE__FLOAT;
-  const bool fits = letter == 'u' || ((letter == 'i') != isReal && Count(value->dims) > 0);
-  return fits ? nullptr : "constant of this element type or without elements";
+  return value->tensor == nullptr ? FindMismatchOfComputed(row, *value, letter)
+                                  : FindMismatchOfConstant(*value, letter);
 }
 
 std::string BindInputs(const Row& row, Call* call) {
@@ -97,7 +106,7 @@ std::string BindInputs(const Row& row, Call* call) {
     letter -= *letter == '*' ? 1 : 0;
     const char* mismatch = FindMismatch(row, value, *letter);
     if (mismatch != nullptr) {
-      return "input \"" + name + "\": " + mismatch;
+      return "input \"" + name + "\" " + mismatch;
     }
     if (value != nullptr && value->tensor == nullptr && !anyComputed) {
       anyComputed = true;
@@ -247,7 +256,7 @@ std::string CheckAttributes(const Onnx__NodeProto& node, const char* known) {
     const bool fits = !name.empty() && at != std::string::npos && seen.insert(name).second &&
                       FitsAttribute(attribute, list[at + name.size() + 2]);
     if (!fits) {
-      return "attribute " + name;
+      return "attribute " + name + " is not admitted";
     }
   }
   return "";
