@@ -47,9 +47,13 @@ std::string LayOut(Tensor& tensor, size_t rowAlignment) {
       return "it has more than 2147483647 elements";
     }
   }
-  const size_t rowBytes = RowElements(tensor) * DataTypeBits(tensor.dataType) / 8;
+  const size_t elementSize = DataTypeBits(tensor.dataType) / 8;
+  if (elementSize == 0) {
+    return "its data type is unknown";
+  }
+  const size_t rowBytes = RowElements(tensor) * elementSize;
   tensor.stride = (rowBytes + rowAlignment - 1) / rowAlignment * rowAlignment;
-  if (tensor.stride % (DataTypeBits(tensor.dataType) / 8) != 0) {
+  if (tensor.stride % elementSize != 0) {
     return "its elements do not fit a row_alignment of " + std::to_string(rowAlignment);
   }
   const size_t rows = elements / RowElements(tensor);
