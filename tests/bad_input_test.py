@@ -183,6 +183,12 @@ class BadInput(HostRuntimeTest):
         self.assertEqual(err, 'host runtime: the model cannot be loaded: input "x": its elements '
                               "do not fit a row_alignment of 6\n")
 
+    def test_numbers_that_the_engine_would_change(self):
+        self.write("x", np.array([1, 2, 3, -np.inf, 4, 5, 6, 7], "<f4").tobytes())
+        self.check(1, "[ERROR] execute inference failed\n" + FAILURE,
+                   stderr='host runtime: execution failed: "x" holds infinity or NaN, which the '
+                          "engine does not carry through\n")
+
     def test_numbers_that_floats_cannot_carry(self):
         identity = model([helper.make_node("Identity", ["x"], ["y"])],
                          [tensor("x", [1, 2], TensorProto.INT32)],

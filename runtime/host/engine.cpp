@@ -33,18 +33,20 @@ cv::Mat AsRows(const cv::Mat& blob, const Tensor& tensor) {
                  blob.data);
 }
 
+// False for NaN and infinity too.
 bool IsExactInteger(float value) {
   return std::fabs(value) < kLargestExactInteger;
 }
 
-// False for NaN and infinity too.
-bool HoldsExactIntegers(const cv::Mat& rows) {
+bool IsFinite(float value) {
+  return std::isfinite(value);
+}
+
+bool AllOf(const cv::Mat& rows, bool (*predicate)(float)) {
   for (int r = 0; r < rows.rows; ++r) {
-    const float* row = rows.ptr<float>(r);
-    for (int c = 0; c < rows.cols; ++c) {
-      if (!IsExactInteger(row[c])) {
-        return false;
-      }
+    const auto* row = rows.ptr<float>(r);
+    if (!std::all_of(row, row + rows.cols, predicate)) {
+      return false;
     }
   }
   return true;
@@ -87,8 +89,13 @@ class DnnEngine : public Engine {
       const cv::Mat blob = MakeBlob(*input.tensor);
       cv::Mat rows = AsRows(blob, *input.tensor);
       RowsOf(input).convertTo(rows, CV_32F);
-      if (input.tensor->dataType == kInt32 && !HoldsExactIntegers(rows)) {
+      if (input.tensor->dataType == kInt32 && !AllOf(rows, IsExactInteger)) {
         return InexactInteger(*input.tensor);
+      }
+      // Some layers turn infinities into NaN and NaN into numbers.
+      if (!AllOf(rows, IsFinite)) {
+        return "\"" + input.tensor->name + "\" holds infinity or NaN, which the engine does not " +
+               "carry through";
       }
       auto* values = rows.ptr<float>();
       std::fill(values + std::min(input.validElements, rows.total()), values + rows.total(), 0.0F);
@@ -113,7 +120,7 @@ class DnnEngine : public Engine {
              " elements, the model declares " + std::to_string(declared);
     }
     const cv::Mat rows = AsRows(result, tensor);
-    if (!IsFloatingPoint(tensor) && !HoldsExactIntegers(rows)) {
+    if (!IsFloatingPoint(tensor) && !AllOf(rows, IsExactInteger)) {
       return InexactInteger(tensor);
     }
     cv::Mat target = RowsOf(output);

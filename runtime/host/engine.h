@@ -26,7 +26,8 @@ class Engine {
 
   /// Computes one batch: `inputs` in graph order, the model's `outputs` likewise. The engine counts
   /// in 32-bit floats; integers are rounded to the nearest (ties to even) and saturated at the
-  /// outputs. Integers that floats cannot carry exactly are refused. Returns an empty string, or
+  /// outputs. Integers that floats cannot carry exactly are refused, and so are infinity and NaN as
+  /// inputs. Returns an empty string, or
   /// what went wrong.
   virtual std::string Run(const std::vector<TensorData>& inputs,
                           const std::vector<TensorData>& outputs) = 0;
