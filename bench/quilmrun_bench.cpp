@@ -197,10 +197,14 @@ void Register(const char* name, void (*function)(benchmark::State&), int64_t arg
   benchmark::RegisterBenchmark(name, function)->Arg(argument)->Unit(benchmark::kMillisecond);
 }
 
-// A scratch directory in memory, so that the disk does not drown what is measured.
+// A scratch directory, in memory where it can be, so that the disk does not drown what is measured.
 std::string MakeScratchDirectory() {
-  std::string path = "/dev/shm/quilmrun_bench_XXXXXX";
-  return mkdtemp(path.data()) == nullptr ? "" : path;
+  for (std::string path : {"/dev/shm/quilmrun_bench_XXXXXX", "/tmp/quilmrun_bench_XXXXXX"}) {
+    if (mkdtemp(path.data()) != nullptr) {
+      return path;
+    }
+  }
+  return "";
 }
 
 void RegisterAll() {

@@ -23,7 +23,7 @@ from onnx import numpy_helper
 
 DATA_DIR = "/usr/share/libonnx-testdata/data"
 RIGHT_FLOOR = 445
-PROCESSES = 2
+AT_ONCE = 2
 TIMEOUT_SECONDS = 20
 SANITIZER_REPORT = re.compile(r"AddressSanitizer|LeakSanitizer|runtime error:")
 EXPLANATION = re.compile(r"^host runtime: (.*)$", re.MULTILINE)
@@ -194,7 +194,7 @@ def main():
     if not cases:
         print(f"no cases in {data_dir}", file=sys.stderr)
         return 1
-    with concurrent.futures.ProcessPoolExecutor(PROCESSES) as pool:
+    with concurrent.futures.ThreadPoolExecutor(AT_ONCE) as pool:
         outcomes = list(pool.map(run_quietly, [executable] * len(cases), cases, chunksize=8))
     names = [os.path.relpath(case, data_dir) for case in cases]
     return 0 if report(list(zip(names, outcomes))) else 1
