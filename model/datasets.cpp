@@ -132,6 +132,7 @@ int ModelProcess::CreateOutputBuffer(size_t index) {
 
 void ModelProcess::DestroyOutput() {
   output.reset();
+  outputSizes_.clear();
 }
 
 int ModelProcess::CreateTaskOrWorkBuf(int32_t index) {
