@@ -92,7 +92,7 @@ void StageFile(benchmark::State& state) {
 void ReadWholeFile(benchmark::State& state) {
   const auto size = static_cast<size_t>(state.range(0));
   while (state.KeepRunning()) {
-    const DeviceMemory memory = AllocateClearedDeviceMemory(size);
+    const DeviceMemory memory = AllocateDeviceMemory(size);
     const int file = open(PathOf("input.bin").c_str(), O_RDONLY);
     benchmark::DoNotOptimize(read(file, memory.get(), kFileBytes));
     close(file);

@@ -15,8 +15,6 @@ namespace quilmrun {
 namespace {
 
 constexpr uint32_t kSingleClassHeight = 1;
-constexpr uint32_t kMultiClassHeight = 4;
-constexpr size_t kSingleClassValues = 4;
 
 uint32_t NonNegative(int64_t dimension) {
   return static_cast<uint32_t>(std::max<int64_t>(dimension, 0));
@@ -70,7 +68,7 @@ int ModelProcess::CheckRpnShape(size_t rpnInput, size_t count) {
       LogError("[single thr]: detPara.size %lu should be 4, Please check rpn file.", count);
       return kFailure;
     }
-  } else if (rpnHeight != kMultiClassHeight) {
+  } else if (rpnHeight != kMultiClassRows) {
     LogError("only support single or multi class");
     return kFailure;
   } else if (count != total) {

@@ -11,10 +11,14 @@
 #ifndef QUILMRUN_INPUT_RPN_DATA_H_
 #define QUILMRUN_INPUT_RPN_DATA_H_
 
+#include <cstddef>
 #include <string>
 #include <vector>
 
 namespace quilmrun {
+
+constexpr size_t kSingleClassValues = 4;
+constexpr size_t kMultiClassRows = 4;
 
 /// Appends the numbers in the file `path` to `values`. Fails when the file cannot be read, which is
 /// reported, or holds anything but numbers that fit a 32-bit float, which the caller reports.

@@ -185,7 +185,7 @@ DeviceMemory GetPicDeviceBuffer(const std::string& path, const quilm_mdl_io_dims
     return nullptr;
   }
   staging.allocationSize = BatchedSize(batchSize, staging.singleBatchSize);
-  DeviceMemory memory = AllocateInputMemory(staging.allocationSize);
+  DeviceMemory memory = AllocateOrReport(staging.allocationSize);
   int32_t netType = 0;
   if (memory == nullptr || QueryNetType(modelId, netType) != kSuccess ||
       Reconcile(staging, netType, batchSize, nlpTotalT) != kSuccess ||

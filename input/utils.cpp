@@ -34,8 +34,12 @@ std::string AbsoluteAsText(const std::string& path) {
   return std::string(directory.data()) + "/" + path;
 }
 
-// The size of a file with something in it.
+// The size of a file that could be opened and has something in it.
 std::optional<uint32_t> NonEmptySize(const InputFile& file, const std::string& path) {
+  if (!file.IsOpen()) {
+    ReportOpenFailure(path);
+    return std::nullopt;
+  }
   const std::optional<uint32_t> size = SupportedSize(file, path);
   if (size == 0U) {
     LogError("binfile is empty, filename is %s", path.c_str());
@@ -92,10 +96,6 @@ std::optional<std::string> ReadTextFile(const std::string& path) {
 int GetFileSize(const std::string& path, uint32_t& size) {
   // The path may name a pipe, whose opening would otherwise wait for somebody to write to it.
   const InputFile file(path, O_NONBLOCK);
-  if (!file.IsOpen()) {
-    ReportOpenFailure(path);
-    return kFailure;
-  }
   const std::optional<uint32_t> fileSize = NonEmptySize(file, path);
   if (!fileSize.has_value()) {
     return kFailure;
@@ -109,15 +109,11 @@ DeviceMemory ReadBinFile(const std::string& path, uint32_t& size) {
     return nullptr;
   }
   const InputFile file(path);
-  if (!file.IsOpen()) {
-    ReportOpenFailure(path);
-    return nullptr;
-  }
   const std::optional<uint32_t> fileSize = NonEmptySize(file, path);
   if (!fileSize.has_value()) {
     return nullptr;
   }
-  DeviceMemory memory = AllocateInputMemory(*fileSize);
+  DeviceMemory memory = AllocateOrReport(*fileSize);
   if (memory == nullptr) {
     return nullptr;
   }

@@ -110,7 +110,7 @@ int ModelProcess::CreateOutputBuffer(size_t index) {
     return kFailure;
   }
   DataBuffer dataBuffer;  // declared first: on failure the memory goes before its buffer
-  DeviceMemory memory = AllocateClearedDeviceMemory(size);
+  DeviceMemory memory = AllocateDeviceMemory(size);
   if (memory == nullptr) {
     LogError("can't malloc buffer, size is %zu, create output failed", size);
     return kFailure;
@@ -143,7 +143,7 @@ int ModelProcess::CreateTaskOrWorkBuf(int32_t index) {
     LogError("Error, GetInputStrideParam failed");
     return kFailure;
   }
-  DeviceMemory memory = AllocateInputMemory(size);
+  DeviceMemory memory = AllocateOrReport(size);
   if (memory == nullptr) {
     return kFailure;
   }

@@ -3,6 +3,7 @@
 
 #include "app/log.h"
 #include "app/status.h"
+#include "input/rpn_data.h"
 #include "model/model_process.h"
 #include "model/tensor_description.h"
 
@@ -11,9 +12,6 @@ namespace {
 
 // The layout is that of input 1, which is the RPN input in models with one data input.
 constexpr size_t kLayoutInput = 1;
-
-constexpr size_t kSingleClassValues = 4;
-constexpr size_t kMultiClassRows = 4;
 
 // Where rows of parameters go in a buffer. Rows may overlap; the later one counts then.
 struct ParameterRows {
@@ -49,7 +47,7 @@ bool Fits(const ParameterRows& layout, size_t count, size_t size) {
 int ModelProcess::SetDetParas(const std::vector<float>& detPara) {
   const size_t size = kInputQueries.size(modelDesc.get(), kLayoutInput);
   DataBuffer dataBuffer;  // declared first: on failure the memory goes before its buffer
-  DeviceMemory memory = AllocateClearedDeviceMemory(size);
+  DeviceMemory memory = AllocateDeviceMemory(size);
   if (memory == nullptr) {
     LogError("malloc device buffer failed");
     return kFailure;

@@ -12,19 +12,14 @@ DeviceMemory AllocateDeviceMemory(size_t size) {
   if (quilm_rt_malloc(&memory, size, kMemoryPolicy) != 0) {
     return nullptr;
   }
+  if (memory != nullptr) {
+    std::memset(memory, 0, size);
+  }
   return DeviceMemory(memory);
 }
 
-DeviceMemory AllocateClearedDeviceMemory(size_t size) {
+DeviceMemory AllocateOrReport(size_t size) {
   DeviceMemory memory = AllocateDeviceMemory(size);
-  if (memory != nullptr) {
-    std::memset(memory.get(), 0, size);
-  }
-  return memory;
-}
-
-DeviceMemory AllocateInputMemory(size_t size) {
-  DeviceMemory memory = AllocateClearedDeviceMemory(size);
   if (memory == nullptr) {
     LogError("malloc device buffer failed. size is %zu", size);
   }

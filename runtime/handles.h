@@ -20,14 +20,11 @@ struct DeviceMemoryDeleter {
 /// A block of device memory, directly addressable by the host.
 using DeviceMemory = std::unique_ptr<void, DeviceMemoryDeleter>;
 
-/// Takes `size` bytes of device memory. The content is undefined. Empty when the runtime refuses.
+/// Takes `size` bytes of device memory, every byte 0. Empty when the runtime refuses.
 DeviceMemory AllocateDeviceMemory(size_t size);
 
-/// The same, with every byte 0.
-DeviceMemory AllocateClearedDeviceMemory(size_t size);
-
-/// The same again, and a refusal is reported with the size.
-DeviceMemory AllocateInputMemory(size_t size);
+/// The same, and a refusal is reported with the size.
+DeviceMemory AllocateOrReport(size_t size);
 
 struct DataBufferDeleter {
   void operator()(quilm_data_buffer* buffer) const { quilm_destroy_data_buffer(buffer); }

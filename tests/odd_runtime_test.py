@@ -3,7 +3,10 @@
 import os
 import re
 import resource
+import signal
 import struct
+import subprocess
+import time
 import unittest
 
 from tool import QUILMRUN, TEARDOWN, ToolTest
@@ -269,6 +272,42 @@ class Outputs(OddRuntimeTest):
         _, files = self.dump("output short 4 4 8 1 4\n")  # less than a row: nothing, successfully
         self.assertEqual(files, {"0/short.0.S.float": b"", "0/short.0.S.bin": b""})
 
+
+    def test_killed_while_writing_leaves_whole_lines(self):
+        values = 4 * 2**20
+        self.write("odd.cfg", PLAIN.replace("y 4 16 8 2 4", f"y 0 {4 * values} 4096 4096 1024"))
+        self.write("m.om", "model")
+        self.write("x.bin", self.DATA)
+        self.write("list.txt", "x.bin")
+        process = subprocess.Popen(
+            [os.path.abspath(QUILMRUN), "-m", "m.om", "-i", "list.txt", "-j", "odd.cfg", "-o", "out"],
+            cwd=self.dir, env=dict(os.environ, LD_LIBRARY_PATH=ODD_RUNTIME),
+            stdout=subprocess.DEVNULL)
+        while process.poll() is None and not any(self.outputs().values()):
+            time.sleep(0.01)
+        process.kill()
+        self.assertNotEqual(process.wait(), 0, "it was still writing")
+        (text,) = self.outputs().values()
+        self.assertEqual(text[-1:], b"\n")
+
+    def test_full_disk(self):
+        def limit():  # writes behind the 40th byte of a file fail, as on a full disk
+            signal.signal(signal.SIGXFSZ, signal.SIG_IGN)
+            resource.setrlimit(resource.RLIMIT_FSIZE, (40, 40))
+        self.write("m.om", "model")
+        self.write("x.bin", self.DATA)
+        self.write("list.txt", "x.bin")
+        self.write("odd.cfg", PLAIN.replace("output", "output z 4 64 8 8 8\noutput"))
+        status, out, _ = self.run_tool("-m", "m.om", "-i", "list.txt", "-j", "odd.cfg", "-o", "out",
+                                       library=ODD_RUNTIME, preexec_fn=limit)
+        self.assertEqual(status, 0)
+        self.assertTrue(out.endswith(
+            "[INFO]  dump data success\n" + SUCCESS +
+            "[WARN]  can't write memory report $D/memory_data.csv: File too large\n"), out)
+        self.assertNotIn("[ERROR]", out)
+        files = self.outputs()
+        self.assertEqual(files["0/z.0.S.float"], b"0.0000000000000000\n255.0000000000000000\n")
+        self.assertEqual(files["0/y.0.S.bin"], bytes(32))
 
     @unittest.skipIf("debug" in QUILMRUN, "address checking needs the whole address space")
     def test_an_output_too_large_for_the_memory_left(self):
