@@ -2,8 +2,8 @@
 //
 // Every message starts with "[INFO]  ", "[WARN]  " or "[ERROR] ", so that the texts line up, and
 // ends with a newline that these calls add. Each text stands once in the sources; a step that
-// several callers share prints for all of them. All folders may include this header and status.h,
-// and nothing else of app/.
+// several callers share prints for all of them. All folders may include this header, status.h and
+// descriptor.h, and nothing else of app/.
 #ifndef QUILMRUN_APP_LOG_H_
 #define QUILMRUN_APP_LOG_H_
 

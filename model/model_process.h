@@ -124,9 +124,9 @@ class ModelProcess {
   void WriteOutputText(const std::string& path, size_t index);
   template <typename T>
   void WriteOutputBinary(const std::string& path, size_t index);
-  /// What both writers share; `writeValue` puts one value into the file.
-  template <typename T, typename WriteValue>
-  void WriteOutput(const std::string& path, size_t index, WriteValue writeValue);
+  /// What both writers share; `writeValues` puts the values into the file.
+  template <typename T, typename WriteValues>
+  void WriteOutput(const std::string& path, size_t index, WriteValues writeValues);
   /// Appends the elements of output `index`, stored as T, to `values` without the row padding.
   template <typename T>
   int GetOutputWithOutStride(std::vector<float>& values, size_t index);

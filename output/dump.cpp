@@ -101,34 +101,33 @@ void ModelProcess::DumpOutputByType(const std::string& fileBase, size_t index) {
 
 template <typename T>
 void ModelProcess::WriteOutputText(const std::string& path, size_t index) {
-  WriteOutput<T>(path, index, [](float value, OutputFile& file) {
+  WriteOutput<T>(path, index, [](const std::vector<float>& values, const OutputFile& file) {
     ValueLine line;
-    const size_t size = FormatValueLine(value, line);
-    return file.Write(line.data(), size) && file.Flush();
+    for (const float value : values) {
+      if (!file.Write(line.data(), FormatValueLine(value, line))) {
+        return;
+      }
+    }
   });
 }
 
 template <typename T>
 void ModelProcess::WriteOutputBinary(const std::string& path, size_t index) {
-  WriteOutput<T>(path, index,
-                 [](float value, OutputFile& file) { return file.Write(&value, sizeof(value)); });
+  WriteOutput<T>(path, index, [](const std::vector<float>& values, const OutputFile& file) {
+    file.Write(values.data(), values.size() * sizeof(float));
+  });
 }
 
-template <typename T, typename WriteValue>
-void ModelProcess::WriteOutput(const std::string& path, size_t index, WriteValue writeValue) {
+template <typename T, typename WriteValues>
+void ModelProcess::WriteOutput(const std::string& path, size_t index, WriteValues writeValues) {
   std::vector<float> values;
   if (GetOutputWithOutStride<T>(values, index) != kSuccess) {
     LogError("GetOutputWithOutStride fail");
     return;
   }
-  OutputFile file(path);
-  if (!file.IsOpen()) {
-    return;
-  }
-  for (const float value : values) {
-    if (!writeValue(value, file)) {
-      return;
-    }
+  const OutputFile file(path);
+  if (file.IsOpen()) {
+    writeValues(values, file);
   }
 }
 

@@ -1,10 +1,19 @@
 #include "output/output_file.h"
 
+#include <fcntl.h>
+
 #include "app/log.h"
 
 namespace quilmrun {
+namespace {
 
-OutputFile::OutputFile(const std::string& path) : stream_(std::fopen(path.c_str(), "wbe")) {
+constexpr int kCreateOrTruncate = O_WRONLY | O_CREAT | O_TRUNC;
+constexpr mode_t kReadableByAll = 0666;
+
+}  // namespace
+
+OutputFile::OutputFile(const std::string& path)
+    : descriptor_(path, kCreateOrTruncate, kReadableByAll) {
   if (!IsOpen()) {
     LogError("create output file [%s] failed", path.c_str());
   }

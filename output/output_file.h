@@ -3,9 +3,9 @@
 #define QUILMRUN_OUTPUT_OUTPUT_FILE_H_
 
 #include <cstddef>
-#include <cstdio>
-#include <memory>
 #include <string>
+
+#include "app/descriptor.h"
 
 namespace quilmrun {
 
@@ -14,19 +14,14 @@ class OutputFile {
  public:
   explicit OutputFile(const std::string& path);
 
-  bool IsOpen() const { return stream_ != nullptr; }
+  bool IsOpen() const { return descriptor_.IsOpen(); }
 
-  /// Both return false once a write has failed. REQUIRES: IsOpen().
-  bool Write(const void* data, size_t size) {
-    return std::fwrite(data, 1, size, stream_.get()) == size;
-  }
-  bool Flush() { return std::fflush(stream_.get()) == 0; }
+  /// What is written has reached the file on return. False when the file takes no more. REQUIRES:
+  /// IsOpen().
+  bool Write(const void* data, size_t size) const { return descriptor_.Write(data, size); }
 
  private:
-  struct Closer {
-    void operator()(std::FILE* stream) const { std::fclose(stream); }
-  };
-  std::unique_ptr<std::FILE, Closer> stream_;
+  Descriptor descriptor_;
 };
 
 }  // namespace quilmrun

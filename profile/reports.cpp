@@ -1,18 +1,17 @@
 #include "profile/reports.h"
 
+#include <fcntl.h>
+
+#include <array>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <memory>
 
+#include "app/descriptor.h"
 #include "app/log.h"
 
 namespace quilmrun {
 namespace {
-
-struct FileCloser {
-  void operator()(std::FILE* file) const { std::fclose(file); }
-};
 
 double InKb(uint32_t bytes) {
   return bytes * 0.0009765625;
@@ -33,17 +32,17 @@ constexpr char kCsvHeader[] =
     "Online Model Size(KB),"
     "Quilm Init Memory Size(KB)\n";
 
-// Returns false with errno set when a line did not reach the file.
-bool WriteCsvLines(const ProfileRecord& record, std::FILE* file) {
-  if (std::fputs(kCsvHeader, file) == EOF || std::fflush(file) != 0) {
-    return false;
-  }
-  const int written =
-      std::fprintf(file, "%.2f,%.2f,%.2f,%.3f,%.3f,%.3f,%.3f,%.3f,%u\n", record.modelLoadTime,
-                   record.readModelFileTime, TimePerExecution(record), InKb(record.inputSize),
-                   InKb(record.taskBufSize), InKb(record.outputSize), InKb(record.workBufSize),
-                   InKb(record.omSize), static_cast<uint32_t>(record.quilmInitMem));
-  return written >= 0 && std::fflush(file) == 0;
+// Every figure has 32 bits or is a time in milliseconds, so a line of this length holds them all.
+using CsvLine = std::array<char, 1024>;
+
+size_t FormatCsvValues(const ProfileRecord& record, CsvLine& line) {
+  const int size =
+      std::snprintf(line.data(), line.size(), "%.2f,%.2f,%.2f,%.3f,%.3f,%.3f,%.3f,%.3f,%u\n",
+                    record.modelLoadTime, record.readModelFileTime, TimePerExecution(record),
+                    InKb(record.inputSize), InKb(record.taskBufSize), InKb(record.outputSize),
+                    InKb(record.workBufSize), InKb(record.omSize),
+                    static_cast<uint32_t>(record.quilmInitMem));
+  return static_cast<size_t>(size);
 }
 
 }  // namespace
@@ -65,8 +64,11 @@ void PrintProfileSummary(const ProfileRecord& record) {
 }
 
 void WriteMemoryDataCsv(const ProfileRecord& record, const std::string& reportPath) {
-  const std::unique_ptr<std::FILE, FileCloser> file(std::fopen(reportPath.c_str(), "we"));
-  if (file == nullptr || !WriteCsvLines(record, file.get())) {
+  constexpr mode_t kReadableByAll = 0666;
+  CsvLine values;
+  const Descriptor file(reportPath, O_WRONLY | O_CREAT | O_TRUNC, kReadableByAll);
+  if (!file.IsOpen() || !file.Write(kCsvHeader, sizeof(kCsvHeader) - 1) ||
+      !file.Write(values.data(), FormatCsvValues(record, values))) {
     LogWarn("can't write memory report %s: %s", reportPath.c_str(), std::strerror(errno));
   }
 }

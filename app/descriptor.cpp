@@ -1,0 +1,88 @@
+#include "app/descriptor.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <utility>
+
+namespace quilmrun {
+namespace {
+
+template <typename Call>
+auto RetryInterrupted(const Call& call) {
+  auto result = call();
+  while (result < 0 && errno == EINTR) {
+    result = call();
+  }
+  return result;
+}
+
+// Takes the first `size` bytes off the list.
+void DropFilled(std::vector<iovec>& pieces, size_t size) {
+  auto piece = pieces.begin();
+  while (piece != pieces.end() && piece->iov_len <= size) {
+    size -= piece->iov_len;
+    ++piece;
+  }
+  if (piece != pieces.end()) {
+    piece->iov_base = static_cast<char*>(piece->iov_base) + size;
+    piece->iov_len -= size;
+  }
+  pieces.erase(pieces.begin(), piece);
+}
+
+}  // namespace
+
+Descriptor::Descriptor(const std::string& path, int flags, mode_t mode)
+    : number_(RetryInterrupted([&] { return open(path.c_str(), flags | O_CLOEXEC, mode); })) {}
+
+Descriptor::~Descriptor() {
+  Close();
+}
+
+void Descriptor::Close() {
+  if (IsOpen()) {
+    close(std::exchange(number_, -1));  // closed even when it says that it was interrupted
+  }
+}
+
+size_t Descriptor::Read(void* target, size_t size) const {
+  size_t done = 0;
+  while (done < size) {
+    const ssize_t received = RetryInterrupted(
+        [&] { return read(number_, static_cast<char*>(target) + done, size - done); });
+    if (received <= 0) {
+      break;
+    }
+    done += static_cast<size_t>(received);
+  }
+  return done;
+}
+
+bool Descriptor::ReadPieces(std::vector<iovec>& pieces) const {
+  while (!pieces.empty()) {
+    const ssize_t received = RetryInterrupted(
+        [&] { return readv(number_, pieces.data(), static_cast<int>(pieces.size())); });
+    if (received <= 0) {
+      return false;
+    }
+    DropFilled(pieces, static_cast<size_t>(received));
+  }
+  return true;
+}
+
+bool Descriptor::Write(const void* source, size_t size) const {
+  size_t done = 0;
+  while (done < size) {
+    const ssize_t taken = RetryInterrupted(
+        [&] { return write(number_, static_cast<const char*>(source) + done, size - done); });
+    if (taken <= 0) {
+      return false;
+    }
+    done += static_cast<size_t>(taken);
+  }
+  return true;
+}
+
+}  // namespace quilmrun
