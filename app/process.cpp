@@ -8,6 +8,7 @@
 #include "app/log.h"
 #include "app/sample_process.h"
 #include "app/status.h"
+#include "app/stop_signals.h"
 #include "input/utils.h"
 #include "model/model_process.h"
 
@@ -56,12 +57,18 @@ int SampleProcess::RunGroups(ModelProcess& model) {
   LogInfo("Model inputNum: %zu", inputNum);
   const size_t iterations = inputNum == 0 ? 0 : inputFiles.size() / inputNum;
   LogInfo("Model Iters : %zu", iterations);
-  for (size_t groupIndex = 0; groupIndex < iterations; ++groupIndex) {
-    if (ProcessGroup(inputFiles, model, groupIndex, inputNum) != kSuccess) {
-      return kFailure;
+  size_t done = 0;
+  while (done < iterations && !StopSignalReceived()) {
+    if (ProcessGroup(inputFiles, model, done, inputNum) != kSuccess) {
+      break;
     }
+    ++done;
   }
-  return kSuccess;
+  if (StopSignalReceived()) {
+    LogWarn("stopped by a signal: %zu of %zu groups done", done, iterations);
+    return kFailure;
+  }
+  return done == iterations ? kSuccess : kFailure;
 }
 
 int SampleProcess::ResolveInputFiles() {

@@ -4,6 +4,7 @@
 
 #include "app/log.h"
 #include "app/status.h"
+#include "app/stop_signals.h"
 #include "profile/media_memory.h"
 #include "profile/profile_record.h"
 #include "profile/reports.h"
@@ -116,6 +117,7 @@ void SampleProcess::DestroyResource() {
 }
 
 int RunSample(const RunOptions& options, const ResolvedPaths& paths) {
+  CatchStopSignals();
   SampleProcess sample(paths.modelPath, paths.inputFiles, paths.quilmJsonPath, options.outputPath);
   if (sample.InitResource(paths.rpnFiles, static_cast<uint32_t>(options.batchSize),
                           options.nlpTotalT, static_cast<uint32_t>(options.profile)) != kSuccess) {

@@ -55,7 +55,8 @@ class SampleProcess {
   /// Process() for a given model, whose destruction follows every way out.
   int RunModel(ModelProcess& model);
 
-  /// Cuts the input files into groups, one file per data input, and runs them in order.
+  /// Cuts the input files into groups, one file per data input, and runs them in order, until one
+  /// fails or a signal asks to stop.
   int RunGroups(ModelProcess& model);
 
   /// Replaces every input file by its resolved path; stops at the first of bad length.
@@ -79,7 +80,8 @@ class SampleProcess {
   quilm_rt_stream stream = nullptr;
 };
 
-/// Performs one complete run, teardown and reports included; returns the exit status.
+/// Performs one complete run, teardown and reports included; returns the exit status. A signal that
+/// asks to stop ends the run behind the inference in progress, as a failure.
 int RunSample(const RunOptions& options, const ResolvedPaths& paths);
 
 }  // namespace quilmrun
