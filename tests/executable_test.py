@@ -31,13 +31,25 @@ class Executable(unittest.TestCase):
         self.assertNotIn("(RPATH)", dynamic)
         self.assertNotIn("protobuf", dynamic)
 
+    @unittest.skipIf("debug" in tool.QUILMRUN, "checked where no sanitizer checks more")
+    def test_is_hardened(self):
+        library = os.path.join(os.path.dirname(tool.QUILMRUN), "libquilm.so")
+        self.assertIn("DYN (Position-Independent Executable file)",
+                      read("readelf", "-h", tool.QUILMRUN))
+        for name in (tool.QUILMRUN, library):
+            self.assertIn("GNU_RELRO", read("readelf", "-lW", name))
+            self.assertRegex(read("readelf", "-dW", name), r"\(FLAGS(_1)?\).*NOW")
+            imports = read("nm", "-D", "--undefined-only", name)
+            self.assertIn("__stack_chk_fail", imports)
+            self.assertRegex(imports, r"__\w+_chk@")
+
     def test_host_runtime_leaves_protobuf_c_to_the_executable(self):
         library = os.path.join(os.path.dirname(tool.QUILMRUN), "libquilm.so")
         self.assertIn("Library soname: [libquilm.so]", read("readelf", "-d", library))
         self.assertIn(" U protobuf_c_message_unpack", read("nm", "-D", library))
         exported = re.findall(r"^\w+ [TDBRVW] (\w+)", read("nm", "-D", "--defined-only", library),
                               re.M)
-        header = open(os.path.join(os.path.dirname(__file__), "../runtime/quilm.h")).read()
+        header = read("cat", os.path.join(os.path.dirname(__file__), "../runtime/quilm.h"))
         self.assertEqual(sorted(exported), sorted(set(re.findall(r"\b(quilm_\w+)\(", header))))
 
 
