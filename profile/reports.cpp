@@ -36,12 +36,11 @@ constexpr char kCsvHeader[] =
 using CsvLine = std::array<char, 1024>;
 
 size_t FormatCsvValues(const ProfileRecord& record, CsvLine& line) {
-  const int size =
-      std::snprintf(line.data(), line.size(), "%.2f,%.2f,%.2f,%.3f,%.3f,%.3f,%.3f,%.3f,%u\n",
-                    record.modelLoadTime, record.readModelFileTime, TimePerExecution(record),
-                    InKb(record.inputSize), InKb(record.taskBufSize), InKb(record.outputSize),
-                    InKb(record.workBufSize), InKb(record.omSize),
-                    static_cast<uint32_t>(record.quilmInitMem));
+  const int size = std::snprintf(
+      line.data(), line.size(), "%.2f,%.2f,%.2f,%.3f,%.3f,%.3f,%.3f,%.3f,%u\n",
+      record.modelLoadTime, record.readModelFileTime, TimePerExecution(record),
+      InKb(record.inputSize), InKb(record.taskBufSize), InKb(record.outputSize),
+      InKb(record.workBufSize), InKb(record.omSize), static_cast<uint32_t>(record.quilmInitMem));
   return static_cast<size_t>(size);
 }
 

@@ -1,28 +1,11 @@
-// A libquilm.so for tests that describes whatever model it is told to, however odd, records every
-// call, and fails on demand. quilm_init() reads what to do from the file it is given:
-//
-//   log FILE                                     record calls here
-//   input NAME TYPE SIZE STRIDE DIM...           model inputs and outputs in order; NAME "-" is
-//   null, output NAME TYPE SIZE STRIDE DIM...          "." empty, "*" 128 letters without a NUL
-//   dim_count N                                  claim N dimensions for every tensor
-//   net_type N, run_mode N, output_count N, reported_size N
-//   fail FUNCTION N CODE                         the N-th call of FUNCTION returns CODE (0: null)
-//
-// Execution copies the bytes of input 0 to the start of output 0.
+// A libquilm.so for tests that describes whatever model its script says, however odd, records every
+// call, and fails on demand. Execution copies the bytes of input 0 to the start of output 0.
 #include <algorithm>
-#include <cstdarg>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
-#include <map>
-#include <set>
-#include <sstream>
-#include <string>
-#include <type_traits>
-#include <vector>
 
 #include "runtime/quilm.h"
+#include "tests/odd_script.h"
 
 struct quilm_mdl_desc {};
 struct quilm_mdl_dataset {
@@ -35,109 +18,6 @@ struct quilm_data_buffer {
 };
 
 namespace {
-
-struct OddTensor {
-  std::string name;
-  int32_t type = 0;
-  size_t size = 0;
-  size_t stride = 0;
-  std::vector<int64_t> dims;
-};
-
-struct OddRuntime {
-  std::FILE* log = nullptr;
-  std::vector<OddTensor> inputs;
-  std::vector<OddTensor> outputs;
-  std::map<std::string, long> numbers;  // dim_count, net_type, ...
-  std::map<std::pair<std::string, int>, long> failures;
-  std::map<std::string, int> calls;
-  std::set<const void*> live;
-} odd;
-
-long NumberOr(const char* key, long fallback) {
-  const auto found = odd.numbers.find(key);
-  return found == odd.numbers.end() ? fallback : found->second;
-}
-
-OddTensor ReadTensor(std::istringstream& words) {
-  OddTensor tensor;
-  words >> tensor.name >> tensor.type >> tensor.size >> tensor.stride;
-  for (int64_t dim = 0; words >> dim;) {
-    tensor.dims.push_back(dim);
-  }
-  return tensor;
-}
-
-void ReadLine(const std::string& line) {
-  std::istringstream words(line);
-  std::string key;
-  std::string name;
-  words >> key;
-  if (key == "input" || key == "output") {
-    (key == "input" ? odd.inputs : odd.outputs).push_back(ReadTensor(words));
-  } else if (key == "log") {
-    words >> name;
-    odd.log = std::fopen(name.c_str(), "w");
-  } else if (key == "fail") {
-    int count = 0;
-    long code = 0;
-    words >> name >> count >> code;
-    odd.failures[{name, count}] = code;
-  } else {
-    words >> odd.numbers[key];
-  }
-}
-
-// Records the call; true, with the code to return in `code`, when it is to fail.
-__attribute__((format(printf, 3, 4))) bool Fails(long& code, const char* function,
-                                                 const char* format, ...) {
-  if (odd.log != nullptr) {
-    va_list arguments;
-    va_start(arguments, format);
-    std::fputs(function, odd.log);
-    std::vfprintf(odd.log, format, arguments);
-    std::fputc('\n', odd.log);
-    std::fflush(odd.log);
-    va_end(arguments);
-  }
-  const auto found = odd.failures.find({function, ++odd.calls[function]});
-  if (found == odd.failures.end()) {
-    return false;
-  }
-  code = found->second;
-  return true;
-}
-
-// Calls that return a pointer fail with null, whatever the code.
-template <typename Result>
-Result Failure(long code) {
-  if constexpr (std::is_pointer_v<Result>) {
-    return nullptr;
-  } else {
-    return static_cast<Result>(code);
-  }
-}
-
-// Every function of the interface starts with this one.
-#define RECORD(Result, ...)                                \
-  if (long code = 0; Fails(code, __func__, __VA_ARGS__)) { \
-    return Failure<Result>(code);                          \
-  }
-
-template <typename Object>
-Object* Track(Object* object) {
-  odd.live.insert(object);
-  return object;
-}
-
-quilm_error Forget(const void* object) {
-  return odd.live.erase(object) == 1 ? 0 : 9;
-}
-
-const OddTensor& At(const std::vector<OddTensor>& tensors, size_t index) {
-  static const OddTensor kNone;
-  return index < tensors.size() ? tensors[index] : kNone;
-}
 
 quilm_error FillDims(const OddTensor& tensor, quilm_mdl_io_dims* dims) {
   if (tensor.name == "*") {
@@ -165,16 +45,13 @@ void LogDataset(const quilm_mdl_dataset* dataset) {
 }  // namespace
 
 quilm_error quilm_init(const char* config_path) {
-  std::ifstream script(config_path);
-  for (std::string line; std::getline(script, line);) {
-    ReadLine(line);
-  }
+  const bool read = ReadScript(config_path);
   RECORD(int, " ");
-  return script.is_open() ? 0 : 1;
+  return read ? 0 : 1;
 }
 
 quilm_error quilm_finalize(void) {
-  RECORD(int, " live %zu", odd.live.size());
+  RECORD(int, " live %zu files %ld", odd.live.size(), CountOpenFiles() - odd.openFiles);
   return 0;
 }
 

@@ -30,7 +30,7 @@ class OddRuntimeTest(ToolTest):
         status, out, err = self.run_tool("-m", "m.om", "-i", "list.txt", "-j", "odd.cfg", "-o",
                                          "out", *options, library=ODD_RUNTIME, preexec_fn=limit)
         self.assertEqual(err, "")
-        self.assertIn("quilm_finalize live 0\n", self.calls(), "everything is released")
+        self.assertIn("quilm_finalize live 0 files 0\n", self.calls(), "everything is released")
         return status, out
 
     def calls(self):
@@ -90,7 +90,7 @@ quilm_mdl_destroy_dataset
 quilm_rt_destroy_stream 
 quilm_rt_destroy_context 
 quilm_rt_reset_device 0
-quilm_finalize live 0
+quilm_finalize live 0 files 0
 """)
 
     def test_every_failing_call_is_reported_and_everything_released(self):

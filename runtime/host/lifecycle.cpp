@@ -1,6 +1,7 @@
 // Start and end of the runtime, device, execution handles and device memory.
 #include <unistd.h>
 
+#include <filesystem>
 #include <new>
 
 #include "runtime/host/state.h"
@@ -35,6 +36,12 @@ quilm_error CreateExecutionHandle(ObjectTable<ExecutionHandle>& table, void** ha
   return kOk;
 }
 
+long CountOpenFiles() {
+  std::error_code none;
+  const std::filesystem::directory_iterator files("/proc/self/fd", none);
+  return std::distance(begin(files), end(files));
+}
+
 quilm_error Initialize(const char* configPath) {
   if (state.initialized) {
     Explain("quilm_init: already initialized");
@@ -51,6 +58,7 @@ quilm_error Initialize(const char* configPath) {
   if (const std::optional<int64_t> code = TakeFault()) {
     return static_cast<quilm_error>(*code);
   }
+  state.openFiles = CountOpenFiles();
   state.initialized = true;
   state.initFailed = false;
   return kOk;
@@ -64,6 +72,9 @@ quilm_error Finalize() {
   state.descriptions.ReportAndClear();
   state.models.ReportAndClear();
   state.memory.ReportAndClear();
+  if (const long files = CountOpenFiles() - state.openFiles; files > 0) {
+    Explain("still there at quilm_finalize: %ld x open file", files);
+  }
   state.initialized = false;
   return kOk;
 }

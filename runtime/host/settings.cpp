@@ -78,6 +78,13 @@ void ReadFaults(const Json& list, std::vector<Fault>& faults) {
   }
 }
 
+bool Switch(const Json& value, const std::string& key) {
+  if (!value.is_boolean()) {
+    Refuse("\"" + key + "\" takes true or false");
+  }
+  return value;
+}
+
 Setter NumberSetter(const std::string& key, size_t& target, uint64_t least) {
   return
       [key, &target, least](const Json& value) { target = Number(value, key, least, INT32_MAX); };
@@ -97,6 +104,7 @@ std::string ReadSettings(const std::string& path, Settings& settings) {
                 {"task_buffer_size", NumberSetter("task_buffer_size", settings.taskBufferSize, 0)},
                 {"work_buffer_size", NumberSetter("work_buffer_size", settings.workBufferSize, 0)},
                 {"run_mode", NumberSetter("run_mode", runMode, 0)},
+                {"trace", [&](const Json& value) { settings.trace = Switch(value, "trace"); }},
                 {"faults", [&](const Json& value) { ReadFaults(value, settings.faults); }}});
     settings.runMode = static_cast<uint32_t>(runMode);
   } catch (const std::exception& problem) {

@@ -5,6 +5,7 @@
 //     "task_buffer_size": 1024,     bytes
 //     "work_buffer_size": 4096,     bytes
 //     "run_mode": 0,                what quilm_rt_get_run_mode() reports
+//     "trace": false,               every call is named on standard error, as faults name it
 //     "faults": [                   calls that go wrong on purpose
 //       {"function": "quilm_mdl_execute", "call": 3, "code": 507}
 //     ]
@@ -34,6 +35,7 @@ struct Settings {
   size_t taskBufferSize = 1024;  // bytes
   size_t workBufferSize = 4096;  // bytes
   uint32_t runMode = 0;
+  bool trace = false;
   std::vector<Fault> faults;
 };
 

@@ -7,6 +7,9 @@ const char* currentCall = "";
 
 std::optional<int64_t> TakeFault() {
   const uint64_t count = ++state.callCounts[currentCall];
+  if (state.settings.trace) {
+    Explain("call: %s %llu", currentCall, static_cast<unsigned long long>(count));
+  }
   for (const Fault& fault : state.settings.faults) {
     if (fault.function == currentCall && fault.call == count) {
       return fault.code;

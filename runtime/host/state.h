@@ -131,6 +131,7 @@ struct State {
   bool deviceOpen = false;
   Settings settings;
   std::map<std::string, uint64_t> callCounts;
+  long openFiles = 0;  // of the process, at the end of quilm_init()
   uint32_t lastModelId = 0;
   ObjectTable<ExecutionHandle> contexts{"context"};
   ObjectTable<ExecutionHandle> streams{"stream"};
@@ -143,7 +144,8 @@ struct State {
 
 extern State state;
 
-/// The code of the fault that is due for the current call, which is counted; usually none.
+/// The code of the fault that is due for the current call, which is counted and, if wanted, traced;
+/// usually none.
 std::optional<int64_t> TakeFault();
 
 /// True when calls other than quilm_init() are in order; explains when not.
