@@ -9,38 +9,9 @@ import subprocess
 import time
 import unittest
 
-from tool import QUILMRUN, TEARDOWN, ToolTest
-
-ODD_RUNTIME = os.environ["ODD_RUNTIME"]
-
-TASK_AND_WORK = "input task 4 8 8 1 8\ninput work 4 16 16 1 16\n"
-PLAIN = "input x 4 16 8 2 4\n" + TASK_AND_WORK + "output y 4 16 8 2 4\n"
-UNLOADED = "[INFO]  unload model success, modelId is 77\n"
-SUCCESS = UNLOADED + "[INFO]  execute sample success\n" + TEARDOWN
-FAILURE = UNLOADED + "[ERROR] sample process failed\n" + TEARDOWN
-STAGING_FAILED = "[ERROR] get pic device buffer failed\n[ERROR] CreateInputBuf failed\n" + FAILURE
-
-
-class OddRuntimeTest(ToolTest):
-    def run_odd(self, script, *options, data=bytes(range(1, 9)), list_text="x.bin\n", limit=None):
-        self.write("m.om", "model")
-        self.write("x.bin", data)
-        self.write("list.txt", list_text)
-        self.write("odd.cfg", f"log {self.dir}/calls\n" + script)
-        status, out, err = self.run_tool("-m", "m.om", "-i", "list.txt", "-j", "odd.cfg", "-o",
-                                         "out", *options, library=ODD_RUNTIME, preexec_fn=limit)
-        self.assertEqual(err, "")
-        self.assertIn("quilm_finalize live 0 files 0\n", self.calls(), "everything is released")
-        return status, out
-
-    def calls(self):
-        return (self.dir / "calls").read_text()
-
-    def check(self, expected_status, expected_tail, script, *options, **files):
-        status, out = self.run_odd(script, *options, **files)
-        self.assertTrue(out.endswith(expected_tail), out)
-        self.assertEqual(status, expected_status)
-
+from odd import (FAILURE, ODD_RUNTIME, PLAIN, STAGING_FAILED, SUCCESS, TASK_AND_WORK,
+                 OddRuntimeTest)
+from tool import QUILMRUN
 
 class Calls(OddRuntimeTest):
     def test_order_of_a_run(self):
@@ -271,7 +242,6 @@ class Outputs(OddRuntimeTest):
         self.assertEqual(out.count("quilm_data_type"), 1)
         _, files = self.dump("output short 4 4 8 1 4\n")  # less than a row: nothing, successfully
         self.assertEqual(files, {"0/short.0.S.float": b"", "0/short.0.S.bin": b""})
-
 
     def test_killed_while_writing_leaves_whole_lines(self):
         values = 4 * 2**20

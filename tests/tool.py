@@ -51,14 +51,26 @@ class ToolTest(unittest.TestCase):
         path.write_bytes(content.encode() if isinstance(content, str) else bytes(content))
         return str(path)
 
-    def run_tool(self, *arguments, library=None, **options):
-        """Runs the tool in the test's directory; returns (status, masked stdout, stderr)."""
+    def run_tool(self, *arguments, library=None, within=(), **options):
+        """Runs the tool in the test's directory, by the command `within` if any; returns (status,
+        masked stdout, stderr)."""
         environment = dict(os.environ, **({"LD_LIBRARY_PATH": library} if library else {}))
-        result = subprocess.run([os.path.abspath(QUILMRUN), *map(str, arguments)], cwd=self.dir,
-                                env=environment, timeout=120, check=False, capture_output=True,
-                                **options)
-        return result.returncode, self.mask(result.stdout.decode()), \
-            result.stderr.decode().replace(str(self.dir), "$D")
+        result = subprocess.run([*within, os.path.abspath(QUILMRUN), *map(str, arguments)],
+                                cwd=self.dir, env=environment, timeout=120, check=False,
+                                capture_output=True, **options)
+        return result.returncode, self.mask(result.stdout.decode(errors="surrogateescape")), \
+            result.stderr.decode(errors="surrogateescape").replace(str(self.dir), "$D")
+
+    def own_mounts(self, before, after=""):
+        """A command that runs another with mounts of its own, between the shell commands `before`
+        and `after`; nobody else sees them. Skips the test where that is not allowed."""
+        own = ["unshare", "--mount"] if os.geteuid() == 0 else \
+            ["unshare", "--user", "--map-root-user", "--mount"]
+        if subprocess.run([*own, "mount", "-t", "tmpfs", "none", str(self.dir / "out")],
+                          check=False, capture_output=True).returncode != 0:
+            self.skipTest("mounting is not allowed here, not even privately")
+        script = f'{before}\nstatus=0\n"$@" || status=$?\n{after}\nexit $status'
+        return [*own, "sh", "-ec", script, "sh"]
 
     def mask(self, text):
         """Directory, times and time stamps replaced by $D, T and S."""

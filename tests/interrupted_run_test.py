@@ -1,0 +1,158 @@
+"""What comes between a run and its end: signals, and an output directory that goes away."""
+
+import os
+import re
+import signal
+import subprocess
+import unittest
+
+from models import NOT_EXECUTED, HostRuntimeTest, floats, relu
+from odd import FAILURE, PLAIN, SUCCESS, OddRuntimeTest
+from tool import QUILMRUN, TEARDOWN
+
+FOUR = "x.bin\n" * 4
+DUMPED = ("[INFO]  model execute success\n[INFO]  The value of quilm_data_type is [4]\n"
+          "[INFO]  dump data success\n")
+
+
+def stopped(done):
+    return f"[WARN]  stopped by a signal: {done} of 4 groups done\n" + FAILURE
+
+
+def groups_of(files):
+    return sorted({int(name.split("/")[0]) for name, content in files.items() if content})
+
+
+class Signals(OddRuntimeTest):
+    def check_stop(self, script, done, tail, status=1):
+        self.check(status, tail, script + PLAIN, list_text=FOUR)
+        self.assertEqual(groups_of(self.outputs()), list(range(done)))
+        self.assertRegex(self.csv(), r"^T,T,T,0\.016,0\.008,0\.016,0\.016,0\.005,0\n$")
+
+    def test_first_signal_ends_the_run_behind_the_inference_in_progress(self):
+        for number in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP):
+            self.setUp()  # a directory of its own
+            self.check_stop(f"signal quilm_mdl_execute 2 {number:d}\n", 2, DUMPED + stopped(2))
+        for function, done in (("quilm_init", 0), ("quilm_mdl_load_from_mem", 0),
+                               ("quilm_mdl_set_dynamic_batch_size", 1)):
+            self.setUp()
+            self.check_stop(f"signal {function} 1 15\n", done, stopped(done))
+        self.setUp()
+        self.check_stop("signal quilm_mdl_execute 4 2\n", 4, DUMPED + stopped(4))
+
+    def test_failure_and_signal_together(self):
+        self.check_stop("fail quilm_mdl_execute 3 4\nsignal quilm_mdl_execute 3 2\n", 2,
+                        NOT_EXECUTED.replace("Id is 1", "Id is 77").split("\n", 1)[1] + stopped(2))
+
+    def test_second_signal_ends_the_process(self):
+        for first, second in ((2, 15), (15, 2), (2, 2)):
+            status, _, _ = self.start_odd(f"signal quilm_mdl_execute 2 {first}\n"
+                                          f"signal quilm_mdl_unload 1 {second}\n" + PLAIN,
+                                          list_text=FOUR)
+            self.assertEqual(status, -second)
+            self.assertTrue(self.calls().endswith("quilm_mdl_unload 77\n"))
+
+    def test_signals_that_do_not_end_a_run(self):
+        def nohup():
+            signal.signal(signal.SIGHUP, signal.SIG_IGN)
+        for number in (signal.SIGHUP, signal.SIGPIPE, signal.SIGXFSZ):
+            self.check(0, DUMPED + SUCCESS, f"signal quilm_mdl_execute 2 {number:d}\n" + PLAIN,
+                       list_text=FOUR, limit=nohup)
+
+
+class InterruptedFromOutside(HostRuntimeTest):
+    def start(self, groups, **options):
+        self.write("m.onnx", relu([1, 8]))
+        self.write("x", floats(*range(8)))
+        self.write("list.txt", "x\n" * groups)
+        self.write("q.json", "{}")
+        return subprocess.Popen([os.path.abspath(QUILMRUN), "-m", "m.onnx", "-i", "list.txt", "-j",
+                                 "q.json", "-o", "out"], cwd=self.dir, stdout=subprocess.PIPE,
+                                stderr=subprocess.PIPE, text=True, **options)
+
+    def read_until(self, process, text):
+        log = ""
+        while text not in log:
+            line = process.stdout.readline()
+            self.assertTrue(line, log)
+            log += line
+        return log
+
+    def end(self, process):
+        with process.stderr:
+            return process.stderr.read()
+
+    def test_interrupt_key(self):
+        process = self.start(20000, preexec_fn=lambda: signal.signal(signal.SIGINT, signal.SIG_DFL))
+        log = self.read_until(process, "dump data success")
+        process.send_signal(signal.SIGINT)
+        with process.stdout:
+            log += process.stdout.read()
+        self.assertEqual((process.wait(timeout=60), self.end(process)), (1, ""))
+        (done,) = re.findall(r"stopped by a signal: (\d+) of 20000 groups done\n", log)
+        self.assertEqual(log.count("dump data success"), int(done))
+        self.assertEqual(groups_of(self.outputs()), list(range(int(done))))
+        self.assertTrue(log.endswith(TEARDOWN), log[-999:])
+        self.assertTrue((self.dir / "memory_data.csv").exists())
+
+    def test_nobody_reads_the_log(self):
+        process = self.start(500)  # more lines than a pipe holds
+        self.read_until(process, "quilm init success")
+        process.stdout.close()
+        self.assertEqual((process.wait(timeout=60), self.end(process)), (0, ""))
+        self.assertEqual(groups_of(self.outputs()), list(range(500)))
+
+
+class OutputDirectory(OddRuntimeTest):
+    """Each of four groups writes two files of one page; the third finds no place any more."""
+
+    def failures(self, *groups):
+        return "".join(DUMPED.replace("[4]\n", "[4]\n" + "".join(
+            f"[ERROR] create output file [out/{group}/y.0.S.{suffix}] failed\n"
+            for suffix in ("float", "bin"))) for group in groups)
+
+    def check_run(self, event, log, done, within=(), directory="out"):
+        status, out = self.run_odd(event + PLAIN, list_text=FOUR, within=within)
+        said = re.sub(r"^\[(INFO|WARN)\]  (start|The (amount|stride|data|shape)|Reading|quilm_mdl).*\n",
+                      "", out, flags=re.M)
+        self.assertTrue(said.endswith("Model Iters : 4\n" + DUMPED * 2 + log + SUCCESS), said)
+        self.assertEqual(status, 0)
+        self.assertEqual(groups_of(self.outputs(directory)), done)
+        self.assertRegex(self.csv(), r"^T,T,T,0\.016,")
+
+    def test_disappears(self):
+        self.check_run("run quilm_mdl_execute 3 mv out gone\n", self.failures(2, 3), [0, 1],
+                       directory="gone")
+
+    def test_fills_up(self):
+        # Nothing is said of bytes that get lost.
+        self.check_run("", DUMPED * 2, [0, 1], self.own_mounts(
+            "mount -t tmpfs -o size=16k none out", "cp -r out kept"), "kept")
+        self.assertEqual(self.outputs("kept")["3/y.0.S.bin"], b"")
+
+    def test_becomes_read_only(self):
+        self.check_run("run quilm_mdl_execute 3 mount -o remount,ro out\n", self.failures(2, 3),
+                       [0, 1], self.own_mounts("mount -t tmpfs none out", "cp -r out kept"), "kept")
+
+
+class MediaMemory(OddRuntimeTest):
+    def test_figures_of_a_real_text(self):
+        # The start of the runtime gives 8 KB back, the load of the model takes 512 KB.
+        within = self.own_mounts(
+            # The leak checker of the debug build wants to see more of /proc than there is here.
+            'export ASAN_OPTIONS=detect_leaks=0; mkdir proc && mount --bind /proc proc && mount -t tmpfs none /proc && '
+            'ln -s "$PWD/proc/self" /proc/self && mkdir /proc/umap && '
+            'printf "media memory\\ntotal=2048KB, used=100KB, free=1948KB\\n" > /proc/umap/media-mem')
+        status, out = self.run_odd(
+            "run quilm_init 1 echo used= 92 KB > /proc/umap/media-mem\n"
+            "run quilm_mdl_load_from_mem 1 echo used=604 > /proc/umap/media-mem\n" + PLAIN,
+            "-p", "1", within=within)
+        self.assertEqual(status, 0)
+        self.assertIn("[INFO]  ModelInfoMem Size:         512 KB.\n"
+                      "[INFO]  QuilmInitMem Size:           -8 KB.\n", out)
+        self.assertNotIn("open failed", out)
+        self.assertEqual(self.csv(), "T,T,T,0.016,0.008,0.016,0.016,0.005,4294967288\n")
+
+
+if __name__ == "__main__":
+    unittest.main()

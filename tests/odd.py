@@ -1,0 +1,40 @@
+"""Runs of the tool on the odd runtime, which tests/odd_script.h explains."""
+
+import os
+
+from tool import TEARDOWN, ToolTest
+
+ODD_RUNTIME = os.environ["ODD_RUNTIME"]
+
+TASK_AND_WORK = "input task 4 8 8 1 8\ninput work 4 16 16 1 16\n"
+PLAIN = "input x 4 16 8 2 4\n" + TASK_AND_WORK + "output y 4 16 8 2 4\n"
+UNLOADED = "[INFO]  unload model success, modelId is 77\n"
+SUCCESS = UNLOADED + "[INFO]  execute sample success\n" + TEARDOWN
+FAILURE = UNLOADED + "[ERROR] sample process failed\n" + TEARDOWN
+STAGING_FAILED = "[ERROR] get pic device buffer failed\n[ERROR] CreateInputBuf failed\n" + FAILURE
+
+
+class OddRuntimeTest(ToolTest):
+    def start_odd(self, script, *options, data=bytes(range(1, 9)), list_text="x.bin\n", limit=None,
+                  within=()):
+        self.write("m.om", "model")
+        self.write("x.bin", data)
+        self.write("list.txt", list_text)
+        self.write("odd.cfg", f"log {self.dir}/calls\n" + script)
+        return self.run_tool("-m", "m.om", "-i", "list.txt", "-j", "odd.cfg", "-o", "out", *options,
+                             library=ODD_RUNTIME, preexec_fn=limit, within=within)
+
+    def run_odd(self, *arguments, **options):
+        """(status, masked stdout) of a run that gets to its end."""
+        status, out, err = self.start_odd(*arguments, **options)
+        self.assertEqual(err, "")
+        self.assertIn("quilm_finalize live 0 files 0\n", self.calls(), "everything is released")
+        return status, out
+
+    def calls(self):
+        return (self.dir / "calls").read_text()
+
+    def check(self, expected_status, expected_tail, script, *options, **files):
+        status, out = self.run_odd(script, *options, **files)
+        self.assertTrue(out.endswith(expected_tail), out)
+        self.assertEqual(status, expected_status)
