@@ -6,7 +6,7 @@ build_packages=(g++ cmake ninja-build libprotobuf-c-dev protobuf-c-compiler libo
 
 # What building and running the tests takes on top.
 test_packages=(libgtest-dev libbenchmark-dev python3-onnx python3-numpy libonnx-testdata locales
-               binutils clang-format clang-tidy)
+               binutils clang-format clang-tidy clang libclang-rt-14-dev llvm)
 
 # Installs those of the named packages that are missing; needs root or sudo only then.
 install_missing() {
