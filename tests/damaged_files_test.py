@@ -67,7 +67,7 @@ class InputSizes(HostRuntimeTest):
                         self.assertEqual(self.outputs()["0/x'.0.S.bin"], floats(*output))
                 self.setUp()
                 runs += 1
-        print(f"staged {runs} sizes")
+        print(f"seen: {runs} sizes staged")
 
     def test_frames_of_a_recurrent_model(self):
         self.write("marks", b"\1\1\1\1")

@@ -63,7 +63,7 @@ class FaultSweep(HostRuntimeTest):
                     files = {name: expected.get(name) if name.startswith(call.differs) else content
                              for name, content in files.items()}
                 self.assertEqual(files, expected)
-        print(f"failed {len(table)} calls in turn")
+        print(f"seen: {len(table)} calls failed in turn")
 
     def test_several_groups_executed_repeatedly(self):
         self.copy_example("digits", "digits.onnx", [

@@ -68,7 +68,9 @@ class ToolTest(unittest.TestCase):
             ["unshare", "--user", "--map-root-user", "--mount"]
         if subprocess.run([*own, "mount", "-t", "tmpfs", "none", str(self.dir / "out")],
                           check=False, capture_output=True).returncode != 0:
-            self.skipTest("mounting is not allowed here, not even privately")
+            reason = "mounting is not allowed here, not even privately"
+            print(f"skipped: {self.id()}: {reason}")
+            self.skipTest(reason)
         script = f'{before}\nstatus=0\n"$@" || status=$?\n{after}\nexit $status'
         return [*own, "sh", "-ec", script, "sh"]
 
