@@ -6,7 +6,9 @@ import signal
 import subprocess
 import unittest
 
-from models import NOT_EXECUTED, HostRuntimeTest, floats, relu
+from onnx import helper
+
+from models import NOT_EXECUTED, HostRuntimeTest, floats, model, relu, tensor
 from odd import FAILURE, PLAIN, SUCCESS, OddRuntimeTest
 from tool import QUILMRUN, TEARDOWN
 
@@ -101,6 +103,22 @@ class InterruptedFromOutside(HostRuntimeTest):
         process.stdout.close()
         self.assertEqual((process.wait(timeout=60), self.end(process)), (0, ""))
         self.assertEqual(groups_of(self.outputs()), list(range(500)))
+
+
+@unittest.skipIf("debug" in QUILMRUN, "the sanitizers have calls of their own to make")
+class SystemCalls(HostRuntimeTest):
+    def test_interrupted_and_short_calls_change_nothing(self):
+        for name in ("a", "b"):
+            self.write(name, floats(*range(1, 13)))
+        self.write("rpn", "0.5 1.5\n2.5 3.5")
+        proto = model([helper.make_node("Relu", ["x"], ["y"]),
+                       helper.make_node("Relu", ["r"], ["z"])],
+                      [tensor("x", [1, 3, 4]), tensor("r", [1, 4])],
+                      [tensor("y", [1, 3, 4]), tensor("z", [1, 4])])
+        runs = [(self.run_model(proto, "a\nb\n", "-r", "rpn", within=within), self.outputs(),
+                 self.csv()) for within in ((), ("env", "LD_PRELOAD=" + os.environ["SHORT_CALLS"]))]
+        self.assertEqual(runs[0], runs[1])
+        self.assertEqual(len(runs[0][1]), 8)
 
 
 class OutputDirectory(OddRuntimeTest):

@@ -97,12 +97,12 @@ def whole_log(inputs, outputs, entries, groups, end=SUCCESS, *, echo="", batch=1
 class HostRuntimeTest(ToolTest):
     """A test that runs a model on the host runtime."""
 
-    def run_model(self, model_bytes, list_text, *options, settings=None):
+    def run_model(self, model_bytes, list_text, *options, settings=None, within=()):
         self.write("m.onnx", model_bytes)
         self.write("list.txt", list_text)
         self.write("q.json", json.dumps(settings or {}))
         return self.run_tool("-m", self.dir / "m.onnx", "-i", self.dir / "list.txt", "-j",
-                             self.dir / "q.json", "-o", "out", *options)
+                             self.dir / "q.json", "-o", "out", *options, within=within)
 
     def expected_csv(self, inputs, outputs):
         """The memory report of a run with inputs and outputs of these KB, as csv() shows it."""
