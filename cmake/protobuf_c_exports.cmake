@@ -1,8 +1,10 @@
 # The runtime library decodes models with protobuf-c but does not carry it: it resolves six symbols
 # from the executable that loads it. The executable therefore contains protobuf-c and exports these
-# six, and no others. It calls none of them itself, so each has to be asked for twice: -u makes the
-# linker take it out of the archive, --export-dynamic-symbol puts it into the dynamic symbol table.
-# Left to itself, the linker would export just those that the libquilm.so at hand happens to use.
+# six. It calls none of them itself, so each has to be asked for twice: -u makes the linker take it
+# out of the archive, --export-dynamic-symbol puts it into the dynamic symbol table. Left to itself,
+# the linker would export just those that the libquilm.so at hand happens to use, and with them
+# whatever else both contain, such as the C++ library's functions; the version script keeps all but
+# the six inside.
 
 set(protobuf_c_symbols
   protobuf_c_message_pack
@@ -19,3 +21,8 @@ foreach(symbol IN LISTS protobuf_c_symbols)
   target_link_options(protobuf_c_exports INTERFACE
     "-Wl,-u,${symbol}" "-Wl,--export-dynamic-symbol=${symbol}")
 endforeach()
+
+list(JOIN protobuf_c_symbols "; " exported)
+set(exports_map ${PROJECT_BINARY_DIR}/protobuf_c_exports.map)
+file(CONFIGURE OUTPUT ${exports_map} CONTENT "{ global: @exported@; local: *; };\n" @ONLY)
+target_link_options(protobuf_c_exports INTERFACE -Wl,--version-script=${exports_map})
