@@ -23,8 +23,12 @@ endforeach()
 
 list(JOIN protobuf_c_symbols "; " exported)
 set(dynamic_list ${PROJECT_BINARY_DIR}/protobuf_c_exports.list)
-set(version_script ${PROJECT_BINARY_DIR}/protobuf_c_exports.map)
 file(CONFIGURE OUTPUT ${dynamic_list} CONTENT "{ @exported@; };\n" @ONLY)
-file(CONFIGURE OUTPUT ${version_script} CONTENT "{ global: @exported@; local: *; };\n" @ONLY)
-target_link_options(protobuf_c_exports INTERFACE
-  -Wl,--dynamic-list=${dynamic_list} -Wl,--version-script=${version_script})
+target_link_options(protobuf_c_exports INTERFACE -Wl,--dynamic-list=${dynamic_list})
+
+# A sanitizer's functions have to stay visible to libquilm.so, which is checked too.
+if(NOT QUILMRUN_SANITIZE)
+  set(version_script ${PROJECT_BINARY_DIR}/protobuf_c_exports.map)
+  file(CONFIGURE OUTPUT ${version_script} CONTENT "{ global: @exported@; local: *; };\n" @ONLY)
+  target_link_options(protobuf_c_exports INTERFACE -Wl,--version-script=${version_script})
+endif()

@@ -76,6 +76,8 @@ class Packages(HostRuntimeTest):
         self.check_manual(prefix)
         self.assertIn(f"libquilm.so => {prefix}/bin/../lib/libquilm.so",
                       run("ldd", prefix / "bin/quilmrun"))
+        self.assertEqual(len(re.findall(r"^\w+ \w \w+$", run("nm", "-D", "--defined-only",
+                                                           prefix / "bin/quilmrun"), re.M)), 6)
         shown = run(prefix / "share/quilmrun/scripts/run-example", "digits", prefix / "bin",
                     self.dir / "digits")
         self.assertIn("[INFO]  execute sample success\n", shown)
