@@ -8,9 +8,16 @@ build_packages=(g++ cmake ninja-build libprotobuf-c-dev protobuf-c-compiler libo
 test_packages=(libgtest-dev libbenchmark-dev python3-onnx python3-numpy libonnx-testdata locales
                binutils clang-format clang-tidy clang libclang-rt-14-dev llvm)
 
+# What building for a board and making packages takes on top.
+board_packages=(g++-aarch64-linux-gnu libprotobuf-c-dev:arm64 dpkg-dev file)
+
+# What running the board's executable here, and its tests, takes on top.
+emulation_packages=(qemu-user libstdc++6:arm64 libgtest-dev:arm64 mandoc)
+
 # Installs those of the named packages that are missing; needs root or sudo only then.
+# Names may end in an architecture, as in libstdc++6:arm64.
 install_missing() {
-  local package missing=()
+  local package architecture missing=()
   for package in "$@"; do
     dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q 'ok installed' ||
       missing+=("$package")
@@ -19,6 +26,10 @@ install_missing() {
   echo "Installing: ${missing[*]}"
   local as_root=()
   [ "$(id -u)" = 0 ] || as_root=(sudo)
+  for architecture in $(printf '%s\n' "${missing[@]}" | sed -n 's/.*://p' | sort -u); do
+    dpkg --print-foreign-architectures | grep -qx "$architecture" ||
+      "${as_root[@]}" dpkg --add-architecture "$architecture"
+  done
   "${as_root[@]}" apt-get -q update
   "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive \
     apt-get -qq install -y --no-install-recommends "${missing[@]}"

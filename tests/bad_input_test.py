@@ -7,7 +7,8 @@ import unittest
 import numpy as np
 from onnx import TensorProto, helper
 
-from models import (FAILURE, SHAPE_WARNING, SUCCESS, HostRuntimeTest, executed, model, relu, tensor)
+from models import (FAILURE, SHAPE_WARNING, SUCCESS, HostRuntimeTest, executed, identity, model,
+                    tensor)
 from tool import BRING_UP, NO_MEDIA_MEMORY, TEARDOWN
 
 
@@ -16,7 +17,7 @@ class BadInput(HostRuntimeTest):
 
     def check(self, expected_status, expected_tail, *options, model_bytes=None, list_text="x",
               stderr=""):
-        status, out, err = self.run_model(model_bytes or relu([1, 8]), list_text, *options)
+        status, out, err = self.run_model(model_bytes or identity([1, 8]), list_text, *options)
         self.assertTrue(out.endswith(expected_tail), out)
         self.assertEqual((status, err), (expected_status, stderr))
 
@@ -57,7 +58,7 @@ class BadInput(HostRuntimeTest):
         self.check(1, "[ERROR] Error, output size is 0.\n" + no_output, "-b", "0")
         size = 2**20 * (2**32 - 1)  # more than any PC has
         self.check(1, f"[ERROR] can't malloc buffer, size is {size}, create output failed\n" +
-                   no_output, "-b", "-1", model_bytes=relu([1, 2**18]),
+                   no_output, "-b", "-1", model_bytes=identity([1, 2**18]),
                    stderr=f"host runtime: quilm_rt_malloc: no memory for {size} bytes\n")
         self.check(0, SUCCESS, "-b", "1x")
         for bad in ("x", "99999999999"):
@@ -80,9 +81,9 @@ class BadInput(HostRuntimeTest):
                       [tensor("x", [1], TensorProto.INT64)], [tensor("y", [1], TensorProto.INT64)])
         for content, reason in [
                 (b"#!/bin/sh\necho this is no model\n", "it is not an ONNX file"),
-                (relu([1, 8])[:-20], "it is not an ONNX file"),
-                (relu([1, "W"]), 'input "x": dimension 1 is not a number'),
-                (relu([0, 8]), 'input "x": dimension 0 is not above 0'),
+                (identity([1, 8])[:-20], "it is not an ONNX file"),
+                (identity([1, "W"]), 'input "x": dimension 1 is not a number'),
+                (identity([0, 8]), 'input "x": dimension 0 is not above 0'),
                 (model([helper.make_node("Neg", ["x"], ["y"])], [tensor("x", [3, 1])],
                        [tensor("y", [3, 1])], properties={"quilm.net_type": "2"}),
                  "a recurrent model's input 0 has as many frames, its first dimension, as input 1 "
@@ -128,7 +129,7 @@ class BadInput(HostRuntimeTest):
                                        "[INFO]  inputPath: \n"), out)
 
     def test_settings(self):
-        self.write("m.onnx", relu([1, 8]))
+        self.write("m.onnx", identity([1, 8]))
         for content, reason in [
                 (None, "cannot be opened"), ("{", "parse error"), ("[]", "JSON object"),
                 ('{"run_node": 0}', 'unknown key "run_node"'), ('{"run_mode": "0"}', "whole number"),
@@ -165,7 +166,7 @@ class BadInput(HostRuntimeTest):
                                 "space left on device\n", "-j", "full/q.json")
 
     def test_report_goes_behind_the_last_separator_of_either_kind(self):
-        self.write("m.onnx", relu([1, 8]))
+        self.write("m.onnx", identity([1, 8]))
         self.write("d/q\\q.json", "{}")
         (self.dir / "d/q").mkdir()
         self.run_tool("-m", "m.onnx", "-j", "d/q\\q.json")
@@ -174,12 +175,12 @@ class BadInput(HostRuntimeTest):
     def test_settings_shape_the_description(self):
         self.write("x", bytes(32))
         settings = {"row_alignment": 64, "task_buffer_size": 96, "work_buffer_size": 160}
-        _, out, _ = self.run_model(relu([1, 8]), "x", settings=settings)
+        _, out, _ = self.run_model(identity([1, 8]), "x", settings=settings)
         for line in ("DataType: 0, stride: 64, format: 0, dataSizeWithStride: 64",
                      "DataType: 4, stride: 96, format: 0, dataSizeWithStride: 96",
                      "DataType: 4, stride: 160, format: 0, dataSizeWithStride: 160"):
             self.assertIn(f"[INFO]  {line}\n", out)
-        _, _, err = self.run_model(relu([1, 4]), "x", settings={"row_alignment": 6})
+        _, _, err = self.run_model(identity([1, 4]), "x", settings={"row_alignment": 6})
         self.assertEqual(err, 'host runtime: the model cannot be loaded: input "x": its elements '
                               "do not fit a row_alignment of 6\n")
 
@@ -190,11 +191,9 @@ class BadInput(HostRuntimeTest):
                           "engine does not carry through\n")
 
     def test_numbers_that_floats_cannot_carry(self):
-        identity = model([helper.make_node("Identity", ["x"], ["y"])],
-                         [tensor("x", [1, 2], TensorProto.INT32)],
-                         [tensor("y", [1, 2], TensorProto.INT32)])
         self.write("x", np.array([1, 2**24 + 1], "<i4").tobytes())
-        self.check(1, "[ERROR] execute inference failed\n" + FAILURE, model_bytes=identity,
+        self.check(1, "[ERROR] execute inference failed\n" + FAILURE,
+                   model_bytes=identity([1, 2], TensorProto.INT32),
                    stderr='host runtime: execution failed: "x" holds a number that is not below '
                           "2^24 in magnitude, which the engine cannot carry exactly as an "
                           "integer\n")

@@ -20,9 +20,18 @@ def model(nodes, inputs, outputs, initializers=(), properties=()):
     return proto.SerializeToString()
 
 
-def relu(shape, element_type=TensorProto.FLOAT):
-    return model([helper.make_node("Relu", ["x"], ["y"])], [tensor("x", shape, element_type)],
+def unary(operator, shape, element_type=TensorProto.FLOAT):
+    return model([helper.make_node(operator, ["x"], ["y"])], [tensor("x", shape, element_type)],
                  [tensor("y", shape, element_type)])
+
+
+def relu(shape, element_type=TensorProto.FLOAT):
+    return unary("Relu", shape, element_type)
+
+
+def identity(shape, element_type=TensorProto.FLOAT):
+    """Runs on host runtimes without an engine too."""
+    return unary("Identity", shape, element_type)
 
 
 def floats(*values):

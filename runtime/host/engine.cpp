@@ -1,16 +1,14 @@
 #include "runtime/host/engine.h"
 
 #include <algorithm>
-#include <cmath>
 #include <cstdint>
 #include <opencv2/core/utils/logger.hpp>
 #include <opencv2/dnn.hpp>
 
+#include "runtime/host/element_checks.h"
+
 namespace quilm_host {
 namespace {
-
-// Beyond this magnitude neighbouring integers share one 32-bit float.
-constexpr float kLargestExactInteger = 16777216.0F;
 
 // Indexed by data type code.
 constexpr int kMatTypes[] = {CV_32F, CV_16F, CV_8S, CV_32S, CV_8U, -1, CV_16S, CV_16U};
@@ -31,30 +29,6 @@ cv::Mat MakeBlob(const Tensor& tensor) {
 cv::Mat AsRows(const cv::Mat& blob, const Tensor& tensor) {
   return cv::Mat(static_cast<int>(RowCount(tensor)), static_cast<int>(RowElements(tensor)), CV_32F,
                  blob.data);
-}
-
-// False for NaN and infinity too.
-bool IsExactInteger(float value) {
-  return std::fabs(value) < kLargestExactInteger;
-}
-
-bool IsFinite(float value) {
-  return std::isfinite(value);
-}
-
-bool AllOf(const cv::Mat& rows, bool (*predicate)(float)) {
-  for (int r = 0; r < rows.rows; ++r) {
-    const auto* row = rows.ptr<float>(r);
-    if (!std::all_of(row, row + rows.cols, predicate)) {
-      return false;
-    }
-  }
-  return true;
-}
-
-std::string InexactInteger(const Tensor& tensor) {
-  return "\"" + tensor.name + "\" holds a number that is not below 2^24 in magnitude, which the " +
-         "engine cannot carry exactly as an integer";
 }
 
 bool IsFloatingPoint(const Tensor& tensor) {
@@ -86,17 +60,13 @@ class DnnEngine : public Engine {
   std::string Compute(const std::vector<TensorData>& inputs,
                       const std::vector<TensorData>& outputs) {
     for (const TensorData& input : inputs) {
+      std::string problem = CheckElements(input);
+      if (!problem.empty()) {
+        return problem;
+      }
       const cv::Mat blob = MakeBlob(*input.tensor);
       cv::Mat rows = AsRows(blob, *input.tensor);
       RowsOf(input).convertTo(rows, CV_32F);
-      if (input.tensor->dataType == kInt32 && !AllOf(rows, IsExactInteger)) {
-        return InexactInteger(*input.tensor);
-      }
-      // Some layers turn infinities into NaN and NaN into numbers.
-      if (!AllOf(rows, IsFinite)) {
-        return "\"" + input.tensor->name + "\" holds infinity or NaN, which the engine does not " +
-               "carry through";
-      }
       auto* values = rows.ptr<float>();
       std::fill(values + std::min(input.validElements, rows.total()), values + rows.total(), 0.0F);
       net_.setInput(blob, input.tensor->name);
@@ -120,7 +90,8 @@ class DnnEngine : public Engine {
              " elements, the model declares " + std::to_string(declared);
     }
     const cv::Mat rows = AsRows(result, tensor);
-    if (!IsFloatingPoint(tensor) && !AllOf(rows, IsExactInteger)) {
+    const auto* values = result.ptr<float>();
+    if (!IsFloatingPoint(tensor) && !std::all_of(values, values + declared, IsExactInteger)) {
       return InexactInteger(tensor);
     }
     cv::Mat target = RowsOf(output);

@@ -1,4 +1,5 @@
-// What executes a graph. Everything that knows OpenCV stands behind this interface.
+// What executes a graph. Everything that knows OpenCV stands behind this interface, in engine.cpp;
+// identity_engine.cpp takes its place where there is no OpenCV.
 #ifndef QUILMRUN_RUNTIME_HOST_ENGINE_H_
 #define QUILMRUN_RUNTIME_HOST_ENGINE_H_
 
@@ -27,8 +28,7 @@ class Engine {
   /// Computes one batch: `inputs` in graph order, the model's `outputs` likewise. The engine counts
   /// in 32-bit floats; integers are rounded to the nearest (ties to even) and saturated at the
   /// outputs. Integers that floats cannot carry exactly are refused, and so are infinity and NaN as
-  /// inputs. Returns an empty string, or
-  /// what went wrong.
+  /// inputs. Returns an empty string, or what went wrong.
   virtual std::string Run(const std::vector<TensorData>& inputs,
                           const std::vector<TensorData>& outputs) = 0;
 };
