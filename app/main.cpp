@@ -1,3 +1,5 @@
+#include <utility>
+
 #include "app/log.h"
 #include "app/options.h"
 #include "app/sample_process.h"
@@ -11,5 +13,5 @@ int main(int argc, char** argv) {
   if (quilmrun::CheckOptions(options, paths) != quilmrun::kSuccess) {
     return quilmrun::kFailure;
   }
-  return quilmrun::RunSample(options, paths);
+  return quilmrun::RunSample(options, std::move(paths));
 }

@@ -116,9 +116,10 @@ void SampleProcess::DestroyResource() {
   WriteMemoryDataCsv(profileRecord, ReportPath(quilmJsonPath));
 }
 
-int RunSample(const RunOptions& options, const ResolvedPaths& paths) {
+int RunSample(const RunOptions& options, ResolvedPaths paths) {
   CatchStopSignals();
-  SampleProcess sample(paths.modelPath, paths.inputFiles, paths.quilmJsonPath, options.outputPath);
+  SampleProcess sample(std::move(paths.modelPath), std::move(paths.inputFiles),
+                       std::move(paths.quilmJsonPath), options.outputPath);
   if (sample.InitResource(paths.rpnFiles, static_cast<uint32_t>(options.batchSize),
                           options.nlpTotalT, static_cast<uint32_t>(options.profile)) != kSuccess) {
     LogError("sample init resource failed");

@@ -81,8 +81,9 @@ class SampleProcess {
 };
 
 /// Performs one complete run, teardown and reports included; returns the exit status. A signal that
-/// asks to stop ends the run behind the inference in progress, as a failure.
-int RunSample(const RunOptions& options, const ResolvedPaths& paths);
+/// asks to stop ends the run behind the inference in progress, as a failure. Takes the paths over:
+/// a list of input files may be long, and is kept once.
+int RunSample(const RunOptions& options, ResolvedPaths paths);
 
 }  // namespace quilmrun
 

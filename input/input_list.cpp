@@ -16,19 +16,21 @@ std::string DirectoryOf(std::string path) {
 
 std::string WithDirectory(std::string_view line, const std::string& directory) {
   const size_t nameSize = HasInputName(line) ? line.find(':') + 1 : 0;
-  std::string entry(line.substr(0, nameSize));
+  std::string entry;
+  entry.reserve(line.size() + directory.size() + 1);
+  entry.append(line.substr(0, nameSize));
   return entry.append(directory).append("/").append(line.substr(nameSize));
 }
 
-// The pieces that end at a separator or at the end of the text; none after a final separator.
-std::vector<std::string_view> Split(std::string_view text, char separator) {
-  std::vector<std::string_view> pieces;
+// Calls `use` with the pieces that end at a separator or at the end of the text; none after a final
+// separator.
+template <typename Use>
+void ForEachPiece(std::string_view text, char separator, const Use& use) {
   while (!text.empty()) {
     const size_t end = std::min(text.find(separator), text.size());
-    pieces.push_back(text.substr(0, end));
+    use(text.substr(0, end));
     text.remove_prefix(std::min(end + 1, text.size()));
   }
-  return pieces;
 }
 
 }  // namespace
@@ -40,17 +42,18 @@ std::vector<std::string> ReadInputList(const std::string& listPath) {
   }
   const std::string directory = DirectoryOf(listPath);
   std::vector<std::string> entries;
-  for (const std::string_view line : Split(*text, '\n')) {
+  ForEachPiece(*text, '\n', [&](std::string_view line) {
     if (!line.empty()) {
       entries.push_back(WithDirectory(line, directory));
     }
-  }
+  });
   return entries;
 }
 
 std::vector<std::string> SplitString(const std::string& text) {
-  const std::vector<std::string_view> items = Split(text, ',');
-  return {items.begin(), items.end()};
+  std::vector<std::string> items;
+  ForEachPiece(text, ',', [&](std::string_view item) { items.emplace_back(item); });
+  return items;
 }
 
 bool HasInputName(std::string_view entry) {

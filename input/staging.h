@@ -26,7 +26,8 @@ struct RowLayout {
 };
 
 /// Copies rows from the file's current position to `memory`, in file order, each byte read once and
-/// straight into place; stops where the file ends. REQUIRES: memory of batches * batchSize bytes.
+/// straight into the memory; stops where the file ends. REQUIRES: memory of batches * batchSize
+/// bytes, all 0.
 void CopyRows(const InputFile& file, const RowLayout& layout, void* memory);
 
 /// Stages the file `path` for input `index`, whose dimensions are `dims`, and returns the device

@@ -13,6 +13,7 @@
 
 namespace quilmrun {
 
+class OutputFile;
 struct OutputRows;
 
 /// Owns the loaded model, the device memory of its file, its description and both datasets; each
@@ -125,8 +126,9 @@ class ModelProcess {
   template <typename T>
   void WriteOutputBinary(const std::string& path, size_t index);
   /// What both writers share; `writeValues` puts the values into the file.
-  template <typename T, typename WriteValues>
-  void WriteOutput(const std::string& path, size_t index, WriteValues writeValues);
+  template <typename T>
+  void WriteOutput(const std::string& path, size_t index,
+                   void (*writeValues)(const std::vector<float>&, const OutputFile&));
   /// Appends the elements of output `index`, stored as T, to `values` without the row padding.
   template <typename T>
   int GetOutputWithOutStride(std::vector<float>& values, size_t index);

@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <cstdint>
-#include <cstring>
 #include <new>
 
 #include "app/log.h"
@@ -19,34 +18,12 @@ namespace {
 
 constexpr mode_t kRunDirectoryMode = 0775;
 
-// Copies the valid elements, stored as T, to `target`.
+// False when there is no memory for the values: outputs can be larger than what a board has left,
+// and the other outputs are still wanted then.
 template <typename T>
-void ExtractRows(const OutputRows& rows, float* target) {
-  const unsigned char* row = rows.data;
-  for (size_t r = 0; r < rows.rows; ++r, row += rows.rowPitch * sizeof(T)) {
-    for (size_t i = 0; i < rows.rowElements; ++i) {
-      T element;
-      std::memcpy(&element, row + i * sizeof(T), sizeof(T));
-      *target++ = static_cast<float>(element);
-    }
-  }
-}
-
-// Keeps the bits of a NaN, which a conversion need not.
-template <>
-void ExtractRows<float>(const OutputRows& rows, float* target) {
-  const unsigned char* row = rows.data;
-  for (size_t r = 0; r < rows.rows; ++r, row += rows.rowPitch * sizeof(float)) {
-    std::memcpy(target, row, rows.rowElements * sizeof(float));
-    target += rows.rowElements;
-  }
-}
-
-// False when there is no memory for `count` more values: outputs can be larger than what a board
-// has left, and the other outputs are still wanted then.
-bool Grow(std::vector<float>& values, size_t count) {
+bool TryAppendRows(const OutputRows& rows, std::vector<float>& values) {
   try {
-    values.resize(values.size() + count);
+    AppendRows<T>(rows, values);
   } catch (const std::bad_alloc&) {
     return false;
   }
@@ -101,25 +78,17 @@ void ModelProcess::DumpOutputByType(const std::string& fileBase, size_t index) {
 
 template <typename T>
 void ModelProcess::WriteOutputText(const std::string& path, size_t index) {
-  WriteOutput<T>(path, index, [](const std::vector<float>& values, const OutputFile& file) {
-    ValueLine line;
-    for (const float value : values) {
-      if (!file.Write(line.data(), FormatValueLine(value, line))) {
-        return;
-      }
-    }
-  });
+  WriteOutput<T>(path, index, WriteAsText);
 }
 
 template <typename T>
 void ModelProcess::WriteOutputBinary(const std::string& path, size_t index) {
-  WriteOutput<T>(path, index, [](const std::vector<float>& values, const OutputFile& file) {
-    file.Write(values.data(), values.size() * sizeof(float));
-  });
+  WriteOutput<T>(path, index, WriteAsBinary);
 }
 
-template <typename T, typename WriteValues>
-void ModelProcess::WriteOutput(const std::string& path, size_t index, WriteValues writeValues) {
+template <typename T>
+void ModelProcess::WriteOutput(const std::string& path, size_t index,
+                               void (*writeValues)(const std::vector<float>&, const OutputFile&)) {
   std::vector<float> values;
   if (GetOutputWithOutStride<T>(values, index) != kSuccess) {
     LogError("GetOutputWithOutStride fail");
@@ -142,13 +111,10 @@ int ModelProcess::GetOutputWithOutStride(std::vector<float>& values, size_t inde
     LogError("output[%zu] needs %zu bytes, its buffer holds %zu", index, needed, rows.size);
     return kFailure;
   }
-  const size_t present = values.size();
-  const size_t added = rows.rows * rows.rowElements;
-  if (!Grow(values, added)) {
-    LogError("output[%zu]: no memory for %zu values", index, added);
+  if (!TryAppendRows<T>(rows, values)) {
+    LogError("output[%zu]: no memory for %zu values", index, rows.rows * rows.rowElements);
     return kFailure;
   }
-  ExtractRows<T>(rows, values.data() + present);
   return kSuccess;
 }
 

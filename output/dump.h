@@ -29,6 +29,8 @@
 
 namespace quilmrun {
 
+class OutputFile;
+
 /// A line of the text file: the longest is "-", 39 digits, ".", 16 digits and "\n".
 using ValueLine = std::array<char, 64>;
 
@@ -50,6 +52,17 @@ struct OutputRows {
 /// Bytes from the start of the buffer to the end of the last element, for elements of
 /// `elementSize` bytes; SIZE_MAX when 64 bits cannot count them.
 size_t BytesNeeded(const OutputRows& rows, size_t elementSize);
+
+/// Appends the valid elements of all rows, stored as T, to `values`. Throws std::bad_alloc, with
+/// `values` as it was, when memory runs out. REQUIRES: BytesNeeded(rows, sizeof(T)) <= rows.size.
+template <typename T>
+void AppendRows(const OutputRows& rows, std::vector<float>& values);
+
+/// Fills an open file with `values`; stops when it takes no more. As text, every line has reached
+/// the file before the next value is formatted.
+
+void WriteAsText(const std::vector<float>& values, const OutputFile& file);
+void WriteAsBinary(const std::vector<float>& values, const OutputFile& file);
 
 }  // namespace quilmrun
 

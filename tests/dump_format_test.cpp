@@ -2,6 +2,8 @@
 
 #include <cmath>
 #include <cstdint>
+#include <cstdio>
+#include <cstring>
 #include <limits>
 #include <string>
 
@@ -26,6 +28,39 @@ TEST(FormatValueLine, PrintsSixteenDigitsAfterThePoint) {
   for (const auto& [value, text] : rows) {
     ValueLine line;
     EXPECT_EQ(std::string(line.data(), FormatValueLine(value, line)), text);
+  }
+}
+
+float FromBits(uint32_t bits) {
+  float value = 0;
+  std::memcpy(&value, &bits, sizeof(value));
+  return value;
+}
+
+void ExpectAsPrintf(uint32_t bits) {
+  ValueLine line;
+  const std::string text(line.data(), FormatValueLine(FromBits(bits), line));
+  char expected[80];
+  std::snprintf(expected, sizeof(expected), "%.16f\n", static_cast<double>(FromBits(bits)));
+  ASSERT_EQ(text, expected) << "bits " << bits;
+}
+
+// Mantissas at both ends and in the middle with every exponent: zeros, denormals, halves that are
+// rounded to even, infinities and NaN of both signs among them.
+TEST(FormatValueLine, WritesWhatPrintfWritesForEveryExponent) {
+  for (const uint32_t mantissa :
+       {0U, 1U, 2U, 3U, 0x2AAAAAU, 0x400000U, 0x400001U, 0x600000U, 0x7FFFFEU, 0x7FFFFFU}) {
+    for (uint32_t signAndExponent = 0; signAndExponent < 512; ++signAndExponent) {
+      ExpectAsPrintf(signAndExponent << 23 | mantissa);
+    }
+  }
+}
+
+TEST(FormatValueLine, WritesWhatPrintfWritesForAnyBits) {
+  uint32_t random = 1;
+  for (int i = 0; i < 300000; ++i) {
+    random = random * 1664525 + 1013904223;
+    ExpectAsPrintf(random);
   }
 }
 

@@ -1,0 +1,110 @@
+// Rows of a file into memory where they start a stride apart.
+#include <benchmark/benchmark.h>
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <vector>
+
+#include "app/descriptor.h"
+#include "bench/scratch.h"
+#include "input/staging.h"
+#include "model/tensor_description.h"
+#include "runtime/handles.h"
+
+namespace quilmrun {
+namespace {
+
+// One batch of `rows` rows, with a file to fill it from and the memory to put it.
+struct Subject {
+  Subject(size_t rows, size_t rowBytes, size_t stride)
+      : layout{rowBytes, stride, rows, rows * stride, 1},
+        fileBytes(rows * rowBytes),
+        path(MakeScratchFile("rows", fileBytes)),
+        memory(rows * stride) {}
+
+  RowLayout layout;
+  size_t fileBytes;
+  std::string path;
+  std::vector<char> memory;
+};
+
+Subject MakeSubject(const benchmark::State& state) {
+  return {static_cast<size_t>(state.range(0)), static_cast<size_t>(state.range(1)),
+          static_cast<size_t>(state.range(2))};
+}
+
+void OneRead(benchmark::State& state) {
+  Subject subject = MakeSubject(state);
+  const Descriptor file(subject.path, O_RDONLY);
+  while (state.KeepRunning()) {
+    lseek(file.Number(), 0, SEEK_SET);
+    benchmark::DoNotOptimize(read(file.Number(), subject.memory.data(), subject.fileBytes));
+  }
+}
+
+void ReadPerRow(benchmark::State& state) {
+  Subject subject = MakeSubject(state);
+  const Descriptor file(subject.path, O_RDONLY);
+  while (state.KeepRunning()) {
+    lseek(file.Number(), 0, SEEK_SET);
+    for (size_t r = 0; r < subject.layout.rows; ++r) {
+      char* row = subject.memory.data() + r * subject.layout.stride;
+      benchmark::DoNotOptimize(read(file.Number(), row, subject.layout.rowBytes));
+    }
+  }
+}
+
+void CopyAllRows(benchmark::State& state) {
+  Subject subject = MakeSubject(state);
+  const InputFile file(subject.path);
+  while (state.KeepRunning()) {
+    benchmark::DoNotOptimize(file.Size());  // goes back to the first byte
+    CopyRows(file, subject.layout, subject.memory.data());
+  }
+}
+
+void Register(const std::string& subject, const std::vector<int64_t>& rowsBytesStride) {
+  const auto add = [&](const char* name, void (*function)(benchmark::State&)) {
+    benchmark::RegisterBenchmark((subject + name).c_str(), function)->Args(rowsBytesStride);
+  };
+  add("/floor", OneRead);
+  add("/rows", CopyAllRows);
+  add("/call_per_row", ReadPerRow);
+}
+
+const bool kRegistered = [] {
+  Register("rows_of_4096", {4096, 4096, 4096});
+  Register("rows_of_1920", {3240, 1920, 2048});
+  Register("rows_of_1024", {4096, 1024, 1056});
+  Register("rows_of_256", {16384, 256, 288});
+  Register("rows_of_16", {65536, 16, 32});
+  return true;
+}();
+
+// All that a run does for one input file: checks, messages, new device memory, the rows.
+void StageFile(benchmark::State& state) {
+  const std::string path = MakeScratchFile("input", size_t{3240} * 1920);
+  const Description desc(quilm_mdl_create_desc());
+  quilm_mdl_io_dims dims;
+  QueryDims(kInputQueries, desc.get(), 0, dims);
+  uint32_t batchSize = 1;
+  int32_t totalT = -1;
+  while (state.KeepRunning()) {
+    benchmark::DoNotOptimize(GetPicDeviceBuffer(path, dims, desc.get(), 0, batchSize, 0, totalT));
+  }
+}
+BENCHMARK(StageFile)->Name("stage/file");
+
+void ClearAndRead(benchmark::State& state) {
+  const std::string path = MakeScratchFile("input", size_t{3240} * 1920);
+  while (state.KeepRunning()) {
+    const DeviceMemory memory = AllocateDeviceMemory(size_t{3240} * 2048);
+    const Descriptor file(path, O_RDONLY);
+    benchmark::DoNotOptimize(read(file.Number(), memory.get(), size_t{3240} * 1920));
+  }
+}
+BENCHMARK(ClearAndRead)->Name("stage/floor");
+
+}  // namespace
+}  // namespace quilmrun

@@ -1,0 +1,194 @@
+#!/usr/bin/python3
+"""table.py BUILD_DIR [brief]: measures the parts of a run and whole runs, and prints one table.
+
+Every line has a floor, the least that the same work can cost on the machine at hand, measured in
+the same run: figure / floor = ratio, which has to be at most the goal where there is one. Of several
+repetitions, floor and figure taking turns, the shortest counts, in processor time for the parts
+(quilmrun_bench) and in real time for whole runs: other programs disturb these least. Files are in
+memory, or in the directory QUILMRUN_BENCH_DIR. A brief run only shows that everything works.
+"""
+
+import json
+import os
+import pathlib
+import shutil
+import subprocess
+import sys
+import tempfile
+
+ROOT = pathlib.Path(__file__).resolve().parent.parent
+BUILD = pathlib.Path(sys.argv[1]).resolve()
+BRIEF = sys.argv[2:] == ["brief"]
+DIRECTORY = os.environ.setdefault(
+    "QUILMRUN_BENCH_DIR", "/dev/shm" if os.access("/dev/shm", os.W_OK) else tempfile.gettempdir())
+MIB = 2**20
+
+# What, floor and figure by the names of quilmrun_bench, goal.
+PARTS = (
+    ("text file, 1,000,000 values | write call per ready line", "text/floor", "text/write", 1.15),
+    ("binary file, 1,000,000 floats | one write", "binary/floor", "binary/float", 2),
+    ("binary file, 1,000,000 int8 | one write", "binary/floor", "binary/int8", 2),
+    ("extracting float | memory copy", "extract/floor", "extract/float", 1.15),
+    ("extracting int8 | memory copy of the floats", "extract/floor", "extract/int8", 3),
+    ("extracting uint8", "extract/floor", "extract/uint8", 3),
+    ("extracting int16", "extract/floor", "extract/int16", 3),
+    ("extracting uint16", "extract/floor", "extract/uint16", 3),
+    ("4,096 rows of 4,096 bytes, no padding | one read", "rows_of_4096/floor", "rows_of_4096/rows",
+     1.5),
+    ("3,240 rows of 1,920 bytes | one read", "rows_of_1920/floor", "rows_of_1920/rows", 1.5),
+    ("4,096 rows of 1,024 bytes | one read", "rows_of_1024/floor", "rows_of_1024/rows", 1.5),
+    ("65,536 rows of 16 bytes | one read", "rows_of_16/floor", "rows_of_16/rows", None),
+    ("65,536 rows of 16 bytes | read call per row", "rows_of_16/call_per_row", "rows_of_16/rows",
+     1 / 30),
+    ("input file of 3,240 rows, in full | clear and read", "stage/floor", "stage/file", 1.5),
+    ("model file of 32 MiB | clear and read", "model/floor", "model/read", 1.3),
+    ("list of 100,000 named files, grouped | its lines", "list/floor", "list/group", None),
+)
+
+# Groups in a run of the digits example, and how many such runs.
+DIGITS_RUNS = ((10, 1), (20, 1)) if BRIEF else ((10, 30), (1000, 12), (10000, 6))
+MEMORY_VALUES = 8192 if BRIEF else 8 * MIB
+MEMORY_GROUPS = (10, 20) if BRIEF else (10000, 50000)
+
+lines = []
+
+
+def add(what, floor, figure, unit, goal=None):
+    lines.append((what, floor, figure, unit, goal))
+
+
+def measure_parts():
+    """{benchmark: ms}"""
+    repetitions, seconds = (1, 0.001) if BRIEF else (12, 0.1)
+    with tempfile.NamedTemporaryFile() as report:
+        subprocess.run([BUILD / "quilmrun_bench", f"--benchmark_out={report.name}",
+                        "--benchmark_out_format=json", f"--benchmark_repetitions={repetitions}",
+                        f"--benchmark_min_time={seconds}",
+                        "--benchmark_enable_random_interleaving=true"],
+                       check=True, stderr=subprocess.DEVNULL)
+        runs = json.load(report)["benchmarks"]
+    times = {}
+    for run in runs:
+        if run["run_type"] == "iteration":
+            name = "/".join(run["run_name"].split("/")[:2])
+            times[name] = min(times.get(name, float("inf")), run["cpu_time"] / 1e6)
+    return times
+
+
+class Run:
+    """A finished run of the tool through the measuring runtime; `figures` are what that noted."""
+
+    def __init__(self, runtime, model, inputs, settings):
+        self.out = pathlib.Path(tempfile.mkdtemp(dir=settings.parent))
+        self.log = self.out.with_suffix(".log")
+        figures = self.out.with_suffix(".figures")
+        environment = dict(os.environ, LD_LIBRARY_PATH=str(BUILD / "bench/measuring"),
+                           QUILM_MEASURED=str(runtime), QUILM_FIGURES=str(figures))
+        with open(self.log, "wb") as log:
+            subprocess.run([BUILD / "quilmrun", "-m", model, "-i", inputs, "-j", settings, "-o",
+                            self.out], env=environment, stdout=log, check=True)
+        self.figures = {key: int(value) for key, value in
+                        (line.split() for line in figures.read_text().splitlines())}
+
+    def per_group(self):
+        """Microseconds: all of a group, and what the runtime takes of it."""
+        return [self.figures[key] / self.figures["groups"] / 1000
+                for key in ("loop_ns", "runtime_ns")]
+
+    def bare_per_group(self):
+        """Microseconds, for the same messages and files with bare system calls."""
+        target = tempfile.mkdtemp(dir=self.out.parent)
+        result = subprocess.run([BUILD / "bench/bare_run", self.log, self.out, target],
+                                capture_output=True, check=True)
+        shutil.rmtree(target)
+        return float(result.stdout) / 1000
+
+    def memory(self):
+        """MiB at the peak, beyond what the runtime had handed out."""
+        return (self.figures["peak_rss_bytes"] - self.figures["peak_device_bytes"]) / MIB
+
+
+def write(path, content):
+    path.write_bytes(content if isinstance(content, bytes) else content.encode())
+    return path
+
+
+def measure_digits(scratch):
+    """Speed of the digits example; the shares of a group for every number of groups."""
+    example = ROOT / "examples/digits"
+    shutil.copytree(example / "images", scratch / "images")
+    settings = pathlib.Path(shutil.copy(example / "quilm.json", scratch))
+    names = (example / "list.txt").read_text().splitlines()
+    tool_times = {}
+    for groups, runs in DIGITS_RUNS:
+        inputs = write(scratch / "list.txt", "".join(names[i % len(names)] + "\n"
+                                                     for i in range(groups)))
+        times, bare_times = [], []
+        for _ in range(runs):
+            run = Run(BUILD / "libquilm.so", example / "digits.onnx", inputs, settings)
+            times.append(run.per_group())
+            bare_times.append(run.bare_per_group())
+            shutil.rmtree(run.out)
+        (whole, runtime), bare = min(times), min(bare_times)
+        tool = tool_times[groups] = whole - runtime
+        add(f"digits, {groups:,} groups: {1e6 / whole:,.0f} a second, {tool / whole:.0%} the tool's"
+            " | runtime's calls", runtime, whole, "us")
+        add(f"digits, {groups:,} groups: the tool's part | bare system calls", bare, tool, "us")
+    *fewer, most = sorted(tool_times)
+    for few in fewer:
+        add(f"the tool's part of a group at {most:,} groups | at {few:,}", tool_times[few],
+            tool_times[most], "us", 1.1)
+
+
+def measure_memory(scratch):
+    """Peaks with a runtime that does nothing, against the floats of the largest output + 16 MiB."""
+    directory = scratch / "recordings of a whole day"
+    directory.mkdir()
+    write(directory / "channel.bin", bytes(32))
+    line = f"{directory.name}/channel.bin\n"
+
+    def run(what, lines=line, inputs=1, output="0 64 64 1 16", floats=16, model=b"model"):
+        settings = write(scratch / "memory.cfg", f"output y {output}\n" + "".join(
+            f"input in{i} 4 32 32 1 32\n" for i in range(inputs + 2)))
+        done = Run(BUILD / "tests/odd/libquilm.so", write(scratch / "model", model),
+                   write(scratch / "list.txt", lines), settings)
+        add(f"peak memory, {what} | floats + 16 MiB", floats * 4 / MIB + 16, done.memory(), "MiB",
+            1)
+        shutil.rmtree(done.out)
+
+    values = MEMORY_VALUES
+    shape = f"{values // 1024} 1024"
+    run(f"output of {values:,} float", output=f"0 {values * 4} 4096 {shape}", floats=values)
+    run(f"output of {values:,} int8", output=f"2 {values} 1024 {shape}", floats=values)
+    run("model file of 64 MiB", model=bytes(64 * MIB))
+    few, many = MEMORY_GROUPS
+    run(f"{few:,} groups", line * few)
+    run(f"{many:,} groups of 2 named files", f"in1:{line}in0:{line}" * many, 2)
+
+
+def format_value(value, unit):
+    return f"{value:,.3f} {unit}" if value < 10 else f"{value:,.1f} {unit}"
+
+
+def print_table():
+    print(f"{'what | floor':72}{'floor':>12}{'figure':>12}{'ratio':>7}{'goal':>7}")
+    for what, floor, figure, unit, goal in lines:
+        ratio = figure / floor
+        goal_text = "" if goal is None else f"{goal:.2f}" if goal >= 0.1 else f"{goal:.3f}"
+        missed = goal is not None and ratio > goal
+        print(f"{what:72}{format_value(floor, unit):>12}{format_value(figure, unit):>12}"
+              f"{ratio:7.{2 if ratio >= 0.1 else 3}f}{goal_text:>7}{'  missed' if missed else ''}")
+
+
+def main():
+    times = measure_parts()
+    for what, floor, figure, goal in PARTS:
+        add(what, times[floor], times[figure], "ms", goal)
+    with tempfile.TemporaryDirectory(prefix="quilmrun_", dir=DIRECTORY) as scratch:
+        measure_digits(pathlib.Path(scratch))
+        measure_memory(pathlib.Path(scratch))
+    print_table()
+
+
+if __name__ == "__main__":
+    main()

@@ -1,0 +1,23 @@
+#include <cstdint>
+
+#include "output/dump.h"
+
+namespace quilmrun {
+
+template <typename T>
+void AppendRows(const OutputRows& rows, std::vector<float>& values) {
+  values.reserve(values.size() + rows.rows * rows.rowElements);
+  for (size_t r = 0; r < rows.rows; ++r) {
+    const T* row = reinterpret_cast<const T*>(rows.data) + r * rows.rowPitch;
+    // Of floats this copies the bytes: a NaN keeps its bits.
+    values.insert(values.end(), row, row + rows.rowElements);
+  }
+}
+
+template void AppendRows<float>(const OutputRows&, std::vector<float>&);
+template void AppendRows<int8_t>(const OutputRows&, std::vector<float>&);
+template void AppendRows<uint8_t>(const OutputRows&, std::vector<float>&);
+template void AppendRows<int16_t>(const OutputRows&, std::vector<float>&);
+template void AppendRows<uint16_t>(const OutputRows&, std::vector<float>&);
+
+}  // namespace quilmrun

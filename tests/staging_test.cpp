@@ -1,0 +1,112 @@
+#include "input/staging.h"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace quilmrun {
+namespace {
+
+// A directory of its own with one file in it.
+class CopyRowsTest : public testing::Test {
+ protected:
+  void SetUp() override { ASSERT_NE(mkdtemp(directory_.data()), nullptr); }
+  void TearDown() override {
+    std::remove(Path().c_str());
+    std::remove(directory_.c_str());
+  }
+  std::string Path() const { return directory_ + "/rows"; }
+
+ private:
+  std::string directory_ = testing::TempDir() + "/quilmrun_XXXXXX";
+};
+
+std::string Content(size_t size) {
+  std::string bytes(size, '\0');
+  for (size_t i = 0; i < size; ++i) {
+    bytes[i] = static_cast<char>(i % 251 + 1);
+  }
+  return bytes;
+}
+
+// Byte by byte, as the layout says.
+std::vector<char> Expected(const RowLayout& layout, const std::string& file) {
+  std::vector<char> memory(layout.batches * layout.batchSize);
+  size_t next = 0;
+  for (size_t b = 0; b < layout.batches; ++b) {
+    for (size_t r = 0; r < layout.rows; ++r) {
+      for (size_t i = 0; i < layout.rowBytes && next < file.size(); ++i) {
+        memory[b * layout.batchSize + r * layout.stride + i] = file[next++];
+      }
+    }
+  }
+  return memory;
+}
+
+std::vector<char> Actual(const RowLayout& layout, const std::string& path) {
+  std::vector<char> memory(layout.batches * layout.batchSize);
+  CopyRows(InputFile(path), layout, memory.data());
+  return memory;
+}
+
+// Rows next to each other, close, wide, and more than one system call takes; with and without a gap
+// behind a batch.
+constexpr RowLayout kLayouts[] = {
+    {3, 3, 2, 6, 2},
+    {3, 8, 2, 16, 1},
+    {3, 8, 2, 16, 3},
+    {3, 8, 2, 21, 3},
+    {1, 2, 1, 2, 5},
+    {511, 511, 4, 2044, 2},
+    {16, 32, 5000, 160000, 2},
+    {16, 32, 5000, 160007, 2},
+    {500, 511, 300, 153300, 1},
+    {512, 512, 3, 1536, 2},
+    {100, 512, 1030, 527360, 2},
+    {511, 513, 1030, 530000, 2},
+    {700, 1000, 3, 3000, 2},
+    {0, 32, 4, 128, 1},
+    {8, 0, 0, 16, 1},
+    {4, 32, 4, 128, 0},
+};
+
+TEST_F(CopyRowsTest, PutsEveryByteInItsPlaceWhereverTheFileEnds) {
+  for (const RowLayout& layout : kLayouts) {
+    const size_t whole = layout.batches * layout.rows * layout.rowBytes;
+    const size_t batch = layout.rows * layout.rowBytes;
+    for (const size_t size : {size_t{0}, size_t{1}, layout.rowBytes, layout.rowBytes + 1, batch / 2,
+                              batch, batch + 1, whole - whole / 7, whole, whole + 5}) {
+      const std::string content = Content(size);
+      std::ofstream(Path(), std::ios::binary) << content;
+      EXPECT_EQ(Actual(layout, Path()), Expected(layout, content))
+          << layout.rowBytes << " of " << layout.stride << ", " << size << " bytes";
+    }
+  }
+}
+
+// A pipe hands out what is there at the moment, so that reads come back short.
+TEST_F(CopyRowsTest, ContinuesShortReads) {
+  for (const RowLayout& layout : kLayouts) {
+    const std::string content = Content(layout.batches * layout.rows * layout.rowBytes);
+    std::remove(Path().c_str());
+    ASSERT_EQ(mkfifo(Path().c_str(), 0600), 0);
+    std::thread writer([&] {
+      std::ofstream pipe(Path(), std::ios::binary);
+      for (size_t done = 0; done < content.size(); done += 777) {
+        pipe.write(content.data() + done,
+                   static_cast<std::streamsize>(std::min<size_t>(777, content.size() - done)));
+        pipe.flush();
+      }
+    });
+    EXPECT_EQ(Actual(layout, Path()), Expected(layout, content));
+    writer.join();
+  }
+}
+
+}  // namespace
+}  // namespace quilmrun
