@@ -4,8 +4,12 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <utility>
+
 namespace quilmrun {
 namespace {
+
+constexpr size_t kChunkSize = 65536;
 
 bool IsDirectory(const Descriptor& descriptor) {
   struct stat status {};
@@ -28,20 +32,44 @@ std::optional<int64_t> InputFile::Size() const {
   return size;
 }
 
+bool InputFile::AppendChunk(std::string& text) const {
+  const size_t present = text.size();
+  text.resize(present + kChunkSize);
+  const size_t received = Read(&text[present], kChunkSize);
+  text.resize(present + received);
+  return received == kChunkSize;
+}
+
 std::optional<std::string> InputFile::ReadText(size_t limit) const {
-  constexpr size_t kChunkSize = 65536;
   std::string text;
-  size_t received = 0;
-  do {
-    const size_t done = text.size();
-    text.resize(done + kChunkSize);
-    received = Read(&text[done], kChunkSize);
-    text.resize(done + received);
-    if (text.size() > limit) {
-      return std::nullopt;
+  while (AppendChunk(text) && text.size() <= limit) {
+  }
+  return text.size() <= limit ? std::optional<std::string>(std::move(text)) : std::nullopt;
+}
+
+bool InputFile::ReadLines(size_t limit, const std::function<void(std::string_view)>& use) const {
+  std::string text;  // from the start of a line whose end has not been read
+  size_t total = 0;
+  bool more = true;
+  while (more) {
+    const size_t searched = text.size();
+    more = AppendChunk(text);
+    total += text.size() - searched;
+    if (total > limit) {
+      return false;
     }
-  } while (received == kChunkSize);
-  return text;
+    size_t start = 0;
+    for (size_t end = text.find('\n', searched); end != std::string::npos;
+         end = text.find('\n', start)) {
+      use(std::string_view(text).substr(start, end - start));
+      start = end + 1;
+    }
+    text.erase(0, start);
+  }
+  if (!text.empty()) {
+    use(text);
+  }
+  return true;
 }
 
 }  // namespace quilmrun

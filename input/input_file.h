@@ -4,8 +4,10 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "app/descriptor.h"
@@ -32,7 +34,14 @@ class InputFile {
   /// All bytes up to the end; nothing when there are more than `limit`.
   std::optional<std::string> ReadText(size_t limit) const;
 
+  /// Calls `use` with every line up to the end, without its newline; the last one needs none. Holds
+  /// no more than a line and a chunk of the text. Stops, with false, after `limit` bytes.
+  bool ReadLines(size_t limit, const std::function<void(std::string_view)>& use) const;
+
  private:
+  /// Appends what is next; false when the file has ended.
+  bool AppendChunk(std::string& text) const;
+
   Descriptor descriptor_;
 };
 

@@ -3,7 +3,7 @@
 #include <libgen.h>
 
 #include <algorithm>
-#include <optional>
+#include <utility>
 
 #include "input/utils.h"
 
@@ -22,37 +22,26 @@ std::string WithDirectory(std::string_view line, const std::string& directory) {
   return entry.append(directory).append("/").append(line.substr(nameSize));
 }
 
-// Calls `use` with the pieces that end at a separator or at the end of the text; none after a final
-// separator.
-template <typename Use>
-void ForEachPiece(std::string_view text, char separator, const Use& use) {
-  while (!text.empty()) {
-    const size_t end = std::min(text.find(separator), text.size());
-    use(text.substr(0, end));
-    text.remove_prefix(std::min(end + 1, text.size()));
-  }
-}
-
 }  // namespace
 
 std::vector<std::string> ReadInputList(const std::string& listPath) {
-  const std::optional<std::string> text = ReadTextFile(listPath);
-  if (!text.has_value()) {
-    return {};
-  }
   const std::string directory = DirectoryOf(listPath);
   std::vector<std::string> entries;
-  ForEachPiece(*text, '\n', [&](std::string_view line) {
+  const bool complete = ReadLines(listPath, [&](std::string_view line) {
     if (!line.empty()) {
       entries.push_back(WithDirectory(line, directory));
     }
   });
-  return entries;
+  return complete ? std::move(entries) : std::vector<std::string>();
 }
 
 std::vector<std::string> SplitString(const std::string& text) {
   std::vector<std::string> items;
-  ForEachPiece(text, ',', [&](std::string_view item) { items.emplace_back(item); });
+  for (size_t start = 0; start < text.size();) {
+    const size_t end = std::min(text.find(',', start), text.size());
+    items.push_back(text.substr(start, end - start));
+    start = end + 1;
+  }
   return items;
 }
 

@@ -93,6 +93,19 @@ std::optional<std::string> ReadTextFile(const std::string& path) {
   return text;
 }
 
+bool ReadLines(const std::string& path, const std::function<void(std::string_view)>& use) {
+  const InputFile file(path);
+  if (!file.IsOpen()) {
+    ReportOpenFailure(path);
+    return false;
+  }
+  if (!file.ReadLines(kMaxFileSize, use)) {
+    ReportTooLarge(path);
+    return false;
+  }
+  return true;
+}
+
 int GetFileSize(const std::string& path, uint32_t& size) {
   // The path may name a pipe, whose opening would otherwise wait for somebody to write to it.
   const InputFile file(path, O_NONBLOCK);

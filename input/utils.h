@@ -4,8 +4,10 @@
 #define QUILMRUN_INPUT_UTILS_H_
 
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
+#include <string_view>
 
 #include "input/input_file.h"
 #include "runtime/handles.h"
@@ -29,9 +31,13 @@ DeviceMemory ReadBinFile(const std::string& path, uint32_t& size);
 /// by a name that the user knows. Both may be the same string.
 int ResolvePath(const std::string& inputPath, std::string& resolvedPath);
 
-/// The whole text of a file, pipes included; nothing when it cannot be opened or holds 2 GiB or
-/// more.
+/// The whole text of a file, pipes included; nothing, after a report, when it cannot be opened or
+/// holds 2 GiB or more.
 std::optional<std::string> ReadTextFile(const std::string& path);
+
+/// Calls `use` with every line of such a text, without its newline. False, after a report, when the
+/// file cannot be opened or holds 2 GiB or more.
+bool ReadLines(const std::string& path, const std::function<void(std::string_view)>& use);
 
 /// Prints that `path` cannot be opened.
 void ReportOpenFailure(const std::string& path);

@@ -43,6 +43,21 @@ TEST(ReadInputList, PutsTheDirectoryIntoEveryEntry) {
   }
 }
 
+// Lines that lie across the chunks in which the text is read, or span several of them.
+TEST(ReadInputList, TakesLinesOfAnyLength) {
+  const std::string d = testing::TempDir() + "quilmrun_long_list";
+  ASSERT_EQ(std::system(("mkdir -p " + d).c_str()), 0);
+  std::string text;
+  Strings entries;
+  for (const size_t length : std::initializer_list<size_t>{3, 65532, 65535, 65536, 1, 200000, 7}) {
+    const std::string line(length, static_cast<char>('a' + entries.size()));
+    text += line + "\n";
+    entries.push_back(d + "/" + line);
+    EXPECT_EQ(ReadListWith(d, text), entries);
+    EXPECT_EQ(ReadListWith(d, text.substr(0, text.size() - 1)), entries) << "no final newline";
+  }
+}
+
 TEST(SplitString, KeepsEmptyItemsExceptAfterAFinalComma) {
   const std::pair<const char*, Strings> rows[] = {
       {"", {}},
