@@ -52,7 +52,7 @@ TEST(ReadInputList, TakesLinesOfAnyLength) {
   for (const size_t length : std::initializer_list<size_t>{3, 65532, 65535, 65536, 1, 200000, 7}) {
     const std::string line(length, static_cast<char>('a' + entries.size()));
     text += line + "\n";
-    entries.push_back(d + "/" + line);
+    entries.emplace_back(d).append("/").append(line);
     EXPECT_EQ(ReadListWith(d, text), entries);
     EXPECT_EQ(ReadListWith(d, text.substr(0, text.size() - 1)), entries) << "no final newline";
   }

@@ -17,16 +17,26 @@ using namespace quilmrun_fuzz;  // NOLINT
 
 namespace {
 
-const std::filesystem::path& OutputDirectory() {
-  static const std::filesystem::path kPath = [] {
-    std::string path = std::filesystem::exists("/dev/shm") ? "/dev/shm/" : "/tmp/";
-    path += "quilmrun_dump_fuzz_" + std::to_string(getpid());
-    std::filesystem::create_directory(path);
-    std::atexit([] { std::filesystem::remove_all(OutputDirectory()); });
-    return path;
-  }();
-  return kPath;
-}
+// A directory of this process's own, in memory where it can be.
+class OutputDirectory {
+ public:
+  OutputDirectory() {
+    path_ = access("/dev/shm", W_OK) == 0 ? "/dev/shm/" : "/tmp/";
+    path_ += "quilmrun_dump_fuzz_" + std::to_string(getpid());
+    std::filesystem::create_directory(path_);
+  }
+  ~OutputDirectory() { std::filesystem::remove_all(path_); }
+  OutputDirectory(const OutputDirectory&) = delete;
+  OutputDirectory& operator=(const OutputDirectory&) = delete;
+
+  const std::string& Path() const { return path_; }
+
+  // The floats that a dump has left in its binary file, if any; every file is removed.
+  std::optional<std::vector<float>> TakeBinaryFile() const;
+
+ private:
+  std::string path_;
+};
 
 struct Type {
   size_t elementSize;  // bytes, as the runtime says
@@ -83,10 +93,9 @@ std::optional<std::vector<float>> Expected(const OddTensor& tensor, uint32_t bat
   return values;
 }
 
-// What the dump has left, which is removed.
-std::optional<std::vector<float>> TakeBinaryFile() {
+std::optional<std::vector<float>> OutputDirectory::TakeBinaryFile() const {
   std::optional<std::vector<float>> values;
-  for (const auto& entry : std::filesystem::directory_iterator(OutputDirectory() / "0")) {
+  for (const auto& entry : std::filesystem::directory_iterator(path_ + "/0")) {
     if (entry.path().extension() == ".bin") {
       std::ifstream file(entry.path(), std::ios::binary);
       const std::string bytes((std::istreambuf_iterator<char>(file)), {});
@@ -107,6 +116,7 @@ bool SameBits(const std::vector<float>& a, const std::vector<float>& b) {
 
 int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size) {
   static MemoryFile file;
+  static const OutputDirectory kDirectory;
   FuzzedDataProvider data(bytes, size);
   const OddTensor output = TakeTensor(data);
   const auto batchSize = static_cast<uint32_t>(TakeNumber(data));
@@ -127,9 +137,9 @@ int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size) {
   const std::string& path = file.Hold({reinterpret_cast<char*>(buffer.data()), buffer.size()});
   Require(model.InitInput() == kSuccess && model.CreateInputBuf({path}) == kSuccess);
   Require(model.Execute() == kSuccess);
-  model.DumpModelOutput(OutputDirectory());
+  model.DumpModelOutput(kDirectory.Path());
 
-  const auto written = TakeBinaryFile();
+  const auto written = kDirectory.TakeBinaryFile();
   const auto expected = Expected(output, batchSize, buffer);
   Require(written.has_value() == expected.has_value());
   Require(!written.has_value() || SameBits(*written, *expected));
