@@ -23,8 +23,11 @@ if(QUILMRUN_BOARD)
 elseif(NOT QUILMRUN_RUNTIME_LIBRARY)
   install(FILES README.md DESTINATION share/doc/quilmrun)
   install(FILES docs/board.md DESTINATION share/doc/quilmrun/docs)
-  install(DIRECTORY examples DESTINATION share/quilmrun USE_SOURCE_PERMISSIONS
-          PATTERN __pycache__ EXCLUDE PATTERN memory_data.csv EXCLUDE)
+  # With permissions of its own, whatever umask the checkout was made with.
+  install(DIRECTORY examples DESTINATION share/quilmrun
+          PATTERN __pycache__ EXCLUDE PATTERN memory_data.csv EXCLUDE
+          PATTERN "*.py" PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE
+                                     WORLD_READ WORLD_EXECUTE)
   install(PROGRAMS scripts/run-example scripts/compare-outputs DESTINATION share/quilmrun/scripts)
   set(CPACK_GENERATOR DEB)
   set(CPACK_PACKAGE_DESCRIPTION
