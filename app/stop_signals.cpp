@@ -1,25 +1,42 @@
 #include "app/stop_signals.h"
 
+#include <atomic>
 #include <csignal>
+#include <cstdint>
+#include <ctime>
 
 namespace quilmrun {
 namespace {
 
 volatile std::sig_atomic_t received = 0;
+std::atomic<int64_t> receivedMs = 0;
+
+int64_t MonotonicMs() {
+  timespec now{};
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000;
+}
+
+bool IsSameRequest(const siginfo_t& info) {
+  return info.si_code == SI_USER && MonotonicMs() - receivedMs < kSameRequestMs;
+}
 
 // Calls nothing but what a signal handler may.
-void NoteSignal(int number) {
-  if (received != 0) {
+void NoteSignal(int number, siginfo_t* info, void*) {
+  if (received == 0) {
+    receivedMs = MonotonicMs();
+    received = 1;
+  } else if (number != SIGHUP && !IsSameRequest(*info)) {
     std::signal(number, SIG_DFL);
     std::raise(number);  // delivered when this handler returns
   }
-  received = 1;
 }
 
-void SetHandler(int number, void (*handler)(int)) {
+void Note(int number) {
   struct sigaction action {};
-  action.sa_handler = handler;
-  action.sa_flags = SA_RESTART;  // the runtime's system calls go on as if nothing had happened
+  action.sa_sigaction = NoteSignal;
+  // The runtime's system calls go on as if nothing had happened.
+  action.sa_flags = SA_SIGINFO | SA_RESTART;
   sigaction(number, &action, nullptr);
 }
 
@@ -31,13 +48,13 @@ bool IsIgnored(int number) {
 }  // namespace
 
 void CatchStopSignals() {
-  SetHandler(SIGINT, NoteSignal);
-  SetHandler(SIGTERM, NoteSignal);
+  Note(SIGINT);
+  Note(SIGTERM);
   if (!IsIgnored(SIGHUP)) {
-    SetHandler(SIGHUP, NoteSignal);
+    Note(SIGHUP);
   }
-  SetHandler(SIGPIPE, SIG_IGN);
-  SetHandler(SIGXFSZ, SIG_IGN);
+  std::signal(SIGPIPE, SIG_IGN);
+  std::signal(SIGXFSZ, SIG_IGN);
 }
 
 bool StopSignalReceived() {

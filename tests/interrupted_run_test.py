@@ -55,6 +55,15 @@ class Signals(OddRuntimeTest):
             self.assertEqual(status, -second)
             self.assertTrue(self.calls().endswith("quilm_mdl_unload 77\n"))
 
+    def test_two_signals_that_are_one_request(self):
+        # As timeout sends them, to its child and to the group that it is in.
+        twice = "run quilm_mdl_execute 2 kill -{0} $PPID; {1} kill -{0} $PPID\n"
+        self.check_stop(twice.format("TERM", ""), 2, DUMPED + stopped(2))
+        self.setUp()
+        self.check_stop(twice.format("HUP", "sleep 0.1;"), 2, DUMPED + stopped(2))
+        status, _, _ = self.start_odd(twice.format("TERM", "sleep 0.1;") + PLAIN, list_text=FOUR)
+        self.assertEqual(status, -signal.SIGTERM)
+
     def test_signals_that_do_not_end_a_run(self):
         def nohup():
             signal.signal(signal.SIGHUP, signal.SIG_IGN)
@@ -121,6 +130,17 @@ class SystemCalls(HostRuntimeTest):
                  self.csv()) for within in ((), ("env", f"LD_PRELOAD={preload}"))]
         self.assertEqual(runs[0], runs[1])
         self.assertEqual(len(runs[0][1]), 8)
+
+
+class StandardStreams(OddRuntimeTest):
+    def test_closed_ones_take_no_messages_to_other_files(self):
+        def close():
+            for stream in range(3):
+                os.close(stream)
+        status, out = self.run_odd(PLAIN, list_text=FOUR, limit=close)
+        self.assertEqual((status, out), (0, ""))
+        self.assertNotIn("[INFO]", self.calls())
+        self.assertEqual(groups_of(self.outputs()), [0, 1, 2, 3])
 
 
 class OutputDirectory(OddRuntimeTest):
