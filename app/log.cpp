@@ -1,7 +1,11 @@
 #include "app/log.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <cstdarg>
 #include <cstdio>
+#include <initializer_list>
 
 namespace quilmrun {
 namespace {
@@ -29,7 +33,12 @@ QUILMRUN_DEFINE_LOG(LogWarn, "[WARN]  ")
 QUILMRUN_DEFINE_LOG(LogError, "[ERROR] ")
 QUILMRUN_DEFINE_LOG(LogPlain, "")
 
-void SetLineBufferedOutput() {
+void PrepareStandardStreams() {
+  for (const int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+    if (fcntl(stream, F_GETFD) < 0) {
+      open("/dev/null", O_RDWR);  // takes the lowest number that is free
+    }
+  }
   std::setvbuf(stdout, nullptr, _IOLBF, BUFSIZ);
 }
 

@@ -21,8 +21,10 @@ void LogPlain(const char* format, ...) QUILMRUN_PRINTF_FORMAT;
 #undef QUILMRUN_PRINTF_FORMAT
 
 /// Makes standard output line-buffered even when it is a file or a pipe, so that a log is complete
-/// up to the last line whatever happens next. REQUIRES: nothing has been printed yet.
-void SetLineBufferedOutput();
+/// up to the last line whatever happens next. Where a standard stream is closed, puts /dev/null in
+/// its place, which the first file opened would otherwise take, and the messages with it. REQUIRES:
+/// nothing has been printed yet.
+void PrepareStandardStreams();
 
 }  // namespace quilmrun
 

@@ -1,3 +1,4 @@
+#include <new>
 #include <utility>
 
 #include "app/log.h"
@@ -5,8 +6,9 @@
 #include "app/sample_process.h"
 #include "app/status.h"
 
-int main(int argc, char** argv) {
-  quilmrun::SetLineBufferedOutput();
+namespace {
+
+int Run(int argc, char** argv) {
   quilmrun::RunOptions options;
   quilmrun::ResolvedPaths paths;
   quilmrun::ParseOptions(options, argc, argv);
@@ -14,4 +16,16 @@ int main(int argc, char** argv) {
     return quilmrun::kFailure;
   }
   return quilmrun::RunSample(options, std::move(paths));
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  quilmrun::PrepareStandardStreams();
+  try {
+    return Run(argc, argv);
+  } catch (const std::bad_alloc&) {
+    quilmrun::LogError("out of memory");
+    return quilmrun::kFailure;
+  }
 }

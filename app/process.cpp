@@ -19,7 +19,7 @@ int SampleProcess::Process() {
   try {
     return RunModel(model);
   } catch (const std::bad_alloc&) {
-    // Whatever was held is released on the way here, and the runtime still has to go down.
+    // Whatever was held is released on the way here; the run ends like any that failed.
     LogError("out of memory");
     return kFailure;
   }

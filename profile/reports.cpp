@@ -65,7 +65,8 @@ void PrintProfileSummary(const ProfileRecord& record) {
 void WriteMemoryDataCsv(const ProfileRecord& record, const std::string& reportPath) {
   constexpr mode_t kReadableByAll = 0666;
   CsvLine values;
-  const Descriptor file(reportPath, O_WRONLY | O_CREAT | O_TRUNC, kReadableByAll);
+  // O_NONBLOCK: a pipe that nobody reads must not keep the process from ending.
+  const Descriptor file(reportPath, O_WRONLY | O_CREAT | O_TRUNC | O_NONBLOCK, kReadableByAll);
   if (!file.IsOpen() || !file.Write(kCsvHeader, sizeof(kCsvHeader) - 1) ||
       !file.Write(values.data(), FormatCsvValues(record, values))) {
     LogWarn("can't write memory report %s: %s", reportPath.c_str(), std::strerror(errno));

@@ -2,6 +2,7 @@
 
 import json
 import os
+import resource
 import unittest
 
 import numpy as np
@@ -9,7 +10,7 @@ from onnx import TensorProto, helper
 
 from models import (FAILURE, SHAPE_WARNING, SUCCESS, HostRuntimeTest, executed, identity, model,
                     tensor)
-from tool import BRING_UP, NO_MEDIA_MEMORY, TEARDOWN
+from tool import BRING_UP, NO_MEDIA_MEMORY, QUILMRUN, TEARDOWN
 
 
 class BadInput(HostRuntimeTest):
@@ -164,6 +165,21 @@ class BadInput(HostRuntimeTest):
         self.write("full/q.json", "{}")
         self.check(0, SUCCESS + "[WARN]  can't write memory report $D/full/memory_data.csv: No "
                                 "space left on device\n", "-j", "full/q.json")
+
+    def test_a_report_that_nobody_reads(self):
+        self.write("x", bytes(32))
+        os.mkfifo(self.dir / "memory_data.csv")
+        self.check(0, SUCCESS + "[WARN]  can't write memory report $D/memory_data.csv: No such "
+                                "device or address\n")
+
+    @unittest.skipIf("debug" in QUILMRUN or "EMULATOR" in os.environ,
+                     "address checking and emulation need the whole address space")
+    def test_a_list_without_end(self):
+        def limit():
+            resource.setrlimit(resource.RLIMIT_AS, (2**30, 2**30))
+        self.write("m.onnx", identity([1, 8]))
+        status, out, _ = self.run_tool("-m", "m.onnx", "-i", "/dev/zero", preexec_fn=limit)
+        self.assertEqual((status, out), (1, "[INFO]  inputPath: m.onnx\n[ERROR] out of memory\n"))
 
     def test_report_goes_behind_the_last_separator_of_either_kind(self):
         self.write("m.onnx", identity([1, 8]))
