@@ -56,8 +56,8 @@ size_t RowBytes(size_t elementSize, int64_t lastDimension) {
 }
 
 size_t BatchedSize(uint32_t batchSize, size_t size) {
-  size_t bytes = 0;
-  return __builtin_mul_overflow(size_t{batchSize}, size, &bytes) ? 0 : bytes;
+  const size_t bytes = batchSize * size;
+  return bytes < size ? 0 : bytes;
 }
 
 std::string FormatShape(const quilm_mdl_io_dims& dims) {

@@ -49,7 +49,8 @@ size_t ElementSize(const TensorQueries& queries, const quilm_mdl_desc* desc, siz
 /// Bytes of one row, and SIZE_MAX when the last dimension is negative or the product too large.
 size_t RowBytes(size_t elementSize, int64_t lastDimension);
 
-/// Bytes of `batchSize` batches; 0 when 64 bits cannot count them, since no buffer has such a size.
+/// Bytes of `batchSize` batches. A product that 64 bits cannot hold wraps, which no runtime will
+/// allocate; 0 when what is left is less than a single batch, so that none can.
 size_t BatchedSize(uint32_t batchSize, size_t size);
 
 /// The dimensions as "[1, 3, 224, 224, ]"; "[]" for a scalar.

@@ -18,6 +18,10 @@ namespace {
 
 constexpr mode_t kRunDirectoryMode = 0775;
 
+// A runtime that claims outputs which were never created is asked for no more than these, or it
+// could keep the dump busy for ever.
+constexpr size_t kMostUnknownOutputs = 4096;
+
 // False when there is no memory for the values: outputs can be larger than what a board has left,
 // and the other outputs are still wanted then.
 template <typename T>
@@ -33,17 +37,16 @@ bool TryAppendRows(const OutputRows& rows, std::vector<float>& values) {
 }  // namespace
 
 void ModelProcess::DumpModelOutput(const std::string& outputPath) {
-  // No more than were created, whatever the runtime says.
-  const size_t count =
-      std::min(quilm_mdl_get_dataset_num_buffers(output.get()), outputSizes_.size());
-  std::vector<std::string> usedNames(count);
+  const size_t count = std::min(quilm_mdl_get_dataset_num_buffers(output.get()),
+                                std::max(outputSizes_.size(), kMostUnknownOutputs));
+  std::vector<std::string> usedNames;
   const std::string runDirectory = outputPath + "/" + std::to_string(executeCount - 1);
   // A directory that cannot be made shows up as files that cannot be created.
   mkdir(runDirectory.c_str(), kRunDirectoryMode);
   for (size_t i = 0; i < count; ++i) {
     const std::string name = OutputFileName(quilm_mdl_get_output_name_by_index(modelDesc.get(), i));
     const auto duplicates = std::count(usedNames.begin(), usedNames.end(), name);
-    usedNames[i] = name;
+    usedNames.push_back(name);
     std::string fileBase = runDirectory;
     fileBase.append("/").append(name).append(".").append(std::to_string(duplicates));
     fileBase.append(".").append(std::to_string(GetTimeStampUs()));
@@ -125,11 +128,13 @@ int ModelProcess::LocateOutput(size_t index, OutputRows& rows) {
     return kFailure;
   }
   rows.data = static_cast<const unsigned char*>(quilm_get_data_buffer_addr(buffer));
-  rows.size = std::min(quilm_get_data_buffer_size(buffer), outputSizes_[index]);
-  if (rows.data == nullptr || rows.size == 0) {
-    LogError("output[%zu] data or size(%zu) invalid", index, rows.size);
+  const size_t size = quilm_get_data_buffer_size(buffer);
+  if (rows.data == nullptr || size == 0) {
+    LogError("output[%zu] data or size(%zu) invalid", index, size);
     return kFailure;
   }
+  // No more than was allocated, whatever the runtime says.
+  rows.size = index < outputSizes_.size() ? std::min(size, outputSizes_[index]) : 0;
   size_t bufSize = 0;
   size_t bufStride = 0;
   quilm_mdl_io_dims dims;

@@ -211,7 +211,7 @@ size_t quilm_mdl_get_dataset_num_buffers(const quilm_mdl_dataset* dataset) {
 
 quilm_data_buffer* quilm_mdl_get_dataset_buffer(const quilm_mdl_dataset* dataset, size_t index) {
   RECORD(quilm_data_buffer*, " %zu", index);
-  return dataset->buffers[index];
+  return index < dataset->buffers.size() ? dataset->buffers[index] : nullptr;
 }
 
 quilm_data_buffer* quilm_create_data_buffer(void* pointer, size_t size, size_t stride) {

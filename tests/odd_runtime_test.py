@@ -157,6 +157,11 @@ class Descriptions(OddRuntimeTest):
             with self.subTest(tail=tail):
                 self.check(1, tail, script, "-b", "2")
 
+    def test_sizes_beyond_64_bits_wrap(self):
+        self.check(1, f"[ERROR] can't malloc buffer, size is {2**64 - 2**40}, create output failed\n"
+                   "[ERROR] execute CreateOutput failed\n" + FAILURE,
+                   PLAIN.replace("y 4 16", f"y 4 {2**40}"), "-b", "-1")
+
     def test_recurrent_models(self):
         recurrent = ("net_type 2\ninput frames 0 32 8 4 2\ninput marks 0 16 16 1 4\n" +
                      TASK_AND_WORK + "output y 0 32 8 4 2\n")
@@ -238,8 +243,16 @@ class Outputs(OddRuntimeTest):
                 out, files = self.dump("output " + output, script)
                 self.assertIn("]\n" + 2 * (message + failed) + "[INFO]  dump data success\n", out)
                 self.assertEqual(files, {})
-        out, _ = self.dump("output y 4 16 8 2 4\n", "fail quilm_mdl_get_dataset_num_buffers 2 -1\n")
-        self.assertEqual(out.count("quilm_data_type"), 1)
+        # A runtime that counts outputs too many hands out nothing for them.
+        for claimed, dumped in ((2, 2), (-1, 4096)):
+            out, files = self.dump("output y 4 16 8 2 4\n",
+                                   f"fail quilm_mdl_get_dataset_num_buffers 2 {claimed}\n")
+            self.assertEqual(out.count("quilm_data_type"), dumped)
+            self.assertEqual(out.count("] dataBuffer nullptr invalid\n" + failed), 2 * dumped - 2)
+            self.assertEqual(sorted(files), ["0/y.0.S.bin", "0/y.0.S.float"])
+        out, _ = self.dump("output y 4 16 8 2 4\n", "fail quilm_get_data_buffer_addr 1 0\n"
+                           "fail quilm_get_data_buffer_size 1 999\n")
+        self.assertEqual(out.count("[ERROR] output[0] data or size(999) invalid\n" + failed), 1)
         _, files = self.dump("output short 4 4 8 1 4\n")  # less than a row: nothing, successfully
         self.assertEqual(files, {"0/short.0.S.float": b"", "0/short.0.S.bin": b""})
 

@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "model/tensor_description.h"
 #include "tests/odd_script.h"
 
 namespace quilmrun_fuzz {
@@ -40,12 +41,11 @@ inline OddTensor TakeTensor(FuzzedDataProvider& data) {
 }
 
 /// False for a block that a test cannot allocate but a runtime might.
-inline bool IsTestable(uint64_t batches, uint64_t size) {
+inline bool IsTestable(uint32_t batches, uint64_t size) {
   constexpr uint64_t kMost = uint64_t{1} << 12;
   constexpr uint64_t kRefused = uint64_t{1} << 40;  // by the odd runtime
-  uint64_t bytes = 0;
-  const bool overflow = __builtin_mul_overflow(batches, size, &bytes);
-  return overflow || bytes <= kMost || bytes >= kRefused;
+  const uint64_t bytes = quilmrun::BatchedSize(batches, size);
+  return bytes <= kMost || bytes >= kRefused;
 }
 
 /// Makes the odd runtime describe a model with just these inputs and outputs.
