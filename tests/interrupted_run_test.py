@@ -56,12 +56,12 @@ class Signals(OddRuntimeTest):
             self.assertTrue(self.calls().endswith("quilm_mdl_unload 77\n"))
 
     def test_two_signals_that_are_one_request(self):
-        # As timeout sends them, to its child and to the group that it is in.
-        twice = "run quilm_mdl_execute 2 kill -{0} $PPID; {1} kill -{0} $PPID\n"
-        self.check_stop(twice.format("TERM", ""), 2, DUMPED + stopped(2))
+        # As timeout sends them, to its child and at once to the group that the child is in.
+        self.check_stop("kill quilm_mdl_execute 2 15\n", 2, DUMPED + stopped(2))
         self.setUp()
-        self.check_stop(twice.format("HUP", "sleep 0.1;"), 2, DUMPED + stopped(2))
-        status, _, _ = self.start_odd(twice.format("TERM", "sleep 0.1;") + PLAIN, list_text=FOUR)
+        twice = "run quilm_mdl_execute 2 kill -{0} $PPID; sleep 0.1; kill -{0} $PPID\n"
+        self.check_stop(twice.format("HUP"), 2, DUMPED + stopped(2))
+        status, _, _ = self.start_odd(twice.format("TERM") + PLAIN, list_text=FOUR)
         self.assertEqual(status, -signal.SIGTERM)
 
     def test_signals_that_do_not_end_a_run(self):

@@ -1,5 +1,7 @@
 #include "tests/odd_script.h"
 
+#include <unistd.h>
+
 #include <csignal>
 #include <cstdarg>
 #include <cstdlib>
@@ -28,8 +30,9 @@ void ReadEvent(const std::string& kind, std::istringstream& words) {
   if (kind == "fail") {
     event.fails = true;
     words >> event.code;
-  } else if (kind == "signal") {
+  } else if (kind == "signal" || kind == "kill") {
     words >> event.signal;
+    event.twiceFromOutside = kind == "kill";
   } else {
     std::getline(words, event.command);
   }
@@ -45,7 +48,7 @@ void ReadLine(const std::string& line) {
     std::string name;
     words >> name;
     odd.log = std::fopen(name.c_str(), "we");
-  } else if (key == "fail" || key == "signal" || key == "run") {
+  } else if (key == "fail" || key == "signal" || key == "kill" || key == "run") {
     ReadEvent(key, words);
   } else {
     words >> odd.numbers[key];
@@ -94,7 +97,10 @@ bool Fails(long& code, const char* function, const char* format, ...) {
   if (!event.command.empty() && std::system(event.command.c_str()) != 0) {
     std::fprintf(stderr, "odd runtime: %s failed\n", event.command.c_str());
   }
-  if (event.signal != 0) {
+  if (event.twiceFromOutside) {
+    kill(getpid(), event.signal);
+    kill(getpid(), event.signal);
+  } else if (event.signal != 0) {
     std::raise(event.signal);
   }
   code = event.code;

@@ -8,6 +8,7 @@
 //   net_type N, run_mode N, reported_size N
 //   fail FUNCTION N CODE                         the N-th call of FUNCTION returns CODE (0: null)
 //   signal FUNCTION N NUMBER                     ... is interrupted by a signal
+//   kill FUNCTION N NUMBER                       ... by two, as if another process had sent them
 //   run FUNCTION N COMMAND                       ... runs a shell command first
 #ifndef QUILMRUN_TESTS_ODD_SCRIPT_H_
 #define QUILMRUN_TESTS_ODD_SCRIPT_H_
@@ -35,6 +36,7 @@ struct OddEvent {
   bool fails = false;
   long code = 0;
   int signal = 0;
+  bool twiceFromOutside = false;
   std::string command;
 };
 
