@@ -48,6 +48,22 @@ std::optional<uint32_t> NonEmptySize(const InputFile& file, const std::string& p
   return size;
 }
 
+// Opens a text and has it read by `read`, which returns false when there is too much of it. Reports
+// either failure.
+template <typename Read>
+bool WithTextFile(const std::string& path, const Read& read) {
+  const InputFile file(path);
+  if (!file.IsOpen()) {
+    ReportOpenFailure(path);
+    return false;
+  }
+  if (!read(file)) {
+    ReportTooLarge(path);
+    return false;
+  }
+  return true;
+}
+
 }  // namespace
 
 int CheckFile(const std::string& path) {
@@ -81,29 +97,17 @@ std::optional<uint32_t> SupportedSize(const InputFile& file, const std::string& 
 }
 
 std::optional<std::string> ReadTextFile(const std::string& path) {
-  const InputFile file(path);
-  if (!file.IsOpen()) {
-    ReportOpenFailure(path);
-    return std::nullopt;
-  }
-  std::optional<std::string> text = file.ReadText(kMaxFileSize);
-  if (!text.has_value()) {
-    ReportTooLarge(path);
-  }
+  std::optional<std::string> text;
+  WithTextFile(path, [&text](const InputFile& file) {
+    text = file.ReadText(kMaxFileSize);
+    return text.has_value();
+  });
   return text;
 }
 
 bool ReadLines(const std::string& path, const std::function<void(std::string_view)>& use) {
-  const InputFile file(path);
-  if (!file.IsOpen()) {
-    ReportOpenFailure(path);
-    return false;
-  }
-  if (!file.ReadLines(kMaxFileSize, use)) {
-    ReportTooLarge(path);
-    return false;
-  }
-  return true;
+  return WithTextFile(path,
+                      [&use](const InputFile& file) { return file.ReadLines(kMaxFileSize, use); });
 }
 
 int GetFileSize(const std::string& path, uint32_t& size) {

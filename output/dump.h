@@ -60,7 +60,6 @@ void AppendRows(const OutputRows& rows, std::vector<float>& values);
 
 /// Fills an open file with `values`; stops when it takes no more. As text, every line has reached
 /// the file before the next value is formatted.
-
 void WriteAsText(const std::vector<float>& values, const OutputFile& file);
 void WriteAsBinary(const std::vector<float>& values, const OutputFile& file);
 

@@ -7,8 +7,8 @@ import unittest
 
 from onnx import TensorProto, helper
 
-from models import (FAILURE, SHAPE_WARNING, SUCCESS, HostRuntimeTest, executed, floats, model,
-                    tensor)
+from models import (FAILURE, SHAPE_WARNING, SUCCESS, HostRuntimeTest, copies, executed, floats,
+                    model, tensor)
 from tool import TEARDOWN
 
 DIGITS = pathlib.Path(__file__).parent.parent / "examples/digits/digits.onnx"
@@ -16,11 +16,8 @@ EMPTY = ("[ERROR] Empty file: $D/x\n[ERROR] get pic device buffer failed\n"
          "[ERROR] CreateInputBuf failed\n" + FAILURE)
 
 
-def identity(shapes, properties=()):
-    """Outputs x' and so on for inputs x and so on, all of unsigned bytes."""
-    return model([helper.make_node("Identity", [name], [name + "'"]) for name in shapes],
-                 *[[tensor(name + mark, shape, TensorProto.UINT8) for name, shape in shapes.items()]
-                   for mark in ("", "'")], properties=properties)
+def identity(shapes, **properties):
+    return copies(shapes, TensorProto.UINT8, **properties)
 
 
 def around(positions):
@@ -71,7 +68,8 @@ class InputSizes(HostRuntimeTest):
 
     def test_frames_of_a_recurrent_model(self):
         self.write("marks", b"\1\1\1\1")
-        proto = identity({"x": [4, 1, self.ROW], "marks": [1, 4]}, {"quilm.net_type": "2"})
+        proto = identity({"x": [4, 1, self.ROW], "marks": [1, 4]},
+                         properties={"quilm.net_type": "2"})
         for size in around(range(self.ROW, 6 * self.ROW, self.ROW)):
             self.write("x", self.DATA[:size])
             status, out, err = self.run_model(proto, "x\nmarks")

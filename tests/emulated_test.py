@@ -8,10 +8,10 @@ import unittest
 from unittest import mock
 
 import numpy as np
-from onnx import TensorProto, helper
+from onnx import TensorProto
 
 import tool
-from models import HostRuntimeTest, identity, model, relu, tensor
+from models import HostRuntimeTest, copies, identity, relu
 
 EXECUTABLES = os.environ["QUILMRUN_NATIVE"], tool.QUILMRUN
 HEADER = pathlib.Path(__file__).parents[1] / "runtime/quilm.h"
@@ -19,13 +19,6 @@ HEADER = pathlib.Path(__file__).parents[1] / "runtime/quilm.h"
 TYPES = {TensorProto.FLOAT: "<f4", TensorProto.FLOAT16: "<f2", TensorProto.INT8: "i1",
          TensorProto.INT32: "<i4", TensorProto.UINT8: "u1", TensorProto.INT16: "<i2",
          TensorProto.UINT16: "<u2"}
-
-
-def copies(pairs, **properties):
-    """A model of two inputs, given as (name, shape), each passed on to an output."""
-    return model([helper.make_node("Identity", [name], [f"{name}.out"]) for name, _ in pairs],
-                 [tensor(name, shape) for name, shape in pairs],
-                 [tensor(f"{name}.out", shape) for name, shape in pairs], **properties)
 
 
 class SameAsNative(HostRuntimeTest):
@@ -70,14 +63,14 @@ class SameAsNative(HostRuntimeTest):
                 self.assertIn(status, (0,) if batches == 1 else (0, 1))
 
     def test_named_inputs(self):
-        proto = copies([("left", [1, 3]), ("right", [2, 2])])
+        proto = copies({"left": [1, 3], "right": [2, 2]})
         for name in "abcd":
             self.write(name, self.elements("<f4", 3 if name in "ac" else 4))
         *_, outputs, _ = self.run_both(proto, "right:b\nleft:a\nleft:c\nright:d\n")
         self.assertEqual(len(outputs), 8)
 
     def test_recurrent(self):
-        proto = copies([("frames", [4, 1, 3]), ("marks", [1, 4])],
+        proto = copies({"frames": [4, 1, 3], "marks": [1, 4]},
                        properties={"quilm.net_type": "2"})
         self.write("marks", self.elements("<f4", 4))
         self.write("whole", self.elements("<f4", 12))
@@ -87,7 +80,7 @@ class SameAsNative(HostRuntimeTest):
             self.assertEqual(status, int(frames > 4))
 
     def test_rpn(self):
-        proto = copies([("x", [1, 2]), ("rpn", [4, 3])])
+        proto = copies({"x": [1, 2], "rpn": [4, 3]})
         self.write("x", self.elements("<f4", 2))
         rpn = self.write("rpn", " ".join(["0.1", "1e-42", "-7.25", "16777217"] * 3))
         status, *_ = self.run_both(proto, "x\n", "-r", rpn)

@@ -7,9 +7,7 @@ import signal
 import subprocess
 import unittest
 
-from onnx import helper
-
-from models import NOT_EXECUTED, HostRuntimeTest, floats, model, relu, tensor
+from models import NOT_EXECUTED, HostRuntimeTest, copies, floats, relu
 from odd import FAILURE, PLAIN, SUCCESS, OddRuntimeTest
 from tool import QUILMRUN, TEARDOWN
 
@@ -121,10 +119,7 @@ class SystemCalls(HostRuntimeTest):
         for name in ("a", "b"):
             self.write(name, floats(*range(1, 13)))
         self.write("rpn", "0.5 1.5\n2.5 3.5")
-        proto = model([helper.make_node("Relu", ["x"], ["y"]),
-                       helper.make_node("Relu", ["r"], ["z"])],
-                      [tensor("x", [1, 3, 4]), tensor("r", [1, 4])],
-                      [tensor("y", [1, 3, 4]), tensor("z", [1, 4])])
+        proto = copies({"x": [1, 3, 4], "r": [1, 4]})
         preload = shutil.copy(os.environ["SHORT_CALLS"], self.dir)  # to a path without blanks
         runs = [(self.run_model(proto, "a\nb\n", "-r", "rpn", within=within), self.outputs(),
                  self.csv()) for within in ((), ("env", f"LD_PRELOAD={preload}"))]

@@ -34,6 +34,13 @@ def identity(shape, element_type=TensorProto.FLOAT):
     return unary("Identity", shape, element_type)
 
 
+def copies(shapes, element_type=TensorProto.FLOAT, **properties):
+    """Inputs of the given {name: shape}, each passed on to an output with a prime at its name."""
+    return model([helper.make_node("Identity", [name], [name + "'"]) for name in shapes],
+                 *[[tensor(name + mark, shape, element_type) for name, shape in shapes.items()]
+                   for mark in ("", "'")], **properties)
+
+
 def floats(*values):
     return struct.pack(f"<{len(values)}f", *values)
 

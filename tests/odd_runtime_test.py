@@ -64,31 +64,6 @@ quilm_rt_reset_device 0
 quilm_finalize live 0 files 0
 """)
 
-    def test_every_failing_call_is_reported_and_everything_released(self):
-        self.run_odd(PLAIN)
-        counts = {}
-        for line in [line for line in self.calls().splitlines() if line[0] != " "]:
-            function = line.split()[0]
-            counts[function] = counts.get(function, 0) + 1
-            # A library that fails to release, or to name what it holds, leaves it unreleased.
-            if re.search("destroy|free|finalize|dataset_num|get_dataset|data_buffer_", function):
-                continue
-            with self.subTest(function=function, call=counts[function]):
-                # 0 is the failure of calls that return a pointer, a size or a number.
-                code = 0 if re.search("create_d|get_num|stride|size|name", function) else 507
-                status, out = self.run_odd(f"fail {function} {counts[function]} {code}\n" + PLAIN)
-                chain = [line for line in out.splitlines() if line.startswith("[ERROR] ")]
-                if status != 0:
-                    self.assertGreaterEqual(len(chain), 2, "the step and the run as a whole")
-                    self.assertRegex(chain[-1], "sample (process|init resource) failed$")
-                elif chain:
-                    self.assertRegex(function, "dims|reset_device|unload|size|type|stride|buffer")
-                else:
-                    # The second time-out is not examined, and an answer of 0 shows only where the
-                    # figure is printed or used.
-                    self.assertRegex(function, "set_op_wait_timeout|get_num|size|type|stride|name")
-                    self.assertIn("[INFO]  execute sample success\n", out)
-
     def test_failing_releases_are_reported_but_change_nothing(self):
         rows = [("quilm_rt_reset_device", "[ERROR] reset device failed\n"),
                 ("quilm_mdl_unload", "[ERROR] unload model failed, modelId is 77\n"),
