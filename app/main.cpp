@@ -1,10 +1,10 @@
 #include <new>
 #include <utility>
 
-#include "app/log.h"
 #include "app/options.h"
 #include "app/sample_process.h"
-#include "app/status.h"
+#include "base/log.h"
+#include "base/status.h"
 
 namespace {
 

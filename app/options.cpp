@@ -6,10 +6,10 @@
 #include <optional>
 #include <string_view>
 
-#include "app/log.h"
-#include "app/status.h"
+#include "base/log.h"
+#include "base/number.h"
+#include "base/status.h"
 #include "input/input_list.h"
-#include "input/number.h"
 #include "input/utils.h"
 
 namespace quilmrun {

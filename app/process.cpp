@@ -5,10 +5,11 @@
 #include <string>
 #include <vector>
 
-#include "app/log.h"
 #include "app/sample_process.h"
-#include "app/status.h"
 #include "app/stop_signals.h"
+#include "base/log.h"
+#include "base/status.h"
+#include "input/input_list.h"
 #include "input/utils.h"
 #include "model/model_process.h"
 

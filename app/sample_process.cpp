@@ -2,9 +2,9 @@
 
 #include <utility>
 
-#include "app/log.h"
-#include "app/status.h"
 #include "app/stop_signals.h"
+#include "base/log.h"
+#include "base/status.h"
 #include "profile/media_memory.h"
 #include "profile/profile_record.h"
 #include "profile/reports.h"

@@ -35,16 +35,6 @@ class SampleProcess {
   /// ends the run. REQUIRES: InitResource() succeeded.
   int Process();
 
-  /// True when every entry is named and every name is one of `names`; true for no entries.
-  static bool AllInputsNamed(const std::vector<std::string>& entries,
-                             const std::vector<std::string>& names);
-
-  /// Puts named entries into the order of `names`, the model's inputs, and strips the names. Every
-  /// block of names.size() consecutive entries is sorted on its own. Unless all entries are named
-  /// and fill whole blocks, the list stays as it is.
-  static void GroupInputsByName(std::vector<std::string>& entries,
-                                const std::vector<std::string>& names);
-
  private:
   /// Releases what exists, each step whatever became of the one before, then makes the reports.
   void DestroyResource();

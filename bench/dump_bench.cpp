@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "app/descriptor.h"
+#include "base/descriptor.h"
 #include "bench/scratch.h"
 #include "output/dump.h"
 #include "output/output_file.h"

@@ -7,8 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "app/descriptor.h"
-#include "app/sample_process.h"
+#include "base/descriptor.h"
 #include "bench/scratch.h"
 #include "input/input_list.h"
 
@@ -54,7 +53,7 @@ void ReadAndGroup(benchmark::State& state) {
   const std::vector<std::string> names = {"left", "right"};
   while (state.KeepRunning()) {
     std::vector<std::string> entries = ReadInputList(path);
-    SampleProcess::GroupInputsByName(entries, names);
+    GroupInputsByName(entries, names);
     benchmark::DoNotOptimize(entries);
   }
 }

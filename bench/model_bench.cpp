@@ -5,7 +5,7 @@
 
 #include <cstring>
 
-#include "app/descriptor.h"
+#include "base/descriptor.h"
 #include "bench/scratch.h"
 #include "input/utils.h"
 #include "runtime/handles.h"

@@ -6,10 +6,10 @@
 #include <cstring>
 #include <vector>
 
-#include "app/descriptor.h"
+#include "base/descriptor.h"
 #include "bench/scratch.h"
 #include "input/staging.h"
-#include "model/tensor_description.h"
+#include "runtime/tensor_description.h"
 #include "runtime/handles.h"
 
 namespace quilmrun {

@@ -10,7 +10,7 @@
 #include <string_view>
 #include <vector>
 
-#include "app/descriptor.h"
+#include "base/descriptor.h"
 
 namespace quilmrun {
 

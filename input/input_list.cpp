@@ -3,6 +3,7 @@
 #include <libgen.h>
 
 #include <algorithm>
+#include <unordered_map>
 #include <utility>
 
 #include "input/utils.h"
@@ -20,6 +21,11 @@ std::string WithDirectory(std::string_view line, const std::string& directory) {
   entry.reserve(line.size() + directory.size() + 1);
   entry.append(line.substr(0, nameSize));
   return entry.append(directory).append("/").append(line.substr(nameSize));
+}
+
+// REQUIRES: HasInputName(entry).
+std::string_view InputName(std::string_view entry) {
+  return entry.substr(0, entry.find(':'));
 }
 
 }  // namespace
@@ -48,6 +54,34 @@ std::vector<std::string> SplitString(const std::string& text) {
 bool HasInputName(std::string_view entry) {
   const size_t colon = entry.find(':');
   return colon != std::string_view::npos && colon != 0 && colon != entry.size() - 1;
+}
+
+bool AllInputsNamed(const std::vector<std::string>& entries,
+                    const std::vector<std::string>& names) {
+  return std::all_of(entries.begin(), entries.end(), [&names](const std::string& entry) {
+    return HasInputName(entry) &&
+           std::find(names.begin(), names.end(), InputName(entry)) != names.end();
+  });
+}
+
+void GroupInputsByName(std::vector<std::string>& entries, const std::vector<std::string>& names) {
+  if (names.empty() || entries.size() % names.size() != 0 || !AllInputsNamed(entries, names)) {
+    return;
+  }
+  std::unordered_map<std::string_view, size_t> positions;
+  for (size_t i = 0; i < names.size(); ++i) {
+    positions[names[i]] = i;
+  }
+  const auto byPosition = [&positions](const std::string& a, const std::string& b) {
+    return positions[InputName(a)] < positions[InputName(b)];
+  };
+  const auto blockSize = static_cast<std::ptrdiff_t>(names.size());
+  for (auto block = entries.begin(); block != entries.end(); block += blockSize) {
+    std::sort(block, block + blockSize, byPosition);
+  }
+  for (std::string& entry : entries) {
+    entry.erase(0, entry.find(':') + 1);
+  }
 }
 
 }  // namespace quilmrun

@@ -28,6 +28,14 @@ std::vector<std::string> SplitString(const std::string& text);
 /// True when the first colon of `entry` is neither its first nor its last character.
 bool HasInputName(std::string_view entry);
 
+/// True when every entry is named and every name is one of `names`; true for no entries.
+bool AllInputsNamed(const std::vector<std::string>& entries, const std::vector<std::string>& names);
+
+/// Puts named entries into the order of `names`, the model's inputs, and strips the names. Every
+/// block of names.size() consecutive entries is sorted on its own. Unless all entries are named
+/// and fill whole blocks, the list stays as it is.
+void GroupInputsByName(std::vector<std::string>& entries, const std::vector<std::string>& names);
+
 }  // namespace quilmrun
 
 #endif  // QUILMRUN_INPUT_INPUT_LIST_H_

@@ -4,12 +4,10 @@
 #include <cstdint>
 #include <optional>
 
-#include "app/log.h"
-#include "app/status.h"
-#include "input/number.h"
+#include "base/log.h"
+#include "base/number.h"
+#include "base/status.h"
 #include "input/utils.h"
-#include "model/model_process.h"
-#include "model/tensor_description.h"
 
 namespace quilmrun {
 namespace {
@@ -30,35 +28,8 @@ int ReadRpnFile(const std::string& path, std::vector<float>& values) {
   return text.has_value() && ParseFloats(*text, values) ? kSuccess : kFailure;
 }
 
-int ModelProcess::SetRpnData() {
-  const size_t rpnInput = GetInputNum() - 1;
-  std::vector<std::vector<float>> detParas;
-  for (const std::string& rpnFile : rpnFiles) {
-    std::vector<float> values;
-    if (ReadRpnFile(rpnFile, values) != kSuccess) {
-      LogError("read rpn para error");
-      return kFailure;
-    }
-    if (CheckRpnShape(rpnInput, values.size()) != kSuccess) {
-      return kFailure;
-    }
-    detParas.push_back(std::move(values));
-  }
-  for (const std::vector<float>& detPara : detParas) {
-    if (SetDetParas(detPara) != kSuccess) {
-      LogError("SetDetParas error");
-      return kFailure;
-    }
-  }
-  return kSuccess;
-}
-
-int ModelProcess::CheckRpnShape(size_t rpnInput, size_t count) {
-  quilm_mdl_io_dims dims;
-  if (QueryDims(kInputQueries, modelDesc.get(), rpnInput, dims) != 0 || dims.dim_count != 2) {
-    LogError("quilm_mdl_get_input_dims rpn_data error!");
-    return kFailure;
-  }
+int CheckRpnShape(const quilm_mdl_io_dims& dims, size_t count, uint32_t& rpnHeight,
+                  uint32_t& rpnWidth) {
   rpnHeight = NonNegative(dims.dims[0]);
   rpnWidth = NonNegative(dims.dims[1]);
   LogInfo("input rpn data height[%u] * width[%u]", rpnHeight, rpnWidth);

@@ -12,8 +12,11 @@
 #define QUILMRUN_INPUT_RPN_DATA_H_
 
 #include <cstddef>
+#include <cstdint>
 #include <string>
 #include <vector>
+
+#include "runtime/quilm.h"
 
 namespace quilmrun {
 
@@ -23,6 +26,11 @@ constexpr size_t kMultiClassRows = 4;
 /// Appends the numbers in the file `path` to `values`. Fails when the file cannot be read, which is
 /// reported, or holds anything but numbers that fit a 32-bit float, which the caller reports.
 int ReadRpnFile(const std::string& path, std::vector<float>& values);
+
+/// Stores the two dimensions of the RPN input, and fails, after a report, unless `count` values are
+/// what they ask for. REQUIRES: dims.dim_count == 2.
+int CheckRpnShape(const quilm_mdl_io_dims& dims, size_t count, uint32_t& rpnHeight,
+                  uint32_t& rpnWidth);
 
 }  // namespace quilmrun
 

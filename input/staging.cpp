@@ -2,11 +2,10 @@
 
 #include <algorithm>
 
-#include "app/log.h"
-#include "app/status.h"
+#include "base/log.h"
+#include "base/status.h"
 #include "input/utils.h"
-#include "model/model_process.h"
-#include "model/tensor_description.h"
+#include "runtime/tensor_description.h"
 #include "runtime/values.h"
 
 namespace quilmrun {
@@ -22,14 +21,6 @@ struct Staging {
   size_t fileSize = 0;
   size_t allocationSize = 0;
 };
-
-int CheckElementSize(size_t elementSize) {
-  if (elementSize == 0) {
-    LogError("GetInputDataSize == 0 error");
-    return kFailure;
-  }
-  return kSuccess;
-}
 
 Staging QueryStaging(const quilm_mdl_io_dims& dims, const quilm_mdl_desc* desc, size_t index) {
   Staging staging{dims, index};
@@ -137,29 +128,10 @@ size_t UsableSize(const InputFile& file, const std::string& path) {
 
 }  // namespace
 
-int ModelProcess::CreateInputBuf(const std::vector<std::string>& group) {
-  for (size_t i = 0; i < group.size(); ++i) {
-    LogInfo("start to process file:%s", group[i].c_str());
-    const auto index = static_cast<int32_t>(i);
-    size_t size = 0;
-    size_t stride = 0;
-    quilm_mdl_io_dims dims;
-    if (GetInputStrideParam(index, size, stride, dims) != kSuccess) {
-      LogError("GetStrideParam error");
-      return kFailure;
-    }
-    if (CheckElementSize(GetInputDataSize(index)) != kSuccess) {
-      return kFailure;
-    }
-    DeviceMemory memory =
-        GetPicDeviceBuffer(group[i], dims, modelDesc.get(), i, batchSize, modelId, nlpTotalT);
-    if (memory == nullptr) {
-      LogError("get pic device buffer failed");
-      return kFailure;
-    }
-    if (AddInput(std::move(memory), size, stride) != kSuccess) {
-      return kFailure;
-    }
+int CheckElementSize(size_t elementSize) {
+  if (elementSize == 0) {
+    LogError("GetInputDataSize == 0 error");
+    return kFailure;
   }
   return kSuccess;
 }

@@ -2,7 +2,7 @@
 //
 // The file is raw, packed data in the input's element type: rows follow each other without padding,
 // batches likewise. On the device every row starts at the input's stride and every batch at the
-// input's size (model/tensor_description.h). Padding, and what the file does not cover, is 0.
+// input's size (runtime/tensor_description.h). Padding, and what the file does not cover, is 0.
 #ifndef QUILMRUN_INPUT_STAGING_H_
 #define QUILMRUN_INPUT_STAGING_H_
 
@@ -29,6 +29,9 @@ struct RowLayout {
 /// straight into the memory; stops where the file ends. REQUIRES: memory of batches * batchSize
 /// bytes, all 0.
 void CopyRows(const InputFile& file, const RowLayout& layout, void* memory);
+
+/// Reports an element size of 0, which nothing can be staged with.
+int CheckElementSize(size_t elementSize);
 
 /// Stages the file `path` for input `index`, whose dimensions are `dims`, and returns the device
 /// memory, `batchSize` (as passed in) times the input's size; nothing on failure, which is

@@ -9,8 +9,8 @@
 #include <cstdlib>
 #include <limits>
 
-#include "app/log.h"
-#include "app/status.h"
+#include "base/log.h"
+#include "base/status.h"
 
 namespace quilmrun {
 namespace {

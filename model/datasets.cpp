@@ -1,36 +1,12 @@
 #include <utility>
 
-#include "app/log.h"
-#include "app/status.h"
+#include "base/log.h"
+#include "base/status.h"
 #include "model/model_process.h"
-#include "model/tensor_description.h"
+#include "runtime/tensor_description.h"
 #include "runtime/values.h"
 
 namespace quilmrun {
-namespace {
-
-int GetStrideParam(const TensorQueries& queries, const quilm_mdl_desc* desc, int32_t index,
-                   uint32_t batchSize, size_t& size, size_t& stride, quilm_mdl_io_dims& dims) {
-  const auto position = static_cast<size_t>(index);
-  if (QueryDims(queries, desc, position, dims) != 0) {
-    LogError("quilm_mdl_get_%s_dims error!", queries.kind);
-    return kFailure;
-  }
-  stride = queries.stride(desc, position);
-  if (stride == 0) {
-    LogError("quilm_mdl_get_%s_default_stride error!", queries.kind);
-    return kFailure;
-  }
-  size = BatchedSize(batchSize, queries.size(desc, position));
-  if (size == 0) {
-    LogError("quilm_mdl_get_%s_size_by_index error!", queries.kind);
-    return kFailure;
-  }
-  return kSuccess;
-}
-
-}  // namespace
-
 int ModelProcess::InitInput() {
   input.reset(quilm_mdl_create_dataset());
   if (input == nullptr) {
@@ -65,20 +41,12 @@ int ModelProcess::AppendInput(DataBuffer& dataBuffer, void* buffer, size_t size,
 
 int ModelProcess::GetInputStrideParam(int32_t index, size_t& size, size_t& stride,
                                       quilm_mdl_io_dims& dims) {
-  return GetStrideParam(kInputQueries, modelDesc.get(), index, batchSize, size, stride, dims);
-}
-
-int ModelProcess::GetOutputStrideParam(int32_t index, size_t& size, size_t& stride,
-                                       quilm_mdl_io_dims& dims) {
-  return GetStrideParam(kOutputQueries, modelDesc.get(), index, 1, size, stride, dims);
+  return QueryLayout(kInputQueries, modelDesc.get(), static_cast<size_t>(index), batchSize, size,
+                     stride, dims);
 }
 
 size_t ModelProcess::GetInputDataSize(int32_t index) const {
   return ElementSize(kInputQueries, modelDesc.get(), static_cast<size_t>(index));
-}
-
-size_t ModelProcess::GetOutputDataSize(int32_t index) const {
-  return ElementSize(kOutputQueries, modelDesc.get(), static_cast<size_t>(index));
 }
 
 int ModelProcess::CreateOutput() {

@@ -1,7 +1,7 @@
-#include "app/log.h"
-#include "app/status.h"
+#include "base/log.h"
+#include "base/status.h"
 #include "model/model_process.h"
-#include "model/tensor_description.h"
+#include "runtime/tensor_description.h"
 #include "runtime/values.h"
 
 namespace quilmrun {

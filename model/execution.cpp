@@ -1,7 +1,9 @@
-#include "app/log.h"
-#include "app/status.h"
+#include "base/clock.h"
+#include "base/log.h"
+#include "base/status.h"
 #include "model/model_process.h"
-#include "profile/clock.h"
+#include "output/dump.h"
+#include "runtime/tensor_description.h"
 #include "runtime/values.h"
 
 namespace quilmrun {
@@ -14,15 +16,6 @@ int ModelProcess::SetDynamicBatchSize() {
     return kFailure;
   }
   LogWarn("quilm_mdl_set_dynamic_batch_size set batchsize to %u", batchSize);
-  return kSuccess;
-}
-
-int QueryNetType(uint32_t modelId, int32_t& netType) {
-  const quilm_error result = quilm_ext_get_mdl_net_type(modelId, &netType);
-  if (result != 0) {
-    LogError("quilm_ext_get_mdl_net_type fail! ret = %d", result);
-    return kFailure;
-  }
   return kSuccess;
 }
 
@@ -70,6 +63,11 @@ int ModelProcess::Execute() {
   ++executeCount;
   LogInfo("model execute success");
   return kSuccess;
+}
+
+void ModelProcess::DumpModelOutput(const std::string& outputPath) {
+  quilmrun::DumpModelOutput({modelDesc.get(), output.get(), outputSizes_, batchSize}, outputPath,
+                            executeCount - 1);
 }
 
 }  // namespace quilmrun

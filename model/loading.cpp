@@ -1,10 +1,10 @@
 #include <utility>
 
-#include "app/log.h"
-#include "app/status.h"
+#include "base/clock.h"
+#include "base/log.h"
+#include "base/status.h"
 #include "input/utils.h"
 #include "model/model_process.h"
-#include "profile/clock.h"
 #include "profile/media_memory.h"
 
 namespace quilmrun {

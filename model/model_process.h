@@ -13,9 +13,6 @@
 
 namespace quilmrun {
 
-class OutputFile;
-struct OutputRows;
-
 /// Owns the loaded model, the device memory of its file, its description and both datasets; each
 /// release operation may be called twice. Operations return kSuccess or kFailure and print what
 /// went wrong.
@@ -25,8 +22,7 @@ struct OutputRows;
 ///
 /// Calling order: LoadModelFromFileWithMem, CreateDesc, CreateOutput; then per inference InitInput,
 /// CreateInputBuf, SetDynamicBatchSize, SetRpnData, CreateTaskBufAndWorkBuf, Execute,
-/// DumpModelOutput, DestroyInput. The operations on input files are implemented in input/, the dump
-/// in output/.
+/// DumpModelOutput, DestroyInput.
 class ModelProcess {
  public:
   /// `batchSize` multiplies every per-batch size, until the staging of an input file resets it.
@@ -87,14 +83,12 @@ class ModelProcess {
  private:
   void PrintModelInfo(std::vector<std::string>& inputNames);
 
-  /// Layout of one tensor: `size` in bytes (of all batches for an input, of one for an output),
-  /// `stride` in bytes, and dims. None of them is 0 on success.
+  /// Layout of one input: `size` in bytes of all batches, `stride` in bytes, and dims. None of them
+  /// is 0 on success.
   int GetInputStrideParam(int32_t index, size_t& size, size_t& stride, quilm_mdl_io_dims& dims);
-  int GetOutputStrideParam(int32_t index, size_t& size, size_t& stride, quilm_mdl_io_dims& dims);
 
   /// Bytes per element; 0 means unusable, which the caller reports.
   size_t GetInputDataSize(int32_t index) const;
-  size_t GetOutputDataSize(int32_t index) const;
 
   /// Appends `buffer`, device memory of `size` bytes, to the input dataset. On success the dataset
   /// owns the memory, on failure the caller still does.
@@ -108,10 +102,6 @@ class ModelProcess {
   int CreateOutputBuffer(size_t index);
   int CreateTaskOrWorkBuf(int32_t index);
 
-  /// Checks `count` values of an RPN file against the dimensions of input `rpnInput` and keeps
-  /// these in rpnHeight and rpnWidth.
-  int CheckRpnShape(size_t rpnInput, size_t count);
-
   /// Appends a buffer of RPN parameters, with the size and stride of input 1. Up to 4 values
   /// (single class) stand at its start; 4 * rpnWidth values (multi class) as 4 rows, one stride
   /// apart.
@@ -119,22 +109,6 @@ class ModelProcess {
 
   /// Hands total_t to a recurrent model; does nothing unless it is above 0.
   int SetNlpTotalT();
-
-  void DumpOutputByType(const std::string& fileBase, size_t index);
-  template <typename T>
-  void WriteOutputText(const std::string& path, size_t index);
-  template <typename T>
-  void WriteOutputBinary(const std::string& path, size_t index);
-  /// What both writers share; `writeValues` puts the values into the file.
-  template <typename T>
-  void WriteOutput(const std::string& path, size_t index,
-                   void (*writeValues)(const std::vector<float>&, const OutputFile&));
-  /// Appends the elements of output `index`, stored as T, to `values` without the row padding.
-  template <typename T>
-  int GetOutputWithOutStride(std::vector<float>& values, size_t index);
-  int LocateOutput(size_t index, OutputRows& rows);
-  int LayOutRows(size_t index, size_t bufSize, size_t bufStride, const quilm_mdl_io_dims& dims,
-                 OutputRows& rows);
 
   uint32_t batchSize;
   int32_t nlpTotalT;
@@ -156,9 +130,6 @@ class ModelProcess {
 /// Adds the sizes of the model's inputs and outputs to `record`, those of task and work buffer
 /// apart. 32-bit sums that wrap.
 void RecordModelIoSize(ProfileRecord& record, const quilm_mdl_desc* modelDesc);
-
-/// Asks for the model's net type; a refusal is reported.
-int QueryNetType(uint32_t modelId, int32_t& netType);
 
 }  // namespace quilmrun
 

@@ -23,13 +23,27 @@
 
 #include <array>
 #include <cstddef>
+#include <cstdint>
 #include <string>
-#include <string_view>
 #include <vector>
+
+#include "runtime/quilm.h"
 
 namespace quilmrun {
 
 class OutputFile;
+
+/// What is dumped; all of it is lent.
+struct Outputs {
+  const quilm_mdl_desc* modelDesc;
+  const quilm_mdl_dataset* dataset;
+  const std::vector<size_t>& sizes;  ///< bytes allocated for each output
+  uint32_t batchSize;
+};
+
+/// Writes every output to outputPath/runIndex/. Reports what cannot be written and goes on with the
+/// next output.
+void DumpModelOutput(const Outputs& outputs, const std::string& outputPath, uint32_t runIndex);
 
 /// A line of the text file: the longest is "-", 39 digits, ".", 16 digits and "\n".
 using ValueLine = std::array<char, 64>;

@@ -2,7 +2,7 @@
 
 #include <fcntl.h>
 
-#include "app/log.h"
+#include "base/log.h"
 
 namespace quilmrun {
 namespace {

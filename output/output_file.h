@@ -5,7 +5,7 @@
 #include <cstddef>
 #include <string>
 
-#include "app/descriptor.h"
+#include "base/descriptor.h"
 
 namespace quilmrun {
 

@@ -5,8 +5,8 @@
 #include <string>
 #include <string_view>
 
-#include "app/log.h"
-#include "input/number.h"
+#include "base/log.h"
+#include "base/number.h"
 
 namespace quilmrun {
 namespace {

@@ -7,8 +7,8 @@
 #include <cstdio>
 #include <cstring>
 
-#include "app/descriptor.h"
-#include "app/log.h"
+#include "base/descriptor.h"
+#include "base/log.h"
 
 namespace quilmrun {
 namespace {

@@ -6,7 +6,6 @@
 #include <string>
 #include <vector>
 
-#include "app/sample_process.h"
 
 namespace quilmrun {
 namespace {
@@ -97,7 +96,7 @@ TEST(GroupInputsByName, SortsWithinBlocksOrLeavesTheListAlone) {
   };
   for (const Row& row : rows) {
     Strings entries = row.before;
-    SampleProcess::GroupInputsByName(entries, row.names);
+    GroupInputsByName(entries, row.names);
     EXPECT_EQ(entries, row.after) << testing::PrintToString(row.before);
   }
 }

@@ -1,4 +1,4 @@
-#include "input/number.h"
+#include "base/number.h"
 
 #include <gtest/gtest.h>
 

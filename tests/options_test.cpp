@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "app/status.h"
+#include "base/status.h"
 #include "input/utils.h"
 
 namespace quilmrun {

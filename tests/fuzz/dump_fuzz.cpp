@@ -7,7 +7,7 @@
 #include <iterator>
 #include <optional>
 
-#include "app/status.h"
+#include "base/status.h"
 #include "model/model_process.h"
 #include "tests/fuzz/fuzz.h"
 #include "tests/fuzz/tensor_fuzz.h"

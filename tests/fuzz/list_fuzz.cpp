@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <vector>
 
-#include "app/sample_process.h"
 #include "input/input_list.h"
 #include "tests/fuzz/fuzz.h"
 
@@ -65,9 +64,9 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   Require(entries.size() == lines);
 
   std::vector<std::string> grouped = entries;
-  SampleProcess::GroupInputsByName(grouped, names);
+  GroupInputsByName(grouped, names);
   if (names.empty() || entries.size() % names.size() != 0 ||
-      !SampleProcess::AllInputsNamed(entries, names)) {
+      !AllInputsNamed(entries, names)) {
     Require(grouped == entries);
   } else {
     const std::vector<std::string> sorted = SortedPositions(entries, names);

@@ -4,7 +4,7 @@
 #include <vector>
 
 #include "app/options.h"
-#include "input/number.h"
+#include "base/number.h"
 #include "tests/fuzz/fuzz.h"
 
 using namespace quilmrun;       // NOLINT: what is tested

@@ -3,7 +3,7 @@
 #include <cstring>
 
 #include "input/staging.h"
-#include "model/tensor_description.h"
+#include "runtime/tensor_description.h"
 #include "tests/fuzz/fuzz.h"
 #include "tests/fuzz/tensor_fuzz.h"
 

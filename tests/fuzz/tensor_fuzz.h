@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "model/tensor_description.h"
+#include "runtime/tensor_description.h"
 #include "tests/odd_script.h"
 
 namespace quilmrun_fuzz {

@@ -1,7 +1,7 @@
 // A file as the operating system knows it. Everything the tool reads in bulk or writes goes through
 // here, so that interrupted system calls, and those that do only a part, are dealt with once.
-#ifndef QUILMRUN_APP_DESCRIPTOR_H_
-#define QUILMRUN_APP_DESCRIPTOR_H_
+#ifndef QUILMRUN_BASE_DESCRIPTOR_H_
+#define QUILMRUN_BASE_DESCRIPTOR_H_
 
 #include <sys/types.h>
 #include <sys/uio.h>
@@ -50,4 +50,4 @@ class Descriptor {
 
 }  // namespace quilmrun
 
-#endif  // QUILMRUN_APP_DESCRIPTOR_H_
+#endif  // QUILMRUN_BASE_DESCRIPTOR_H_

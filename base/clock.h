@@ -1,6 +1,6 @@
 // Wall-clock readings.
-#ifndef QUILMRUN_PROFILE_CLOCK_H_
-#define QUILMRUN_PROFILE_CLOCK_H_
+#ifndef QUILMRUN_BASE_CLOCK_H_
+#define QUILMRUN_BASE_CLOCK_H_
 
 #include <cstdint>
 
@@ -15,4 +15,4 @@ double NowMs();
 
 }  // namespace quilmrun
 
-#endif  // QUILMRUN_PROFILE_CLOCK_H_
+#endif  // QUILMRUN_BASE_CLOCK_H_

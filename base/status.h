@@ -1,6 +1,6 @@
 // The result of an operation that can fail. The failing step has printed why.
-#ifndef QUILMRUN_APP_STATUS_H_
-#define QUILMRUN_APP_STATUS_H_
+#ifndef QUILMRUN_BASE_STATUS_H_
+#define QUILMRUN_BASE_STATUS_H_
 
 namespace quilmrun {
 
@@ -10,4 +10,4 @@ constexpr int kFailure = 1;
 
 }  // namespace quilmrun
 
-#endif  // QUILMRUN_APP_STATUS_H_
+#endif  // QUILMRUN_BASE_STATUS_H_

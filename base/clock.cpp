@@ -1,4 +1,4 @@
-#include "profile/clock.h"
+#include "base/clock.h"
 
 #include <sys/time.h>
 

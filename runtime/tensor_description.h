@@ -6,8 +6,8 @@
 //
 //   offset  0: e00 e01 e02 and 5 bytes of padding
 //   offset  8: e10 e11 e12 and 5 bytes of padding        size = 16; batch b starts at b * 16
-#ifndef QUILMRUN_MODEL_TENSOR_DESCRIPTION_H_
-#define QUILMRUN_MODEL_TENSOR_DESCRIPTION_H_
+#ifndef QUILMRUN_RUNTIME_TENSOR_DESCRIPTION_H_
+#define QUILMRUN_RUNTIME_TENSOR_DESCRIPTION_H_
 
 #include <cstddef>
 #include <cstdint>
@@ -53,9 +53,17 @@ size_t RowBytes(size_t elementSize, int64_t lastDimension);
 /// allocate; 0 when what is left is less than a single batch, so that none can.
 size_t BatchedSize(uint32_t batchSize, size_t size);
 
+/// Layout of one tensor: `size` in bytes of `batchSize` batches, `stride` in bytes, and dims. What
+/// the runtime refuses or gives as 0 is reported and a failure.
+int QueryLayout(const TensorQueries& queries, const quilm_mdl_desc* desc, size_t index,
+                uint32_t batchSize, size_t& size, size_t& stride, quilm_mdl_io_dims& dims);
+
+/// Asks for the model's net type; a refusal is reported.
+int QueryNetType(uint32_t modelId, int32_t& netType);
+
 /// The dimensions as "[1, 3, 224, 224, ]"; "[]" for a scalar.
 std::string FormatShape(const quilm_mdl_io_dims& dims);
 
 }  // namespace quilmrun
 
-#endif  // QUILMRUN_MODEL_TENSOR_DESCRIPTION_H_
+#endif  // QUILMRUN_RUNTIME_TENSOR_DESCRIPTION_H_

@@ -2,10 +2,9 @@
 //
 // Every message starts with "[INFO]  ", "[WARN]  " or "[ERROR] ", so that the texts line up, and
 // ends with a newline that these calls add. Each text stands once in the sources; a step that
-// several callers share prints for all of them. All folders may include this header, status.h and
-// descriptor.h, and nothing else of app/.
-#ifndef QUILMRUN_APP_LOG_H_
-#define QUILMRUN_APP_LOG_H_
+// several callers share prints for all of them.
+#ifndef QUILMRUN_BASE_LOG_H_
+#define QUILMRUN_BASE_LOG_H_
 
 namespace quilmrun {
 
@@ -28,4 +27,4 @@ void PrepareStandardStreams();
 
 }  // namespace quilmrun
 
-#endif  // QUILMRUN_APP_LOG_H_
+#endif  // QUILMRUN_BASE_LOG_H_

@@ -1,7 +1,10 @@
-#include "model/tensor_description.h"
+#include "runtime/tensor_description.h"
 
 #include <cstring>
 #include <limits>
+
+#include "base/log.h"
+#include "base/status.h"
 
 namespace quilmrun {
 
@@ -58,6 +61,34 @@ size_t RowBytes(size_t elementSize, int64_t lastDimension) {
 size_t BatchedSize(uint32_t batchSize, size_t size) {
   const size_t bytes = batchSize * size;
   return bytes < size ? 0 : bytes;
+}
+
+int QueryLayout(const TensorQueries& queries, const quilm_mdl_desc* desc, size_t index,
+                uint32_t batchSize, size_t& size, size_t& stride, quilm_mdl_io_dims& dims) {
+  if (QueryDims(queries, desc, index, dims) != 0) {
+    LogError("quilm_mdl_get_%s_dims error!", queries.kind);
+    return kFailure;
+  }
+  stride = queries.stride(desc, index);
+  if (stride == 0) {
+    LogError("quilm_mdl_get_%s_default_stride error!", queries.kind);
+    return kFailure;
+  }
+  size = BatchedSize(batchSize, queries.size(desc, index));
+  if (size == 0) {
+    LogError("quilm_mdl_get_%s_size_by_index error!", queries.kind);
+    return kFailure;
+  }
+  return kSuccess;
+}
+
+int QueryNetType(uint32_t modelId, int32_t& netType) {
+  const quilm_error result = quilm_ext_get_mdl_net_type(modelId, &netType);
+  if (result != 0) {
+    LogError("quilm_ext_get_mdl_net_type fail! ret = %d", result);
+    return kFailure;
+  }
+  return kSuccess;
 }
 
 std::string FormatShape(const quilm_mdl_io_dims& dims) {

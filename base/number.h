@@ -1,6 +1,6 @@
 // Numbers as users, input files and the system write them.
-#ifndef QUILMRUN_INPUT_NUMBER_H_
-#define QUILMRUN_INPUT_NUMBER_H_
+#ifndef QUILMRUN_BASE_NUMBER_H_
+#define QUILMRUN_BASE_NUMBER_H_
 
 #include <cstdint>
 #include <optional>
@@ -24,4 +24,4 @@ bool ParseFloats(std::string_view text, std::vector<float>& values);
 
 }  // namespace quilmrun
 
-#endif  // QUILMRUN_INPUT_NUMBER_H_
+#endif  // QUILMRUN_BASE_NUMBER_H_
