@@ -4,6 +4,9 @@
 build_packages=(g++ cmake ninja-build libprotobuf-c-dev protobuf-c-compiler libopencv-dnn-dev
                 libonnx-dev nlohmann-json3-dev python3)
 
+# What the companions in Python take.
+companion_packages=(python3 python3-numpy python3-pil python3-tqdm)
+
 # What building and running the tests takes on top.
 test_packages=(libgtest-dev libbenchmark-dev python3-onnx python3-numpy libonnx-testdata locales
                binutils clang-format clang-tidy clang libclang-rt-14-dev llvm)

@@ -1,0 +1,162 @@
+"""How every companion speaks on the command line.
+
+Exit statuses: 0 yes, 1 no (a verdict, or not all was done), 2 misuse or something unreadable.
+Results go to standard output; errors, warnings and the progress bar to standard error.
+"""
+
+import argparse
+import importlib
+import json
+import os
+import sys
+import tempfile
+from pathlib import Path
+from typing import Any, Iterable, Iterator, NoReturn, Optional, TypeVar
+
+from quilmrun_tools import __version__
+
+YES, NO, MISUSE = 0, 1, 2
+
+Item = TypeVar("Item")
+
+
+class Unreadable(Exception):
+    """Something named by the user cannot be used; the text is one line that says what to do."""
+
+
+def program() -> str:
+    """The companion's own name, as in `quilmrun-inputs`."""
+    return Path(sys.argv[0]).name
+
+
+def fail(message: str) -> NoReturn:
+    """Ends the companion with status 2 after one line on standard error."""
+    print(f"{program()}: {message}", file=sys.stderr)
+    raise SystemExit(MISUSE)
+
+
+def warn(message: str) -> None:
+    print(f"{program()}: warning: {message}", file=sys.stderr)
+
+
+class Parser(argparse.ArgumentParser):
+    """argparse with the conventions of the companions: one line for every misuse, no abbreviated
+    options, `--version`, examples below the options."""
+
+    def __init__(self, name: str, description: str, examples: str = "", **options: Any) -> None:
+        super().__init__(prog=name, description=description, allow_abbrev=False,
+                         epilog=f"examples:\n{examples}" if examples else None,
+                         formatter_class=argparse.RawDescriptionHelpFormatter, **options)
+        self.add_argument("--version", action="version", version=f"{name} {__version__}")
+
+    def error(self, message: str) -> NoReturn:
+        fail(f"{message}; see {self.prog} --help")
+
+    def add_json(self) -> None:
+        self.add_argument("--json", metavar="FILE",
+                          help="also write the result as JSON; - is standard output, and nothing "
+                               "else is written there")
+
+
+def progress(items: Iterable[Item], total: Optional[int] = None, what: str = "",
+             unit: str = "file") -> Iterator[Item]:
+    """The same items, with a progress bar where standard error is a terminal."""
+    if not sys.stderr.isatty():
+        return iter(items)
+    try:
+        from tqdm import tqdm  # pylint: disable=import-outside-toplevel
+    except ImportError:  # only the bar is missing
+        return iter(items)
+    return iter(tqdm(items, total=total, desc=what, unit=unit, leave=False, delay=0.5))
+
+
+def write_own(path: str, content: bytes, marker: bytes) -> None:
+    """Writes a file whole or not at all.
+
+    A file that exists is replaced only if it is empty or holds `marker` in its first 4096 bytes,
+    which tells that a companion made it.
+    """
+    target = Path(path)
+    try:
+        if target.exists() and not target.is_file():  # a pipe or a device
+            target.write_bytes(content)
+            return
+        if target.exists() and target.stat().st_size > 0:
+            with open(target, "rb") as file:
+                if marker not in file.read(4096):
+                    raise Unreadable(f"{path} exists and is not {program()}'s; "
+                                     "name another file, or remove it")
+        _replace(target, content)
+    except OSError as error:
+        raise Unreadable(f"cannot write {path}: {error.strerror}") from error
+
+
+def _replace(target: Path, content: bytes) -> None:
+    """Puts a new file in place of `target`, with the permissions of any new file."""
+    handle, temporary = tempfile.mkstemp(prefix=f".{target.name[:100]}.", dir=target.parent)
+    try:
+        with open(handle, "wb") as file:
+            file.write(content)
+        umask = os.umask(0)
+        os.umask(umask)
+        os.chmod(temporary, 0o666 & ~umask)
+        os.replace(temporary, target)
+    except BaseException:
+        os.unlink(temporary)
+        raise
+
+
+def write_json(path: str, value: dict) -> None:
+    """Writes a companion's result, a dict with its "format"; "-" is standard output."""
+    text = json.dumps(value, indent=1, default=_plain, allow_nan=False) + "\n"
+    if path == "-":
+        sys.stdout.write(text)
+    else:
+        write_own(path, text.encode(), f'"format": "{value["format"]}"'.encode())
+
+
+def _plain(value: Any) -> Any:
+    """Paths as texts, numpy's numbers as Python's."""
+    return value.item() if hasattr(value, "item") else str(value)
+
+
+def read_json(path: str, expected: str) -> dict:
+    """A JSON file that one of the companions wrote, such as "quilmrun-inputs"."""
+    try:
+        value = json.loads(Path(path).read_bytes())
+    except OSError as error:
+        raise Unreadable(f"cannot read {path}: {error.strerror}") from error
+    except ValueError as error:
+        raise Unreadable(f"{path} is not JSON, or was cut short: write it again with "
+                         f"{expected}") from error
+    if not isinstance(value, dict) or value.get("format") != expected:
+        raise Unreadable(f"{path} was not written by {expected}")
+    return value
+
+
+# Debian's package of each Python package that a companion may lack.
+_PACKAGES = {"numpy": "python3-numpy", "PIL": "python3-pil", "jinja2": "python3-jinja2",
+             "matplotlib": "python3-matplotlib"}
+
+
+def run(module: str) -> NoReturn:
+    """Runs a companion, `main()` of the named module, and ends the process with the status that it
+    returns; every expected failure becomes one line. All that an entry point has to do."""
+    for stream in (sys.stdout, sys.stderr):
+        stream.reconfigure(errors="backslashreplace")  # file names may hold any bytes
+    try:
+        status = importlib.import_module(f"quilmrun_tools.{module}").main()
+        sys.stdout.flush()
+    except Unreadable as error:
+        fail(str(error))
+    except ModuleNotFoundError as error:
+        fail(f"Python's {error.name} is missing: "
+             f"apt install {_PACKAGES.get(str(error.name), error.name)}")
+    except MemoryError:
+        fail("there is not enough memory")
+    except BrokenPipeError:  # nobody reads on
+        os.dup2(os.open(os.devnull, os.O_WRONLY), sys.stdout.fileno())
+        status = NO
+    except KeyboardInterrupt:
+        status = 130
+    raise SystemExit(status)
