@@ -59,8 +59,7 @@ size_t RowBytes(size_t elementSize, int64_t lastDimension) {
 }
 
 size_t BatchedSize(uint32_t batchSize, size_t size) {
-  const size_t bytes = batchSize * size;
-  return bytes < size ? 0 : bytes;
+  return batchSize * size;
 }
 
 int QueryLayout(const TensorQueries& queries, const quilm_mdl_desc* desc, size_t index,

@@ -49,8 +49,8 @@ size_t ElementSize(const TensorQueries& queries, const quilm_mdl_desc* desc, siz
 /// Bytes of one row, and SIZE_MAX when the last dimension is negative or the product too large.
 size_t RowBytes(size_t elementSize, int64_t lastDimension);
 
-/// Bytes of `batchSize` batches. A product that 64 bits cannot hold wraps, which no runtime will
-/// allocate; 0 when what is left is less than a single batch, so that none can.
+/// Bytes of `batchSize` batches, as a 64-bit product that wraps. Memory of a size that has wrapped
+/// is smaller than a batch: whoever fills or reads it has to look at what was allocated.
 size_t BatchedSize(uint32_t batchSize, size_t size);
 
 /// Layout of one tensor: `size` in bytes of `batchSize` batches, `stride` in bytes, and dims. What

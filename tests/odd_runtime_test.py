@@ -107,8 +107,10 @@ class Descriptions(OddRuntimeTest):
              "[ERROR] quilm_mdl_get_input_default_stride error!\n" + staging),
             (PLAIN.replace("16 8 2 4", "0 8 2 4", 1),
              "[ERROR] quilm_mdl_get_input_size_by_index error!\n" + staging),
-            (PLAIN.replace("16 8 2 4", f"{2**63 + 8} 8 2 4", 1),
+            (PLAIN.replace("16 8 2 4", f"{2**63} 8 2 4", 1),
              "[ERROR] quilm_mdl_get_input_size_by_index error!\n" + staging),
+            (PLAIN.replace("16 8 2 4", f"{2**63 + 2**49} 8 2 4", 1),
+             f"[ERROR] malloc device buffer failed. size is {2**50}\n" + STAGING_FAILED),
             (PLAIN.replace("16 8 2 4", f"{2**50} 8 2 4", 1),
              f"[ERROR] malloc device buffer failed. size is {2**51}\n" + STAGING_FAILED),
             (PLAIN.replace("x 4 16", "x 5 16"), "[ERROR] GetInputDataSize == 0 error\n"
@@ -121,8 +123,11 @@ class Descriptions(OddRuntimeTest):
             (PLAIN.replace("y 4 16 8", "y 4 16 0"),
              "[ERROR] Error, output default stride is 0.\n[ERROR] execute CreateOutput failed\n" +
              FAILURE),
-            (PLAIN.replace("y 4 16 8", f"y 4 {2**63 + 8} 8"),
+            (PLAIN.replace("y 4 16 8", f"y 4 {2**63} 8"),
              "[ERROR] Error, output size is 0.\n[ERROR] execute CreateOutput failed\n" + FAILURE),
+            (PLAIN.replace("y 4 16 8", f"y 4 {2**63 + 2**49} 8"),
+             f"[ERROR] can't malloc buffer, size is {2**50}, create output failed\n"
+             "[ERROR] execute CreateOutput failed\n" + FAILURE),
             (PLAIN.replace("work 4 16 16", "work 4 0 16"),
              "[ERROR] quilm_mdl_get_input_size_by_index error!\n"
              "[ERROR] Error, GetInputStrideParam failed\n"
@@ -132,10 +137,12 @@ class Descriptions(OddRuntimeTest):
             with self.subTest(tail=tail):
                 self.check(1, tail, script, "-b", "2")
 
-    def test_sizes_beyond_64_bits_wrap(self):
-        self.check(1, f"[ERROR] can't malloc buffer, size is {2**64 - 2**40}, create output failed\n"
-                   "[ERROR] execute CreateOutput failed\n" + FAILURE,
-                   PLAIN.replace("y 4 16", f"y 4 {2**40}"), "-b", "-1")
+    def test_memory_of_a_wrapped_size_is_neither_overrun_nor_read_beyond(self):
+        huge = 2**63 + 8  # two batches of it wrap to 16 bytes
+        _, out = self.run_odd(PLAIN.replace("4 16 8 2 4", f"4 {huge} 8 2 4"), "-b", "2")
+        self.assertIn("  16/8:" + 16 * "00" + "\n", self.calls())
+        self.assertEqual(out.count(f"[ERROR] output[0] needs {2**64 - 1} bytes, its buffer holds "
+                                   "16\n[ERROR] GetOutputWithOutStride fail\n"), 2)
 
     def test_recurrent_models(self):
         recurrent = ("net_type 2\ninput frames 0 32 8 4 2\ninput marks 0 16 16 1 4\n" +
