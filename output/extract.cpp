@@ -6,7 +6,9 @@ namespace quilmrun {
 
 template <typename T>
 void AppendRows(const OutputRows& rows, std::vector<float>& values) {
-  values.reserve(values.size() + rows.rows * rows.rowElements);
+  size_t count = 0;
+  const bool countable = !__builtin_mul_overflow(rows.rows, rows.rowElements, &count);
+  values.reserve(countable ? count : values.max_size() + 1);
   for (size_t r = 0; r < rows.rows; ++r) {
     const T* row = reinterpret_cast<const T*>(rows.data) + r * rows.rowPitch;
     // Of floats this copies the bytes: a NaN keeps its bits.

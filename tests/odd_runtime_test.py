@@ -207,7 +207,10 @@ class Outputs(OddRuntimeTest):
     def test_outputs_that_cannot_be_read(self):
         failed = "[ERROR] GetOutputWithOutStride fail\n"
         rows = [
-            ("y 4 16 8 2 9\n", "", "[ERROR] row of output[0] has 9 bytes, its stride only 8\n"),
+            ("y 4 16 8 2 9\n", "", "[ERROR] output[0] needs 17 bytes, its buffer holds 16\n"),
+            ("y 6 16 1 3\n", "".join(  # more values than a list can hold
+                f"fail quilm_mdl_get_output_size_by_index {call} {2**62}\n" for call in (4, 5)),
+             f"[ERROR] output[0]: no memory for {3 * 2**62} values\n"),
             ("y 4 16 8 2 4\n", "reported_size 11\n",
              "[ERROR] output[0] needs 12 bytes, its buffer holds 11\n"),
             ("y 8 16 4 2 1\n", "reported_size 999\n",  # one byte an element, but read as floats
@@ -235,6 +238,10 @@ class Outputs(OddRuntimeTest):
         out, _ = self.dump("output y 4 16 8 2 4\n", "fail quilm_get_data_buffer_addr 1 0\n"
                            "fail quilm_get_data_buffer_size 1 999\n")
         self.assertEqual(out.count("[ERROR] output[0] data or size(999) invalid\n" + failed), 1)
+        staged = b"".join(row.ljust(8, b"\0") for row in (self.DATA[:4], self.DATA[4:], b""))
+        _, files = self.dump("output overlapping 4 20 8 2 12\n")
+        self.assertEqual(files["0/overlapping.0.S.bin"],
+                         struct.pack("<24f", *staged[:12], *staged[8:20]))
         _, files = self.dump("output short 4 4 8 1 4\n")  # less than a row: nothing, successfully
         self.assertEqual(files, {"0/short.0.S.float": b"", "0/short.0.S.bin": b""})
 
