@@ -3,6 +3,7 @@
 
 #include "app/options.h"
 #include "app/sample_process.h"
+#include "app/stop_signals.h"
 #include "base/log.h"
 #include "base/status.h"
 
@@ -21,6 +22,7 @@ int Run(int argc, char** argv) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  quilmrun::IgnoreWriteSignals();
   quilmrun::PrepareStandardStreams();
   try {
     return Run(argc, argv);

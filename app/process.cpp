@@ -14,6 +14,23 @@
 #include "model/model_process.h"
 
 namespace quilmrun {
+namespace {
+
+// Replaces every path by its resolved form; stops at the first of bad length. Once a signal has
+// asked to stop, no group runs any more, and the rest of a list that may be long stays as it is.
+int ResolvePaths(std::vector<std::string>& paths) {
+  for (std::string& path : paths) {
+    if (StopSignalReceived()) {
+      break;
+    }
+    if (ResolvePath(path, path) != kSuccess) {
+      return kFailure;
+    }
+  }
+  return kSuccess;
+}
+
+}  // namespace
 
 int SampleProcess::Process() {
   ModelProcess model(rpnFiles, batchSize, nlpTotalT, profile);
@@ -34,7 +51,7 @@ int SampleProcess::RunModel(ModelProcess& model) {
   // The paths are shown and checked even when the description is not to be had.
   const int descResult = model.CreateDesc(inputNames);
   GroupInputsByName(inputFiles, inputNames);
-  if (ResolveInputFiles() != kSuccess) {
+  if (ResolvePaths(inputFiles) != kSuccess) {
     return kFailure;
   }
   if (descResult != kSuccess) {
@@ -58,23 +75,12 @@ int SampleProcess::RunGroups(ModelProcess& model) {
   LogInfo("Model inputNum: %zu", inputNum);
   const size_t iterations = inputNum == 0 ? 0 : inputFiles.size() / inputNum;
   LogInfo("Model Iters : %zu", iterations);
-  size_t done = 0;
-  while (done < iterations && !StopSignalReceived()) {
-    if (ProcessGroup(inputFiles, model, done, inputNum) != kSuccess) {
-      break;
+  for (size_t group = 0; group < iterations; ++group) {
+    if (StopSignalReceived()) {
+      LogWarn("stopped by a signal: %zu of %zu groups done", group, iterations);
+      return kFailure;
     }
-    ++done;
-  }
-  if (StopSignalReceived()) {
-    LogWarn("stopped by a signal: %zu of %zu groups done", done, iterations);
-    return kFailure;
-  }
-  return done == iterations ? kSuccess : kFailure;
-}
-
-int SampleProcess::ResolveInputFiles() {
-  for (std::string& inputFile : inputFiles) {
-    if (ResolvePath(inputFile, inputFile) != kSuccess) {
+    if (ProcessGroup(inputFiles, model, group, inputNum) != kSuccess) {
       return kFailure;
     }
   }

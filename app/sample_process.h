@@ -45,12 +45,9 @@ class SampleProcess {
   /// Process() for a given model, whose destruction follows every way out.
   int RunModel(ModelProcess& model);
 
-  /// Cuts the input files into groups, one file per data input, and runs them in order, until one
-  /// fails or a signal asks to stop.
+  /// Cuts the input files into groups, one file per data input, and runs them in order. Fails when a
+  /// group does, or when a signal asks to stop while groups are left.
   int RunGroups(ModelProcess& model);
-
-  /// Replaces every input file by its resolved path; stops at the first of bad length.
-  int ResolveInputFiles();
 
   /// One inference: stages files groupIndex * inputNum and following, executes, dumps.
   int ProcessGroup(const std::vector<std::string>& inputFiles, ModelProcess& model,
@@ -71,8 +68,8 @@ class SampleProcess {
 };
 
 /// Performs one complete run, teardown and reports included; returns the exit status. A signal that
-/// asks to stop ends the run behind the inference in progress, as a failure. Takes the paths over:
-/// a list of input files may be long, and is kept once.
+/// asks to stop ends the run after the inference in progress, as a failure if groups are left out.
+/// Takes the paths over: a list of input files may be long, and is kept once.
 int RunSample(const RunOptions& options, ResolvedPaths paths);
 
 }  // namespace quilmrun

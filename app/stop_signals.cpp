@@ -4,6 +4,7 @@
 #include <csignal>
 #include <cstdint>
 #include <ctime>
+#include <initializer_list>
 
 namespace quilmrun {
 namespace {
@@ -26,18 +27,10 @@ void NoteSignal(int number, siginfo_t* info, void*) {
   if (received == 0) {
     receivedMs = MonotonicMs();
     received = 1;
-  } else if (number != SIGHUP && !IsSameRequest(*info)) {
+  } else if (number != SIGHUP && number != SIGXCPU && !IsSameRequest(*info)) {
     std::signal(number, SIG_DFL);
     std::raise(number);  // delivered when this handler returns
   }
-}
-
-void Note(int number) {
-  struct sigaction action {};
-  action.sa_sigaction = NoteSignal;
-  // The runtime's system calls go on as if nothing had happened.
-  action.sa_flags = SA_SIGINFO | SA_RESTART;
-  sigaction(number, &action, nullptr);
 }
 
 bool IsIgnored(int number) {
@@ -47,14 +40,21 @@ bool IsIgnored(int number) {
 
 }  // namespace
 
-void CatchStopSignals() {
-  Note(SIGINT);
-  Note(SIGTERM);
-  if (!IsIgnored(SIGHUP)) {
-    Note(SIGHUP);
-  }
+void IgnoreWriteSignals() {
   std::signal(SIGPIPE, SIG_IGN);
   std::signal(SIGXFSZ, SIG_IGN);
+}
+
+void CatchStopSignals() {
+  struct sigaction action {};
+  action.sa_sigaction = NoteSignal;
+  // The runtime's system calls go on as if nothing had happened.
+  action.sa_flags = SA_SIGINFO | SA_RESTART;
+  for (const int number : {SIGINT, SIGTERM, SIGQUIT, SIGHUP, SIGXCPU}) {
+    if (!IsIgnored(number)) {
+      sigaction(number, &action, nullptr);
+    }
+  }
 }
 
 bool StopSignalReceived() {

@@ -5,12 +5,15 @@
 
 namespace quilmrun {
 
-/// From here on the first SIGINT, SIGTERM or SIGHUP is only noted, and another SIGINT or SIGTERM
-/// ends the process at once. One that another process sends within kSameRequestMs counts as the
-/// first again: timeout, for one, signals both its child and the group that the child is in. A
-/// SIGHUP never ends the process, since a terminal that goes away may send several, and one that is
-/// ignored, as nohup arranges, stays ignored. Writing in vain shows as a failing write instead of
-/// ending the process (SIGPIPE, SIGXFSZ).
+/// From here on a write in vain fails instead of ending the process (SIGPIPE, SIGXFSZ).
+void IgnoreWriteSignals();
+
+/// From here on the first SIGINT, SIGTERM, SIGQUIT, SIGHUP or SIGXCPU is only noted, and another
+/// SIGINT, SIGTERM or SIGQUIT ends the process at once. One that another process sends within
+/// kSameRequestMs counts as the first again: timeout, for one, signals both its child and the group
+/// that the child is in. A SIGHUP never ends the process, since a terminal that goes away may send
+/// several, nor does a SIGXCPU, which comes every second once the time is used up. A signal that the
+/// parent has set to be ignored, as nohup does, stays ignored.
 void CatchStopSignals();
 
 constexpr int kSameRequestMs = 20;

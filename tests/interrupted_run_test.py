@@ -30,20 +30,31 @@ class Signals(OddRuntimeTest):
         self.assertEqual(groups_of(self.outputs()), list(range(done)))
         self.assertRegex(self.csv(), r"^T,T,T,0\.016,0\.008,0\.016,0\.016,0\.005,0\n$")
 
-    def test_first_signal_ends_the_run_behind_the_inference_in_progress(self):
-        for number in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP):
+    def test_first_signal_ends_the_run_after_the_inference_in_progress(self):
+        for number in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP, signal.SIGQUIT,
+                       signal.SIGXCPU):
             self.setUp()  # a directory of its own
             self.check_stop(f"signal quilm_mdl_execute 2 {number:d}\n", 2, DUMPED + stopped(2))
         for function, done in (("quilm_init", 0), ("quilm_mdl_load_from_mem", 0),
                                ("quilm_mdl_set_dynamic_batch_size", 1)):
             self.setUp()
             self.check_stop(f"signal {function} 1 15\n", done, stopped(done))
-        self.setUp()
-        self.check_stop("signal quilm_mdl_execute 4 2\n", 4, DUMPED + stopped(4))
 
-    def test_failure_and_signal_together(self):
-        self.check_stop("fail quilm_mdl_execute 3 4\nsignal quilm_mdl_execute 3 2\n", 2,
-                        NOT_EXECUTED.replace("Id is 1", "Id is 77").split("\n", 1)[1] + stopped(2))
+    def test_only_groups_left_out_make_a_stop(self):
+        self.check_stop("signal quilm_mdl_execute 4 2\n", 4, DUMPED + SUCCESS, status=0)
+        self.setUp()
+        self.check(0, "[INFO]  Model Iters : 0\n" + SUCCESS, "signal quilm_init 1 2\n" + PLAIN,
+                   list_text="")
+        failed = NOT_EXECUTED.replace("Id is 1", "Id is 77").split("\n", 1)[1] + FAILURE
+        for group in (3, 4):
+            self.setUp()
+            self.check_stop(f"fail quilm_mdl_execute {group} 4\n"
+                            f"signal quilm_mdl_execute {group} 2\n", group - 1, failed)
+
+    def test_a_long_list_is_not_resolved_for_nothing(self):
+        _, out = self.run_odd("signal quilm_mdl_create_desc 1 15\n" + PLAIN, list_text=FOUR)
+        self.assertEqual(out.count("inputPath"), 2)
+        self.assertTrue(out.endswith(stopped(0)), out)
 
     def test_second_signal_ends_the_process(self):
         for first, second in ((2, 15), (15, 2), (2, 2)):
@@ -63,11 +74,23 @@ class Signals(OddRuntimeTest):
         self.assertEqual(status, -signal.SIGTERM)
 
     def test_signals_that_do_not_end_a_run(self):
-        def nohup():
-            signal.signal(signal.SIGHUP, signal.SIG_IGN)
-        for number in (signal.SIGHUP, signal.SIGPIPE, signal.SIGXFSZ):
+        ignored = (signal.SIGHUP, signal.SIGINT, signal.SIGTERM, signal.SIGQUIT)
+        def ignore():
+            for number in ignored:
+                signal.signal(number, signal.SIG_IGN)
+        for number in (*ignored, signal.SIGPIPE, signal.SIGXFSZ):
             self.check(0, DUMPED + SUCCESS, f"signal quilm_mdl_execute 2 {number:d}\n" + PLAIN,
-                       list_text=FOUR, limit=nohup)
+                       list_text=FOUR, limit=ignore)
+        self.check(1, stopped(2), "signal quilm_mdl_execute 2 24\nsignal quilm_mdl_unload 1 24\n" +
+                   PLAIN, list_text=FOUR)
+
+    def test_nobody_reads_the_first_line(self):
+        reading, writing = os.pipe()
+        os.close(reading)
+        with os.fdopen(writing) as unread:
+            result = subprocess.run([os.path.abspath(QUILMRUN), "-b", "2"], stdout=unread,
+                                    check=False)
+        self.assertEqual(result.returncode, 1)
 
 
 class InterruptedFromOutside(HostRuntimeTest):

@@ -4,6 +4,7 @@ import os
 import pathlib
 import re
 import shutil
+import signal
 import subprocess
 import tempfile
 import unittest
@@ -32,6 +33,12 @@ TEARDOWN = """\
 CSV_HEADER = ("Model Load Time(ms),Read Model File Time(ms),Model Execute Time(ms),Input Size(KB),"
               "Task Buffer Size(KB),Output Size(KB),Mapper Temp Buffer(KB),Online Model Size(KB),"
               "Quilm Init Memory Size(KB)\n")
+
+
+# What nohup or a background job hands on as ignored would reach the tool too.
+for stop_signal in (signal.SIGHUP, signal.SIGQUIT, signal.SIGTERM):
+    signal.signal(stop_signal, signal.SIG_DFL)
+signal.signal(signal.SIGINT, signal.default_int_handler)
 
 
 class ToolTest(unittest.TestCase):
