@@ -45,8 +45,8 @@ class SampleProcess {
   /// Process() for a given model, whose destruction follows every way out.
   int RunModel(ModelProcess& model);
 
-  /// Cuts the input files into groups, one file per data input, and runs them in order. Fails when a
-  /// group does, or when a signal asks to stop while groups are left.
+  /// Cuts the input files into groups, one file per data input, and runs them in order. Fails when
+  /// a group does, or when a signal asks to stop while groups are left.
   int RunGroups(ModelProcess& model);
 
   /// One inference: stages files groupIndex * inputNum and following, executes, dumps.

@@ -12,8 +12,8 @@ void IgnoreWriteSignals();
 /// SIGINT, SIGTERM or SIGQUIT ends the process at once. One that another process sends within
 /// kSameRequestMs counts as the first again: timeout, for one, signals both its child and the group
 /// that the child is in. A SIGHUP never ends the process, since a terminal that goes away may send
-/// several, nor does a SIGXCPU, which comes every second once the time is used up. A signal that the
-/// parent has set to be ignored, as nohup does, stays ignored.
+/// several, nor does a SIGXCPU, which comes every second once the time is used up. A signal that
+/// the parent has set to be ignored, as nohup does, stays ignored.
 void CatchStopSignals();
 
 constexpr int kSameRequestMs = 20;

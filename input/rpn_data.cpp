@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <cstring>
 #include <optional>
 
 #include "base/log.h"
@@ -12,10 +13,41 @@
 namespace quilmrun {
 namespace {
 
+constexpr size_t kSingleClassValues = 4;
 constexpr uint32_t kSingleClassHeight = 1;
+constexpr size_t kMultiClassRows = 4;
 
 uint32_t NonNegative(int64_t dimension) {
   return static_cast<uint32_t>(std::max<int64_t>(dimension, 0));
+}
+
+// Where rows of parameters go in a buffer.
+struct ParameterRows {
+  size_t rows;
+  size_t width;   // floats
+  int32_t pitch;  // bytes
+};
+
+ParameterRows RowsFor(size_t values, size_t rpnWidth, size_t stride) {
+  if (values <= kSingleClassValues) {
+    return {1, values, 0};
+  }
+  // The stride in whole floats.
+  constexpr int32_t kFloatSize = sizeof(float);
+  return {kMultiClassRows, rpnWidth, static_cast<int32_t>(stride) / kFloatSize * kFloatSize};
+}
+
+// True when `count` values are what the rows take and all rows lie within `size` bytes; says what
+// does not fit.
+bool Fits(const ParameterRows& layout, size_t count, size_t size) {
+  const size_t pitch =
+      layout.pitch < 0 ? SIZE_MAX / kMultiClassRows : static_cast<size_t>(layout.pitch);
+  const size_t needed = (layout.rows - 1) * pitch + layout.width * sizeof(float);
+  if (needed > size || layout.rows * layout.width != count) {
+    LogError("rpn data of %zu values needs %zu bytes, its buffer holds %zu", count, needed, size);
+    return false;
+  }
+  return true;
 }
 
 }  // namespace
@@ -45,6 +77,19 @@ int CheckRpnShape(const quilm_mdl_io_dims& dims, size_t count, uint32_t& rpnHeig
   } else if (count != total) {
     LogError("[multi thr]: detPara.size %zu should be %u", count, total);
     return kFailure;
+  }
+  return kSuccess;
+}
+
+int LayOutParameters(const std::vector<float>& values, size_t rpnWidth, size_t stride, void* memory,
+                     size_t size) {
+  const ParameterRows layout = RowsFor(values.size(), rpnWidth, stride);
+  if (!Fits(layout, values.size(), size)) {
+    return kFailure;
+  }
+  for (size_t r = 0; r < layout.rows && layout.width > 0; ++r) {
+    std::memcpy(static_cast<char*>(memory) + r * static_cast<size_t>(layout.pitch),
+                values.data() + r * layout.width, layout.width * sizeof(float));
   }
   return kSuccess;
 }

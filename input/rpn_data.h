@@ -20,9 +20,6 @@
 
 namespace quilmrun {
 
-constexpr size_t kSingleClassValues = 4;
-constexpr size_t kMultiClassRows = 4;
-
 /// Appends the numbers in the file `path` to `values`. Fails when the file cannot be read, which is
 /// reported, or holds anything but numbers that fit a 32-bit float, which the caller reports.
 int ReadRpnFile(const std::string& path, std::vector<float>& values);
@@ -31,6 +28,13 @@ int ReadRpnFile(const std::string& path, std::vector<float>& values);
 /// what they ask for. REQUIRES: dims.dim_count == 2.
 int CheckRpnShape(const quilm_mdl_io_dims& dims, size_t count, uint32_t& rpnHeight,
                   uint32_t& rpnWidth);
+
+/// Copies `values` into zeroed memory of `size` bytes: up to 4 of them (single class) to its start,
+/// 4 * rpnWidth (multi class) as 4 rows, `stride` bytes apart, rounded down to whole floats. Where
+/// rows overlap, the later one counts. Fails, after a report, when they do not lie within the
+/// memory.
+int LayOutParameters(const std::vector<float>& values, size_t rpnWidth, size_t stride, void* memory,
+                     size_t size);
 
 }  // namespace quilmrun
 

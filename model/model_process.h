@@ -90,14 +90,9 @@ class ModelProcess {
   /// Bytes per element; 0 means unusable, which the caller reports.
   size_t GetInputDataSize(int32_t index) const;
 
-  /// Appends `buffer`, device memory of `size` bytes, to the input dataset. On success the dataset
-  /// owns the memory, on failure the caller still does.
-  int CreateInput(void* buffer, size_t size, int32_t stride);
-  /// The same with `dataBuffer`, empty before, owning the data buffer until it is appended.
-  int AppendInput(DataBuffer& dataBuffer, void* buffer, size_t size, size_t stride);
-
-  /// CreateInput() for memory that is freed when it fails.
-  int AddInput(DeviceMemory memory, size_t size, size_t stride);
+  /// Appends `memory`, as `size` bytes with rows `stride` bytes apart, to the input dataset, which
+  /// then owns it; on failure it is freed.
+  int CreateInput(DeviceMemory memory, size_t size, int32_t stride);
 
   int CreateOutputBuffer(size_t index);
   int CreateTaskOrWorkBuf(int32_t index);
