@@ -14,7 +14,8 @@ from odd import (FAILURE, ODD_RUNTIME, PLAIN, STAGING_FAILED, SUCCESS, TASK_AND_
 from tool import QUILMRUN
 
 # Messages and the first releases in the order in which they come.
-SAY_RELEASES = "run quilm_rt_free 1 echo freed\nrun quilm_destroy_data_buffer 1 echo destroyed\n"
+SAY_FREED = "run quilm_rt_free 1 echo freed\n"
+SAY_DESTROYED = "run quilm_destroy_data_buffer 1 echo destroyed\n"
 
 
 class Calls(OddRuntimeTest):
@@ -144,12 +145,12 @@ class Descriptions(OddRuntimeTest):
     def test_an_input_is_released_where_it_is_reported(self):
         end = "[ERROR] CreateInputBuf failed\n" + FAILURE
         for failure, said in (
-                ("quilm_create_data_buffer 2 0",
+                ("fail quilm_create_data_buffer 2 0\n",
                  "[ERROR] can't create data buffer, create input failed\n"),
-                ("quilm_mdl_add_dataset_buffer 2 7",
+                (SAY_DESTROYED + "fail quilm_mdl_add_dataset_buffer 2 7\n",
                  "[ERROR] add input dataset buffer failed\ndestroyed\n")):
             self.check(1, said + "[ERROR] execute CreateInput failed\nfreed\n" + end,
-                       PLAIN + SAY_RELEASES + f"fail {failure}\n")
+                       PLAIN + SAY_FREED + failure)
 
     def test_memory_of_a_wrapped_size_is_neither_overrun_nor_read_beyond(self):
         huge = 2**63 + 8  # two batches of it wrap to 16 bytes
@@ -353,11 +354,11 @@ class RpnData(OddRuntimeTest):
              "[ERROR] SetDetParas error\n"),
             ("1 2 3 4", self.SINGLE + "fail quilm_rt_malloc 4 7\n",
              "[ERROR] malloc device buffer failed\n[ERROR] SetDetParas error\n"),
-            ("1 2 3 4", self.SINGLE + SAY_RELEASES + "fail quilm_create_data_buffer 3 0\n",
+            ("1 2 3 4", self.SINGLE + SAY_FREED + "fail quilm_create_data_buffer 3 0\n",
              "freed\n[ERROR] can't create data buffer, create input failed\n"
              "[ERROR] SetDetParas error\n"),
-            ("1 2 3 4", self.SINGLE + SAY_RELEASES + "fail quilm_mdl_add_dataset_buffer 3 7\n",
-             "[ERROR] add input dataset buffer failed\nfreed\ndestroyed\n"
+            ("1 2 3 4", self.SINGLE + SAY_FREED + SAY_DESTROYED +
+             "fail quilm_mdl_add_dataset_buffer 3 7\n", "[ERROR] add input dataset buffer failed\nfreed\ndestroyed\n"
              "[ERROR] SetDetParas error\n")]
         for content, script, message in rows:
             with self.subTest(message=message):
