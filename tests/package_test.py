@@ -43,7 +43,10 @@ class Packages(HostRuntimeTest):
         self.assertEqual(files(prefix), ["bin/quilmrun", "share/doc/quilmrun/README",
                                          "share/man/man1/quilmrun.1"])
         self.check_manual(prefix)
-        run(SOURCE / "scripts/check-board", prefix / "bin/quilmrun")
+        self.assertRegex(run(SOURCE / "scripts/check-board", prefix / "bin/quilmrun"),
+                         r"newest libc version needed:\nGLIBC_2\.1\d\n$")
+        self.assertNotEqual(subprocess.run([SOURCE / "scripts/check-board", os.environ["QUILMRUN_NATIVE"]],
+                                           check=False, capture_output=True).returncode, 0)
         # As the board's own library would be found, below the directory that was unpacked.
         (prefix / "lib").mkdir()
         shutil.copy(os.environ["HOST_RUNTIME"], prefix / "lib")
