@@ -24,11 +24,12 @@ class OddRuntimeTest(ToolTest):
         return self.run_tool("-m", "m.om", "-i", "list.txt", "-j", "odd.cfg", "-o", "out", *options,
                              library=ODD_RUNTIME, preexec_fn=limit, within=within)
 
-    def run_odd(self, *arguments, **options):
-        """(status, masked stdout) of a run that gets to its end."""
+    def run_odd(self, *arguments, complaint="(?!)", **options):
+        """(status, masked stdout) of a run that gets to its end, where the host runtime finds nothing
+        to complain of, such as leftovers, but `complaint`."""
         status, out, err = self.start_odd(*arguments, **options)
-        self.assertEqual(err, "")
-        self.assertIn("quilm_finalize live 0 files 0\n", self.calls(), "everything is released")
+        self.assertRegex(err, rf"^({complaint}\n)*$")
+        self.assertTrue(self.calls().endswith("quilm_finalize\n"), self.calls())
         return status, out
 
     def calls(self):

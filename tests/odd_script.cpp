@@ -1,13 +1,14 @@
 #include "tests/odd_script.h"
 
+#include <sys/mman.h>
 #include <unistd.h>
 
+#include <clocale>
 #include <csignal>
-#include <cstdarg>
 #include <cstdlib>
-#include <filesystem>
 #include <fstream>
 #include <sstream>
+#include <stdexcept>
 
 OddRuntime odd;
 
@@ -25,17 +26,8 @@ OddTensor ReadTensor(std::istringstream& words) {
 void ReadEvent(const std::string& kind, std::istringstream& words) {
   std::string function;
   int call = 0;
-  words >> function >> call;
-  OddEvent& event = odd.events[{function, call}];
-  if (kind == "fail") {
-    event.fails = true;
-    words >> event.code;
-  } else if (kind == "signal" || kind == "kill") {
-    words >> event.signal;
-    event.twiceFromOutside = kind == "kill";
-  } else {
-    std::getline(words, event.command);
-  }
+  words >> function >> call >> std::ws;
+  std::getline(words, odd.events[{function, call}][kind]);
 }
 
 void ReadLine(const std::string& line) {
@@ -48,10 +40,35 @@ void ReadLine(const std::string& line) {
     std::string name;
     words >> name;
     odd.log = std::fopen(name.c_str(), "we");
-  } else if (key == "fail" || key == "signal" || key == "kill" || key == "run") {
+  } else if (key == "settings") {
+    words >> odd.settings;
+  } else if (line.find("quilm_") != std::string::npos) {
     ReadEvent(key, words);
   } else {
     words >> odd.numbers[key];
+  }
+}
+
+// An empty settings file that is nowhere on the disk.
+std::string MakeUsualSettings() {
+  const int file = memfd_create("settings", MFD_CLOEXEC);
+  return write(file, "{}", 2) == 2 ? "/proc/self/fd/" + std::to_string(file) : "";
+}
+
+void Happen(const std::string& kind, const std::string& what) {
+  if (kind == "run" && std::system(what.c_str()) != 0) {
+    std::fprintf(stderr, "odd runtime: %s failed\n", what.c_str());
+  } else if (kind == "locale" && std::setlocale(LC_ALL, what.c_str()) == nullptr) {
+    std::fprintf(stderr, "odd runtime: there is no locale %s\n", what.c_str());
+  } else if (kind == "signal") {
+    std::raise(std::stoi(what));
+  } else if (kind == "kill") {
+    kill(getpid(), std::stoi(what));
+    kill(getpid(), std::stoi(what));
+  } else if (kind == "throw" && what == "int") {
+    throw 1;
+  } else if (kind == "throw") {
+    throw std::runtime_error(what);
   }
 }
 
@@ -62,10 +79,10 @@ bool ReadScript(const char* path) {
   for (std::string line; std::getline(script, line);) {
     ReadLine(line);
   }
-  const bool read = script.is_open();
-  script.close();
-  odd.openFiles = CountOpenFiles();
-  return read;
+  if (odd.settings.empty()) {
+    odd.settings = MakeUsualSettings();
+  }
+  return script.is_open();
 }
 
 long NumberOr(const char* key, long fallback) {
@@ -73,36 +90,21 @@ long NumberOr(const char* key, long fallback) {
   return found == odd.numbers.end() ? fallback : found->second;
 }
 
-long CountOpenFiles() {
-  std::error_code none;
-  const std::filesystem::directory_iterator open("/proc/self/fd", none);
-  return std::distance(begin(open), end(open));
-}
-
-bool Fails(long& code, const char* function, const char* format, ...) {
-  if (odd.log != nullptr) {
-    va_list arguments;
-    va_start(arguments, format);
-    std::fputs(function, odd.log);
-    std::vfprintf(odd.log, format, arguments);
-    std::fputc('\n', odd.log);
-    std::fflush(odd.log);
-    va_end(arguments);
-  }
+bool TakeEvent(const char* function, long& code) {
   const auto found = odd.events.find({function, ++odd.calls[function]});
   if (found == odd.events.end()) {
     return false;
   }
-  const OddEvent& event = found->second;
-  if (!event.command.empty() && std::system(event.command.c_str()) != 0) {
-    std::fprintf(stderr, "odd runtime: %s failed\n", event.command.c_str());
+  const std::map<std::string, std::string>& event = found->second;
+  for (const char* kind : {"run", "locale", "signal", "kill", "throw"}) {
+    if (const auto due = event.find(kind); due != event.end()) {
+      Happen(kind, due->second);
+    }
   }
-  if (event.twiceFromOutside) {
-    kill(getpid(), event.signal);
-    kill(getpid(), event.signal);
-  } else if (event.signal != 0) {
-    std::raise(event.signal);
+  const auto fails = event.find("fail");
+  if (fails == event.end()) {
+    return false;
   }
-  code = event.code;
-  return event.fails;
+  code = std::stol(fails->second);
+  return true;
 }

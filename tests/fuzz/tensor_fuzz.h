@@ -8,7 +8,9 @@
 #include <string>
 #include <vector>
 
+#include "runtime/quilm.h"
 #include "runtime/tensor_description.h"
+#include "tests/fuzz/fuzz.h"
 #include "tests/odd_script.h"
 
 namespace quilmrun_fuzz {
@@ -51,6 +53,8 @@ inline bool IsTestable(uint32_t batches, uint64_t size) {
 /// Makes the odd runtime describe a model with just these inputs and outputs.
 inline void SetModel(std::vector<OddTensor> inputs, std::vector<OddTensor> outputs,
                      int32_t netType) {
+  static const quilm_error started = quilm_init("/dev/null");
+  Require(started == 0);
   odd.inputs = std::move(inputs);
   odd.outputs = std::move(outputs);
   odd.numbers = {{"net_type", netType}};

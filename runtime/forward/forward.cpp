@@ -1,0 +1,36 @@
+#include "runtime/forward/forward.h"
+
+#include <dlfcn.h>
+
+#include <cstdio>
+
+namespace quilm_forward {
+
+void* realFunctions[kCallCount];
+
+#define QUILM_NAME(arity, function) #function,
+const char* const kNames[kCallCount] = {QUILM_CALLS(QUILM_NAME)};
+#undef QUILM_NAME
+
+const char* OpenRealLibrary(const char* path) {
+  static char problem[512];
+  void* library = dlopen(path, RTLD_NOW | RTLD_LOCAL);
+  if (library == nullptr) {
+    return dlerror();
+  }
+  for (size_t i = 0; i < kCallCount; ++i) {
+    realFunctions[i] = dlsym(library, kNames[i]);
+    if (realFunctions[i] == nullptr) {
+      std::snprintf(problem, sizeof(problem), "%s has no function %s", path, kNames[i]);
+      return problem;
+    }
+  }
+  // It would call itself until the stack is full.
+  if (realFunctions[0] == reinterpret_cast<void*>(&quilm_init)) {
+    std::snprintf(problem, sizeof(problem), "%s passes calls on and is no runtime itself", path);
+    return problem;
+  }
+  return nullptr;
+}
+
+}  // namespace quilm_forward
