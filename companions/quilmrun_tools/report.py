@@ -1,0 +1,96 @@
+"""quilmrun-report: one page that shows what there is of a run."""
+
+from __future__ import annotations
+
+import argparse
+from pathlib import Path
+
+from quilmrun_tools import cli
+from quilmrun_tools.cli import Unreadable
+from quilmrun_tools.report_figures import as_json
+from quilmrun_tools.report_page import GENERATOR, Side, render, sides_of
+from quilmrun_tools.report_run import PART_TITLES, USUAL_NAMES, collect
+from quilmrun_tools.report_verdict import FAIL
+from quilmrun_tools.units import change, milliseconds
+
+MARKER = f'<meta name="generator" content="{GENERATOR}'.encode()
+
+EXAMPLES = """\
+  quilmrun-report run                        writes run/report.html
+  quilmrun-report run -o page.html --inputs prepared/inputs.json
+  quilmrun-report after --compare-with before
+"""
+
+
+def parse() -> argparse.Namespace:
+    """The command line."""
+    parser = cli.Parser("quilmrun-report", "One self-contained HTML page of a run, made of its log, "
+                        "memory report, record, comparison and inputs; what is missing is named on "
+                        "the page. Exit status: 0, 1 when the verdict is a failure, 2 when nothing "
+                        "can be read.", EXAMPLES)
+    parser.add_argument("run", nargs="?", metavar="RUN",
+                        help=f"folder with some of {', '.join(USUAL_NAMES.values())}")
+    parser.add_argument("-o", "--output", metavar="FILE",
+                        help="the page; RUN/report.html by default, never written over a file that "
+                             "is not a report")
+    for part, usual in USUAL_NAMES.items():
+        parser.add_argument(f"--{part}", metavar="FILE",
+                            help=f"{PART_TITLES[part].lower()}, instead of RUN/{usual}")
+    parser.add_argument("--compare-with", metavar="RUN", help="folder of another run, such as the "
+                        "one before a change, shown side by side")
+    parser.add_argument("--name", default="", help="the run's name on the page; its folder's by "
+                        "default")
+    parser.add_argument("--other-name", default="", metavar="NAME",
+                        help="the same for the run of --compare-with")
+    parser.add_argument("--title", default="", help="the page's heading; model and run by default")
+    parser.add_argument("--worst", type=int, default=6, metavar="N",
+                        help="worst cases of the comparison to show; 6 by default")
+    parser.add_json()
+    return parser.parse_args()
+
+
+def main() -> int:
+    """Returns 0, or 1 when the verdict is a failure."""
+    options = parse()
+    if options.worst < 0:
+        raise Unreadable("--worst takes a number from 0 on")
+    named = {part: getattr(options, part) for part in USUAL_NAMES}
+    run = collect(options.run, named, options.name)
+    other = collect(options.compare_with, {}, options.other_name) if options.compare_with else None
+    sides = sides_of(run, other)
+    target = options.output or str(Path(options.run or ".") / "report.html")
+    page = render(sides, options.title, options.worst)
+    # File names may hold bytes that are no text; a page has to be text.
+    cli.write_own(target, page.encode("utf-8", "replace"), MARKER)
+    if options.json:
+        cli.write_json(options.json, to_json(sides, target))
+    if options.json != "-":
+        print(summary(sides))
+        print(f"The page is {target}")
+    return cli.NO if sides[-1].verdict.state == FAIL else cli.YES
+
+
+def to_json(sides: list[Side], page: str) -> dict:
+    """The figures for machines."""
+    main_side = sides[-1]
+    result = {"format": GENERATOR, "version": 1, "page": page, "verdict": main_side.verdict.state,
+              "run": as_json(main_side.run, main_side.figures)}
+    if len(sides) > 1:
+        result["compared_with"] = as_json(sides[0].run, sides[0].figures)
+    return result
+
+
+def summary(sides: list[Side]) -> str:
+    """The verdict, and the percentiles of an execution, as lines of text."""
+    lines = [f"{sides[-1].verdict.word}: {sides[-1].verdict.text}"]
+    for side in sides:
+        figures = side.figures.execute
+        if figures:
+            owner = f"{side.label}: " if len(sides) > 1 else ""
+            shown = ", ".join(f"{name} {milliseconds(getattr(figures, name))}"
+                              for name in ("p50", "p90", "p95", "p99"))
+            lines.append(f"{owner}execution {shown}, {figures.per_second:,.0f} a second")
+    if len(sides) > 1 and all(side.figures.execute for side in sides):
+        before, after = (side.figures.execute.p50 for side in sides)
+        lines.append(f"p50 of {sides[1].label} against {sides[0].label}: {change(before, after)}")
+    return "\n".join(lines)

@@ -1,0 +1,129 @@
+"""The figures of a run that the report shows and `--json` writes."""
+
+from __future__ import annotations
+
+from dataclasses import asdict, dataclass, field
+from typing import Any
+
+from quilmrun_tools.record import Distribution, Record
+from quilmrun_tools.report_run import Run
+from quilmrun_tools.report_verdict import judge
+
+MOST_FUNCTIONS = 12  # of the table of runtime calls; the rest is summed up
+
+# What the recorder tells apart, and how the page calls it.
+PHASES = {"load": "Model load", "warm_up": "First executions", "execute": "Execution",
+          "staging": "Staging of the inputs"}
+
+
+@dataclass(frozen=True)
+class FunctionCost:
+    """What the calls of one runtime function took; times in milliseconds."""
+
+    function: str
+    calls: int
+    total_ms: float
+    mean_ms: float
+    max_ms: float
+    share: float  # of the time from the first call to the end of the last
+
+
+@dataclass
+class Figures:
+    """Times in milliseconds, sizes in bytes; None or empty where nothing tells."""
+
+    phases: dict[str, Distribution] = field(default_factory=dict)
+    functions: list[FunctionCost] = field(default_factory=list)
+    span_ms: float = 0.0
+    peak_memory: int | None = None
+    differences: list[tuple[int, float]] = field(default_factory=list)  # inference, largest
+
+    @property
+    def execute(self) -> Distribution | None:
+        return self.phases.get("execute")
+
+    @property
+    def worst_difference(self) -> float | None:
+        """The largest absolute difference of any output from its reference."""
+        return max((value for _, value in self.differences), default=None)
+
+
+def figures_of(run: Run) -> Figures:
+    """Everything about a run that is a number."""
+    figures = Figures(differences=_differences(run.comparison or {}))
+    if run.record:
+        figures.phases = {name: distribution for name in PHASES
+                          if (distribution := run.record.distribution(name))}
+        figures.span_ms = run.record.span_ms
+        figures.functions = function_costs(run.record)
+        figures.peak_memory = run.record.peak_memory
+    return figures
+
+
+def function_costs(record: Record) -> list[FunctionCost]:
+    """Every runtime function that was called, by the time that its calls took in all."""
+    durations: dict[str, list[float]] = {}
+    for call in record.calls:
+        durations.setdefault(call.function, []).append(call.duration_ms)
+    span = record.span_ms or 1.0
+    costs = [FunctionCost(name, len(values), sum(values), sum(values) / len(values), max(values),
+                          sum(values) / span) for name, values in durations.items()]
+    return sorted(costs, key=lambda cost: -cost.total_ms)
+
+
+def calls_table(sides: list[Figures]) -> list[tuple[str, list[FunctionCost | None]]]:
+    """Functions and what each side spent in them, longest first; the short ones as one row, and
+    last what was spent outside of all calls, which has no count."""
+    costs = [{cost.function: cost for cost in figures.functions} for figures in sides]
+    names = sorted(dict.fromkeys(name for side in costs for name in side),
+                   key=lambda name: -max(side[name].total_ms for side in costs if name in side))
+    rows = [(name, [side.get(name) for side in costs]) for name in names[:MOST_FUNCTIONS]]
+    others = set(names[MOST_FUNCTIONS:])
+    if others:
+        rows.append((f"{len(others)} other functions", [
+            _sum_of([cost for cost in side.values() if cost.function in others]) for side in costs]))
+    rows.append(("outside of the calls", [_outside(figures) for figures in sides]))
+    return rows
+
+
+def _sum_of(costs: list[FunctionCost]) -> FunctionCost | None:
+    if not costs:
+        return None
+    calls, total = sum(cost.calls for cost in costs), sum(cost.total_ms for cost in costs)
+    return FunctionCost("", calls, total, total / calls, max(cost.max_ms for cost in costs),
+                        sum(cost.share for cost in costs))
+
+
+def _outside(figures: Figures) -> FunctionCost | None:
+    if not figures.functions:
+        return None
+    total = max(0.0, figures.span_ms - sum(cost.total_ms for cost in figures.functions))
+    return FunctionCost("", 0, total, 0.0, 0.0, total / (figures.span_ms or 1.0))
+
+
+def _differences(comparison: dict[str, Any]) -> list[tuple[int, float]]:
+    """The largest absolute difference of every inference, by its number."""
+    worst: dict[int, float] = {}
+    for item in comparison.get("runs", []):
+        index, value = item.get("index"), item.get("max_abs")
+        if isinstance(index, int) and isinstance(value, (int, float)):
+            worst[index] = max(worst.get(index, 0.0), float(value))
+    return sorted(worst.items())
+
+
+def as_json(run: Run, figures: Figures) -> dict[str, Any]:
+    """A run's figures for machines."""
+    verdict = judge(run)
+    return {
+        "label": run.label, "verdict": verdict.state, "reasons": verdict.sentences,
+        "model": run.model, "files": {part: str(path) for part, path in run.found.items()},
+        "missing": [{"part": gap.part, "reason": gap.reason, "remedy": gap.remedy}
+                    for gap in run.gaps],
+        "inferences": run.log.executed if run.log else None,
+        "statistics_ms": {name: asdict(value) for name, value in figures.phases.items()},
+        "calls": [asdict(cost) for cost in figures.functions],
+        "span_ms": figures.span_ms or None, "peak_device_memory_bytes": figures.peak_memory,
+        "memory_report": run.memory,
+        "outputs": (run.comparison or {}).get("outputs"),
+        "worst_difference": figures.worst_difference,
+    }

@@ -1,0 +1,189 @@
+"""Collects what there is of one run: log, memory report, record, comparison, prepared inputs.
+
+Parts are looked for in the run's folder by their usual names. One that is missing or damaged does
+not stop the report; the page says what is missing and how to get it.
+"""
+
+from __future__ import annotations
+
+import csv
+from dataclasses import dataclass, field
+from pathlib import Path
+from typing import Any, Callable, Iterable
+
+from quilmrun_tools import cli
+from quilmrun_tools.cli import Unreadable
+from quilmrun_tools.log import RunLog, read_log
+from quilmrun_tools.manifest import FILE_NAME as MANIFEST_NAME
+from quilmrun_tools.manifest import Manifest, read_manifest
+from quilmrun_tools.record import Record, read_record
+
+USUAL_NAMES = {"log": "log.txt", "memory": "memory_data.csv", "record": "record.json",
+               "comparison": "comparison.json", "inputs": MANIFEST_NAME}
+
+HOW_TO_GET = {
+    "log": "save what the run prints: quilmrun -m MODEL -i LIST -j JSON -o OUT > RUN/log.txt",
+    "memory": "quilmrun writes it beside its JSON file at the end of a run: copy it to RUN",
+    "record": "run under the recorder: quilmrun-record -o RUN/record.json quilmrun -m MODEL ...",
+    "comparison": "compare with a reference: quilmrun-compare OUT REFERENCE "
+                  "--json RUN/comparison.json",
+    "inputs": "prepare the inputs with quilmrun-inputs, or name its file with --inputs",
+}
+
+PART_TITLES = {"log": "Log", "memory": "Memory report", "record": "Record of the runtime's calls",
+               "comparison": "Comparison of the outputs", "inputs": "Sources of the inputs"}
+
+
+@dataclass(frozen=True)
+class Gap:
+    """A part that is missing or cannot be read."""
+
+    part: str
+    reason: str  # empty for one that is simply not there
+
+    @property
+    def title(self) -> str:
+        return PART_TITLES[self.part]
+
+    @property
+    def remedy(self) -> str:
+        return HOW_TO_GET[self.part]
+
+
+@dataclass
+class Run:
+    """One run of the tool, as far as it has left anything."""
+
+    label: str
+    folder: Path | None = None
+    log: RunLog | None = None
+    memory: dict[str, float] | None = None  # columns of memory_data.csv: KB and ms
+    record: Record | None = None
+    comparison: dict[str, Any] | None = None
+    inputs: Manifest | None = None
+    found: dict[str, Path] = field(default_factory=dict)
+    gaps: list[Gap] = field(default_factory=list)
+
+    @property
+    def model(self) -> str:
+        """The model file's path as the run was given it; empty when nothing tells."""
+        if self.log and self.log.model_path:
+            return self.log.model_path
+        return option(self.record.command if self.record else [], "-m")
+
+    def sources(self, inference: int) -> list[str]:
+        """The pictures that an inference was made of; otherwise its input files."""
+        if self.inputs:
+            named = [source.path for source in self.inputs.sources_of(inference)]
+            if named:
+                return named
+        if self.log and inference < len(self.log.groups):
+            return list(self.log.groups[inference])
+        return []
+
+
+def option(command: list[str], name: str) -> str:
+    """The value of a one-letter option on a command line, such as -m; the last one counts."""
+    value = ""
+    for word, following in zip(command, [*command[1:], ""]):
+        if word == name:
+            value = following
+        elif word.startswith(name) and len(word) > 2:
+            value = word[2:]
+    return value
+
+
+def read_memory_report(path: str) -> dict[str, float]:
+    """The columns of memory_data.csv by their names; sizes in KB, times in milliseconds."""
+    try:
+        rows = list(csv.reader(Path(path).read_text(encoding="utf-8").splitlines()))
+        values = dict(zip(rows[0], map(float, rows[1]), strict=True))
+    except OSError as error:
+        raise Unreadable(f"cannot read {path}: {error.strerror}") from error
+    except (ValueError, IndexError) as error:
+        raise Unreadable(f"{path} is not a memory report of quilmrun, or was cut short; "
+                         "take the one that the run wrote beside its JSON file") from error
+    if "Model Load Time(ms)" not in values:
+        raise Unreadable(f"{path} is not a memory report of quilmrun")
+    return values
+
+
+def _read_record(path: str) -> Record:
+    return read_record(Path(path))
+
+
+def _read_comparison(path: str) -> dict[str, Any]:
+    value = cli.read_json(path, "quilmrun-compare")
+    if not isinstance(value.get("outputs"), list) or not isinstance(value.get("runs"), list):
+        raise Unreadable(f"{path} is not complete: write it again with quilmrun-compare --json")
+    return value
+
+
+READERS: dict[str, Callable[[str], Any]] = {
+    "log": read_log, "memory": read_memory_report, "record": _read_record,
+    "comparison": _read_comparison, "inputs": read_manifest}
+
+
+def collect(folder: str | None, named: dict[str, str | None], label: str = "") -> Run:
+    """Reads what there is of a run.
+
+    `named` has the paths that the user gave for single parts; such a file has to be readable. The
+    others are looked for in `folder`. Raises Unreadable when nothing is found at all.
+    """
+    root = Path(folder) if folder else None
+    if root and not root.is_dir():
+        raise Unreadable(f"{folder}: no such folder; name the one that holds log.txt, record.json "
+                         "or what else there is of the run")
+    run = Run(label or (root.resolve().name if root else "run"), root)
+    for part, usual in USUAL_NAMES.items():
+        if named.get(part):
+            run.found[part] = Path(str(named[part]))
+        elif root and (root / usual).exists():
+            run.found[part] = root / usual
+    if not run.found:
+        raise Unreadable(_nothing_there(folder))
+    for part in USUAL_NAMES:
+        _read_part(run, part, required=bool(named.get(part)))
+    if run.inputs is None and run.log:
+        _find_inputs(run)
+    return run
+
+
+def _nothing_there(folder: str | None) -> str:
+    if folder is None:
+        return "name the folder of a run, or its parts with --log, --record, --comparison, ..."
+    state = "holds none of" if any(Path(folder).iterdir()) else "is empty; a run's folder has some of"
+    return f"{folder} {state} {', '.join(USUAL_NAMES.values())}; {HOW_TO_GET['log']}"
+
+
+def _read_part(run: Run, part: str, required: bool) -> None:
+    if part not in run.found:
+        run.gaps.append(Gap(part, ""))
+        return
+    try:
+        setattr(run, part, READERS[part](str(run.found[part])))
+    except Unreadable as error:
+        if required:
+            raise
+        cli.warn(str(error))
+        run.gaps.append(Gap(part, str(error)))
+
+
+def _find_inputs(run: Run) -> None:
+    """Takes the inputs.json that lies beside the run's input files, when it is about them."""
+    first = next((file for group in run.log.groups for file in group), "")
+    beside = Path(first).parent / MANIFEST_NAME
+    if not first or not beside.is_file() or any(gap.reason for gap in run.gaps
+                                                if gap.part == "inputs"):
+        return
+    try:
+        manifest = read_manifest(str(beside))
+    except Unreadable:
+        return
+    if Path(first).name in _names(file.file for file in manifest.files):
+        run.inputs, run.found["inputs"] = manifest, beside
+        run.gaps = [gap for gap in run.gaps if gap.part != "inputs"]
+
+
+def _names(files: Iterable[str]) -> set[str]:
+    return {Path(file).name for file in files}

@@ -1,0 +1,92 @@
+"""The one line that a report begins with: did the run succeed, and are its outputs right?"""
+
+from __future__ import annotations
+
+from dataclasses import dataclass
+from typing import Any
+
+from quilmrun_tools.report_run import Run
+from quilmrun_tools.units import significant
+
+PASS, FAIL, OPEN = "pass", "fail", "open"
+
+# How the limits of a comparison read.
+LIMITS = {"atol": "absolute difference at most {}", "rtol": "relative difference at most {}",
+          "cosine": "cosine similarity at least {}", "top1": "top-1 agreement at least {}"}
+
+
+@dataclass(frozen=True)
+class Verdict:
+    """What a run comes to. `state` is pass, fail, or open when nothing tells."""
+
+    state: str
+    sentences: list[str]
+
+    @property
+    def word(self) -> str:
+        return {PASS: "Pass", FAIL: "Fail", OPEN: "No verdict"}[self.state]
+
+    @property
+    def text(self) -> str:
+        return " ".join(self.sentences)
+
+
+def judge(run: Run) -> Verdict:
+    """Fails when the run failed or its outputs exceed the limits of the comparison."""
+    parts = [_course(run), _outputs(run)]
+    states = [state for state, _ in parts]
+    overall = FAIL if FAIL in states else PASS if PASS in states else OPEN
+    return Verdict(overall, [sentence for _, sentence in parts if sentence])
+
+
+def limits_in_words(limits: dict[str, Any]) -> str:
+    """The limits that were set, as "absolute difference at most 0.01, ..."; empty for none."""
+    return ", ".join(LIMITS.get(name, name + " {}").format(significant(float(value)))
+                     for name, value in (limits or {}).items() if value is not None)
+
+
+def _course(run: Run) -> tuple[str, str]:
+    """Whether the run itself succeeded."""
+    log, record = run.log, run.record
+    if record and not record.complete and not (log and log.succeeded):
+        return FAIL, ("The record was cut short: the run ended by a signal or a crash after "
+                      f"{count(len(record.executions), 'execution')}.")
+    if record and record.exit_status:
+        return FAIL, f"The run ended with status {record.exit_status}{_first_error(run)}."
+    if log and log.stopped:
+        return FAIL, f"The run was stopped by a signal after {log.stopped}."
+    if log and not log.succeeded:
+        return FAIL, f"The run failed after {count(log.executed, 'inference')}{_first_error(run)}."
+    if log and not log.executed:
+        return OPEN, "The model was loaded, and no inference was run."
+    if log:
+        return PASS, f"{count(log.executed, 'inference')} ran without an error."
+    if record and record.exit_status == 0:
+        return PASS, f"The run succeeded with {count(len(record.executions), 'execution')}."
+    return OPEN, "Nothing here tells whether the run succeeded."
+
+
+def _first_error(run: Run) -> str:
+    return f": {run.log.errors[0]}" if run.log and run.log.errors else ""
+
+
+def _outputs(run: Run) -> tuple[str, str]:
+    """Whether the outputs are right, by the comparison."""
+    if run.comparison is None:
+        return OPEN, ""
+    verdict = run.comparison.get("verdict")
+    limits = limits_in_words(run.comparison.get("limits") or {})
+    if verdict == "pass":
+        return PASS, f"The outputs agree with the reference ({limits})."
+    if verdict == "fail":
+        bad = [item for item in run.comparison["outputs"] if item.get("pass") is False]
+        which = count(len(bad), "output") + " exceed the limits" if len(bad) != 1 else \
+            f"Output {bad[0].get('name', '')} exceeds the limits"
+        return FAIL, f"{which} ({limits})." if bad else \
+            "The outputs do not agree with the reference."
+    return OPEN, "The outputs were compared without limits."
+
+
+def count(number: int, what: str) -> str:
+    """A number and its noun, in the plural where that is right."""
+    return f"{number:,} {what}" if number == 1 else f"{number:,} {what}s"
