@@ -2,9 +2,7 @@
 
 #include <unistd.h>
 
-#include <algorithm>
 #include <optional>
-#include <string_view>
 
 #include "base/log.h"
 #include "base/number.h"
@@ -15,7 +13,10 @@
 namespace quilmrun {
 namespace {
 
-constexpr char kOptionString[] = "m:i:j:t:b:r:p:o:";
+// Words that are no options are ignored wherever they stand. The "-" has getopt() hand each of them
+// out as an option of the letter kWord, whatever the environment says about their order.
+constexpr char kOptionString[] = "-m:i:j:t:b:r:p:o:";
+constexpr int kWord = 1;
 
 struct StringOption {
   int letter;
@@ -76,28 +77,16 @@ void StoreOption(int letter, RunOptions& options) {
   }
 }
 
-// getopt() has stopped at a word that is no option. Some move such words behind the options, others
-// leave what follows to the caller. False when nothing follows, or nothing but words.
-bool StepOverWord(int argc, char** argv) {
-  if (std::string_view(argv[optind - 1]) == "--") {
-    return false;
-  }
-  const auto isOption = [](const char* word) { return word[0] == '-' && word[1] != '\0'; };
-  const auto* const next = std::find_if(argv + std::min(optind, argc), argv + argc, isOption);
-  optind = static_cast<int>(next - argv);
-  return optind < argc;
-}
-
 }  // namespace
 
 void ParseOptions(RunOptions& options, int argc, char** argv) {
   optind = 0;  // makes getopt() forget an earlier command line, and read its environment again
-  do {
-    int letter = 0;
-    while (options.numbersValid && (letter = getopt(argc, argv, kOptionString)) != -1) {
+  int letter = 0;
+  while (options.numbersValid && (letter = getopt(argc, argv, kOptionString)) != -1) {
+    if (letter != kWord) {
       StoreOption(letter, options);
     }
-  } while (options.numbersValid && StepOverWord(argc, argv));
+  }
 }
 
 int CheckOptions(const RunOptions& options, ResolvedPaths& paths) {

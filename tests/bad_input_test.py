@@ -4,6 +4,7 @@ import json
 import os
 import resource
 import unittest
+import unittest.mock
 
 import numpy as np
 from onnx import TensorProto, helper
@@ -122,12 +123,19 @@ class BadInput(HostRuntimeTest):
                    "[ERROR] get pic device buffer failed\n[ERROR] CreateInputBuf failed\n" +
                    FAILURE, list_text="huge")
 
-    def test_options_behind_words(self):
-        os.environ["POSIXLY_CORRECT"] = "1"
-        self.addCleanup(os.environ.pop, "POSIXLY_CORRECT")
-        _, out, _ = self.run_tool("word", "-b", "8", "word", "-t", "2", "--", "-b", "9")
-        self.assertTrue(out.startswith("[INFO]  batchSize: 8\n[INFO]  nlpTotalT: 2\n"
-                                       "[INFO]  inputPath: \n"), out)
+    def test_words_among_options(self):
+        rows = [("word -b 8 word -t 2 -- -b 9", [8], 2), ("-o -- word -b 4", [4], None),
+                ("-b 4 one two three", [4], None), ("- one -b4 -b5x", [4, 5], None),
+                ("one -- -b 4", [], None)]
+        for posixly in ({}, {"POSIXLY_CORRECT": "1"}):
+            with unittest.mock.patch.dict(os.environ, posixly):
+                for words, batches, total in rows:
+                    _, out, err = self.run_tool(*words.split())
+                    self.assertEqual((out, err), (
+                        "".join(f"[INFO]  batchSize: {batch}\n" for batch in batches) +
+                        (f"[INFO]  nlpTotalT: {total}\n" if total else "") +
+                        "[INFO]  inputPath: \n"
+                        "[ERROR] inputPath size = 0, out of range (0, 4096] error\n", ""))
 
     def test_settings(self):
         self.write("m.onnx", identity([1, 8]))
