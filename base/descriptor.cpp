@@ -1,6 +1,7 @@
 #include "base/descriptor.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -30,6 +31,31 @@ void DropFilled(std::vector<iovec>& pieces, size_t size) {
     piece->iov_len -= size;
   }
   pieces.erase(pieces.begin(), piece);
+}
+
+// `isToBeTriedAgain` decides after a write that failed.
+template <typename Decide>
+bool WriteAll(int number, const void* source, size_t size, const Decide& isToBeTriedAgain) {
+  size_t done = 0;
+  while (done < size) {
+    const ssize_t taken = RetryInterrupted(
+        [&] { return write(number, static_cast<const char*>(source) + done, size - done); });
+    if (taken > 0) {
+      done += static_cast<size_t>(taken);
+    } else if (!isToBeTriedAgain()) {
+      return false;
+    }
+  }
+  return true;
+}
+
+// After a write that failed; false when waiting would not help.
+bool WaitUntilWritable(int number) {
+  if (errno != EAGAIN && errno != EWOULDBLOCK) {
+    return false;
+  }
+  pollfd writable = {number, POLLOUT, 0};
+  return RetryInterrupted([&] { return poll(&writable, 1, -1); }) == 1;
 }
 
 }  // namespace
@@ -73,16 +99,11 @@ bool Descriptor::ReadPieces(std::vector<iovec>& pieces) const {
 }
 
 bool Descriptor::Write(const void* source, size_t size) const {
-  size_t done = 0;
-  while (done < size) {
-    const ssize_t taken = RetryInterrupted(
-        [&] { return write(number_, static_cast<const char*>(source) + done, size - done); });
-    if (taken <= 0) {
-      return false;
-    }
-    done += static_cast<size_t>(taken);
-  }
-  return true;
+  return WriteAll(number_, source, size, [] { return false; });
+}
+
+bool WriteWaiting(int number, const void* source, size_t size) {
+  return WriteAll(number, source, size, [number] { return WaitUntilWritable(number); });
 }
 
 }  // namespace quilmrun

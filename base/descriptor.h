@@ -12,6 +12,10 @@
 
 namespace quilmrun {
 
+/// Writes all `size` bytes to the descriptor `number`. Where it is non-blocking and takes no more
+/// for the time being, waits until it does. False, with errno set, when it takes no more at all.
+bool WriteWaiting(int number, const void* source, size_t size);
+
 /// Owns a file descriptor and closes it when destroyed. Has no buffer: bytes go straight between
 /// the file and where the caller has or wants them. Prints nothing.
 class Descriptor {

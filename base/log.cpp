@@ -3,18 +3,57 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdarg>
 #include <cstdio>
+#include <cstring>
 #include <initializer_list>
+#include <memory>
+#include <new>
+
+#include "base/c_locale.h"
+#include "base/descriptor.h"
 
 namespace quilmrun {
 namespace {
 
+// Of a line that is longer; that much needs no memory.
+constexpr size_t kUsualSize = 2048;
+
+// `line` has one more character than `size`, for the newline. Standard output may be non-blocking,
+// and stdio would drop what it does not take at once. What the runtime library has left in stdio
+// comes first.
+void WriteLine(char* line, size_t size) {
+  line[size] = '\n';
+  std::fflush(stdout);
+  WriteWaiting(STDOUT_FILENO, line, size + 1);
+}
+
+// The characters that the line has without its newline; only `room - 1` of them are in `line`.
+__attribute__((format(printf, 4, 0))) size_t FormatLine(char* line, size_t room, const char* prefix,
+                                                        const char* format, va_list arguments) {
+  const size_t prefixSize = std::strlen(prefix);
+  std::memcpy(line, prefix, prefixSize);
+  const int size = std::vsnprintf(line + prefixSize, room - prefixSize, format, arguments);
+  return prefixSize + static_cast<size_t>(std::max(size, 0));
+}
+
 __attribute__((format(printf, 2, 0))) void PrintLine(const char* prefix, const char* format,
                                                      va_list arguments) {
-  std::fputs(prefix, stdout);
-  std::vprintf(format, arguments);
-  std::fputc('\n', stdout);
+  const CLocale locale;
+  va_list again;
+  va_copy(again, arguments);
+  char usual[kUsualSize];
+  const size_t size = FormatLine(usual, sizeof(usual), prefix, format, arguments);
+  const std::unique_ptr<char[]> large(size < sizeof(usual) ? nullptr
+                                                           : new (std::nothrow) char[size + 1]);
+  if (large != nullptr) {
+    FormatLine(large.get(), size + 1, prefix, format, again);
+    WriteLine(large.get(), size);
+  } else {
+    WriteLine(usual, std::min(size, sizeof(usual) - 1));  // cut when there is no memory for more
+  }
+  va_end(again);
 }
 
 }  // namespace

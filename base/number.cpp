@@ -1,13 +1,12 @@
 #include "base/number.h"
 
-#include <locale.h>
-
 #include <algorithm>
 #include <charconv>
-#include <clocale>
 #include <cmath>
 #include <cstdlib>
 #include <string>
+
+#include "base/c_locale.h"
 
 namespace quilmrun {
 namespace {
@@ -52,8 +51,8 @@ size_t NumberLength(std::string_view text) {
 
 // `number` is all of a number. Empty when its magnitude is too large.
 std::optional<float> ToFloat(std::string_view number) {
-  static const locale_t kPointAsDecimal = newlocale(LC_ALL_MASK, "C", nullptr);
-  const float value = strtof_l(std::string(number).c_str(), nullptr, kPointAsDecimal);
+  const CLocale locale;
+  const float value = std::strtof(std::string(number).c_str(), nullptr);
   return std::isinf(value) ? std::nullopt : std::optional<float>(value);
 }
 

@@ -6,6 +6,7 @@
 #include <cstring>
 #include <limits>
 
+#include "base/c_locale.h"
 #include "output/dump.h"
 #include "output/output_file.h"
 
@@ -22,10 +23,9 @@ char* FormatAny(double value, char* begin, char* end) {
 #if defined(__cpp_lib_to_chars) && __cpp_lib_to_chars >= 201611L
   return std::to_chars(begin, end, value, std::chars_format::fixed, kFractionDigits).ptr;
 #else
-  const auto room = static_cast<size_t>(end - begin);
-  const int size = std::snprintf(begin, room, "%.*f", kFractionDigits, value);
-  std::replace(begin, begin + size, ',', '.');  // the decimal point of the locale in force
-  return begin + size;
+  const CLocale locale;
+  return begin + std::snprintf(begin, static_cast<size_t>(end - begin), "%.*f", kFractionDigits,
+                               value);
 #endif
 }
 
