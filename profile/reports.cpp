@@ -1,12 +1,16 @@
 #include "profile/reports.h"
 
 #include <fcntl.h>
+#include <poll.h>
+#include <sys/file.h>
+#include <unistd.h>
 
 #include <array>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 
+#include "base/c_locale.h"
 #include "base/descriptor.h"
 #include "base/log.h"
 
@@ -32,16 +36,39 @@ constexpr char kCsvHeader[] =
     "Online Model Size(KB),"
     "Quilm Init Memory Size(KB)\n";
 
-// Every figure has 32 bits or is a time in milliseconds, so a line of this length holds them all.
-using CsvLine = std::array<char, 1024>;
+// Every figure has 32 bits or is a time in milliseconds, so this holds them all, after the header.
+using CsvText = std::array<char, 1536>;
 
-size_t FormatCsvValues(const ProfileRecord& record, CsvLine& line) {
+size_t FormatCsv(const ProfileRecord& record, CsvText& text) {
+  const CLocale locale;
   const int size = std::snprintf(
-      line.data(), line.size(), "%.2f,%.2f,%.2f,%.3f,%.3f,%.3f,%.3f,%.3f,%u\n",
+      text.data(), text.size(), "%s%.2f,%.2f,%.2f,%.3f,%.3f,%.3f,%.3f,%.3f,%u\n", kCsvHeader,
       record.modelLoadTime, record.readModelFileTime, TimePerExecution(record),
       InKb(record.inputSize), InKb(record.taskBufSize), InKb(record.outputSize),
       InKb(record.workBufSize), InKb(record.omSize), static_cast<uint32_t>(record.quilmInitMem));
   return static_cast<size_t>(size);
+}
+
+// Runs that end at the same time replace the report one after the other. A run waits this long for
+// somebody who does not give the lock back; where there are no locks it goes on at once.
+constexpr int kLockTries = 1000;
+constexpr int kLockWaitMs = 1;
+
+void Lock(const Descriptor& file) {
+  for (int i = 0; i < kLockTries && flock(file.Number(), LOCK_EX | LOCK_NB) != 0; ++i) {
+    if (errno != EWOULDBLOCK && errno != EINTR) {
+      return;
+    }
+    poll(nullptr, 0, kLockWaitMs);
+  }
+}
+
+// Cuts and fills the file while it is locked, with one write, so that it always holds whole lines.
+// It stays the same file, with its links and its permissions.
+bool Replace(const Descriptor& file, const CsvText& text, size_t size) {
+  Lock(file);
+  // A pipe or a device has nothing to cut.
+  return (ftruncate(file.Number(), 0) == 0 || errno == EINVAL) && file.Write(text.data(), size);
 }
 
 }  // namespace
@@ -64,11 +91,11 @@ void PrintProfileSummary(const ProfileRecord& record) {
 
 void WriteMemoryDataCsv(const ProfileRecord& record, const std::string& reportPath) {
   constexpr mode_t kReadableByAll = 0666;
-  CsvLine values;
+  CsvText text;
+  const size_t size = FormatCsv(record, text);
   // O_NONBLOCK: a pipe that nobody reads must not keep the process from ending.
-  const Descriptor file(reportPath, O_WRONLY | O_CREAT | O_TRUNC | O_NONBLOCK, kReadableByAll);
-  if (!file.IsOpen() || !file.Write(kCsvHeader, sizeof(kCsvHeader) - 1) ||
-      !file.Write(values.data(), FormatCsvValues(record, values))) {
+  const Descriptor file(reportPath, O_WRONLY | O_CREAT | O_NONBLOCK, kReadableByAll);
+  if (!file.IsOpen() || !Replace(file, text, size)) {
     LogWarn("can't write memory report %s: %s", reportPath.c_str(), std::strerror(errno));
   }
 }
