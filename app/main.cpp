@@ -1,6 +1,6 @@
-#include <new>
 #include <utility>
 
+#include "app/attempt.h"
 #include "app/options.h"
 #include "app/sample_process.h"
 #include "app/stop_signals.h"
@@ -24,10 +24,5 @@ int Run(int argc, char** argv) {
 int main(int argc, char** argv) {
   quilmrun::IgnoreWriteSignals();
   quilmrun::PrepareStandardStreams();
-  try {
-    return Run(argc, argv);
-  } catch (const std::bad_alloc&) {
-    quilmrun::LogError("out of memory");
-    return quilmrun::kFailure;
-  }
+  return quilmrun::Attempt([&] { return Run(argc, argv); });
 }

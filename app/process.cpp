@@ -1,10 +1,10 @@
 // The run driver: from a runtime that is up to a model that has run over every input group.
 #include <algorithm>
 #include <cstddef>
-#include <new>
 #include <string>
 #include <vector>
 
+#include "app/attempt.h"
 #include "app/sample_process.h"
 #include "app/stop_signals.h"
 #include "base/log.h"
@@ -34,13 +34,7 @@ int ResolvePaths(std::vector<std::string>& paths) {
 
 int SampleProcess::Process() {
   ModelProcess model(rpnFiles, batchSize, nlpTotalT, profile);
-  try {
-    return RunModel(model);
-  } catch (const std::bad_alloc&) {
-    // Whatever was held is released on the way here; the run ends like any that failed.
-    LogError("out of memory");
-    return kFailure;
-  }
+  return Attempt([&] { return RunModel(model); });
 }
 
 int SampleProcess::RunModel(ModelProcess& model) {

@@ -2,12 +2,14 @@
 
 #include <utility>
 
+#include "app/attempt.h"
 #include "app/stop_signals.h"
 #include "base/log.h"
 #include "base/status.h"
 #include "profile/media_memory.h"
 #include "profile/profile_record.h"
 #include "profile/reports.h"
+#include "runtime/release.h"
 #include "runtime/values.h"
 
 namespace quilmrun {
@@ -18,6 +20,15 @@ std::string ReportPath(const std::string& quilmJsonPath) {
   return quilmJsonPath.substr(0, quilmJsonPath.find_last_of("/\\")) + "/memory_data.csv";
 }
 
+// Destroys what `handle` holds, if anything, and empties it.
+void DestroyHandle(void*& handle, quilm_error (*destroy)(void*), const char* name) {
+  void* const held = std::exchange(handle, nullptr);
+  if (held != nullptr && Release([=] { return destroy(held); }) != 0) {
+    LogError("destroy %s failed", name);
+  }
+  LogInfo("end to destroy %s", name);
+}
+
 }  // namespace
 
 SampleProcess::SampleProcess(std::string modelPath, std::vector<std::string> inputFiles,
@@ -25,7 +36,8 @@ SampleProcess::SampleProcess(std::string modelPath, std::vector<std::string> inp
     : modelPath(std::move(modelPath)),
       inputFiles(std::move(inputFiles)),
       quilmJsonPath(std::move(quilmJsonPath)),
-      outputPath(std::move(outputPath)) {}
+      outputPath(std::move(outputPath)),
+      reportPath_(ReportPath(this->quilmJsonPath)) {}
 
 SampleProcess::~SampleProcess() {
   DestroyResource();
@@ -90,22 +102,15 @@ int SampleProcess::CreateExecutionResources() {
 }
 
 void SampleProcess::DestroyResource() {
-  if (stream != nullptr && quilm_rt_destroy_stream(std::exchange(stream, nullptr)) != 0) {
-    LogError("destroy stream failed");
-  }
-  LogInfo("end to destroy stream");
+  DestroyHandle(stream, quilm_rt_destroy_stream, "stream");
+  DestroyHandle(context, quilm_rt_destroy_context, "context");
 
-  if (context != nullptr && quilm_rt_destroy_context(std::exchange(context, nullptr)) != 0) {
-    LogError("destroy context failed");
-  }
-  LogInfo("end to destroy context");
-
-  if (quilm_rt_reset_device(deviceId) != 0) {
+  if (Release([this] { return quilm_rt_reset_device(deviceId); }) != 0) {
     LogError("reset device failed");
   }
   LogInfo("end to reset device is %d", deviceId);
 
-  if (quilm_finalize() != 0) {
+  if (Release(quilm_finalize) != 0) {
     LogError("finalize quilm failed");
   }
   LogInfo("end to finalize quilm");
@@ -113,19 +118,22 @@ void SampleProcess::DestroyResource() {
   if (profile == kProfileOn) {
     PrintProfileSummary(profileRecord);
   }
-  WriteMemoryDataCsv(profileRecord, ReportPath(quilmJsonPath));
+  WriteMemoryDataCsv(profileRecord, reportPath_);
 }
 
 int RunSample(const RunOptions& options, ResolvedPaths paths) {
   CatchStopSignals();
   SampleProcess sample(std::move(paths.modelPath), std::move(paths.inputFiles),
                        std::move(paths.quilmJsonPath), options.outputPath);
-  if (sample.InitResource(paths.rpnFiles, static_cast<uint32_t>(options.batchSize),
-                          options.nlpTotalT, static_cast<uint32_t>(options.profile)) != kSuccess) {
+  const auto initialise = [&] {
+    return sample.InitResource(paths.rpnFiles, static_cast<uint32_t>(options.batchSize),
+                               options.nlpTotalT, static_cast<uint32_t>(options.profile));
+  };
+  if (Attempt(initialise) != kSuccess) {
     LogError("sample init resource failed");
     return kFailure;
   }
-  if (sample.Process() != kSuccess) {
+  if (Attempt([&] { return sample.Process(); }) != kSuccess) {
     LogError("sample process failed");
     return kFailure;
   }

@@ -37,6 +37,7 @@ class SampleProcess {
 
  private:
   /// Releases what exists, each step whatever became of the one before, then makes the reports.
+  /// Needs no memory, and lets no exception out.
   void DestroyResource();
 
   /// Creates context and stream and checks the run mode.
@@ -65,6 +66,7 @@ class SampleProcess {
   uint32_t profile = 0;  // 1 means on
   quilm_rt_context context = nullptr;
   quilm_rt_stream stream = nullptr;
+  std::string reportPath_;  // built at the start, since the teardown may find no memory for it
 };
 
 /// Performs one complete run, teardown and reports included; returns the exit status. A signal that

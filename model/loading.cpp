@@ -6,6 +6,7 @@
 #include "input/utils.h"
 #include "model/model_process.h"
 #include "profile/media_memory.h"
+#include "runtime/release.h"
 
 namespace quilmrun {
 
@@ -51,7 +52,7 @@ void ModelProcess::Unload() {
     LogWarn("no model had been loaded, unload failed");
     return;
   }
-  const quilm_error result = quilm_mdl_unload(modelId);
+  const quilm_error result = Release([this] { return quilm_mdl_unload(modelId); });
   if (result != 0) {
     LogError("unload model failed, modelId is %u", modelId);
   }

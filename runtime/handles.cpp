@@ -27,13 +27,16 @@ DeviceMemory AllocateOrReport(size_t size) {
 }
 
 void DatasetDeleter::operator()(quilm_mdl_dataset* dataset) const {
-  for (size_t i = 0; i < quilm_mdl_get_dataset_num_buffers(dataset); ++i) {
-    const DataBuffer buffer(quilm_mdl_get_dataset_buffer(dataset, i));
-    if (buffer != nullptr) {
-      DeviceMemory(quilm_get_data_buffer_addr(buffer.get())).reset();
+  Release([=] {
+    for (size_t i = 0; i < quilm_mdl_get_dataset_num_buffers(dataset); ++i) {
+      const DataBuffer buffer(quilm_mdl_get_dataset_buffer(dataset, i));
+      if (buffer != nullptr) {
+        DeviceMemory(quilm_get_data_buffer_addr(buffer.get())).reset();
+      }
     }
-  }
-  quilm_mdl_destroy_dataset(dataset);
+    return 0;
+  });
+  Release([=] { return quilm_mdl_destroy_dataset(dataset); });
 }
 
 }  // namespace quilmrun

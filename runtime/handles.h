@@ -10,11 +10,14 @@
 #include <memory>
 
 #include "runtime/quilm.h"
+#include "runtime/release.h"
 
 namespace quilmrun {
 
 struct DeviceMemoryDeleter {
-  void operator()(void* memory) const { quilm_rt_free(memory); }
+  void operator()(void* memory) const {
+    Release([=] { return quilm_rt_free(memory); });
+  }
 };
 
 /// A block of device memory, directly addressable by the host.
@@ -27,14 +30,18 @@ DeviceMemory AllocateDeviceMemory(size_t size);
 DeviceMemory AllocateOrReport(size_t size);
 
 struct DataBufferDeleter {
-  void operator()(quilm_data_buffer* buffer) const { quilm_destroy_data_buffer(buffer); }
+  void operator()(quilm_data_buffer* buffer) const {
+    Release([=] { return quilm_destroy_data_buffer(buffer); });
+  }
 };
 
 /// A data buffer that is in no dataset yet; does not own the device memory it describes.
 using DataBuffer = std::unique_ptr<quilm_data_buffer, DataBufferDeleter>;
 
 struct DescriptionDeleter {
-  void operator()(quilm_mdl_desc* desc) const { quilm_mdl_destroy_desc(desc); }
+  void operator()(quilm_mdl_desc* desc) const {
+    Release([=] { return quilm_mdl_destroy_desc(desc); });
+  }
 };
 
 /// A model description; not tied to the life of the model.

@@ -1,0 +1,22 @@
+// Calls of the runtime where something is released: an exception must not keep the rest from it.
+#ifndef QUILMRUN_RUNTIME_RELEASE_H_
+#define QUILMRUN_RUNTIME_RELEASE_H_
+
+#include "runtime/quilm.h"
+
+namespace quilmrun {
+
+/// The result of `call`; non-zero when an exception of any type comes out of it.
+template <typename Call>
+quilm_error Release(const Call& call) noexcept {
+  constexpr quilm_error kThrew = -1;
+  try {
+    return call();
+  } catch (...) {
+    return kThrew;
+  }
+}
+
+}  // namespace quilmrun
+
+#endif  // QUILMRUN_RUNTIME_RELEASE_H_
