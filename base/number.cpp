@@ -26,7 +26,7 @@ size_t DigitsLength(std::string_view text) {
   return std::min(text.find_first_not_of("0123456789"), text.size());
 }
 
-// A sign without digits behind it is no exponent.
+// A sign without digits after it is no exponent.
 size_t ExponentLength(std::string_view text) {
   if (text.empty() || (text[0] != 'e' && text[0] != 'E')) {
     return 0;
@@ -49,11 +49,35 @@ size_t NumberLength(std::string_view text) {
   return integer + fraction == 0 ? 0 : end + ExponentLength(text.substr(end));
 }
 
-// `number` is all of a number. Empty when its magnitude is too large.
+// `number` is all of a number, or empty. Empty when there is none or its magnitude is too large.
 std::optional<float> ToFloat(std::string_view number) {
+  if (number.empty()) {
+    return std::nullopt;
+  }
   const CLocale locale;
   const float value = std::strtof(std::string(number).c_str(), nullptr);
   return std::isinf(value) ? std::nullopt : std::optional<float>(value);
+}
+
+// So many characters after a number decide that it ends there, as in "1e+5". Where there is none,
+// they decide that none begins, as in "-.5".
+constexpr size_t kLookAhead = 3;
+
+// Takes numbers off the front of `text` as long as `lookAhead` characters follow.
+bool TakeFloats(std::string_view& text, size_t lookAhead, std::vector<float>& values) {
+  for (SkipWhiteSpace(text); !text.empty(); SkipWhiteSpace(text)) {
+    const size_t length = NumberLength(text);
+    if (text.size() < length + lookAhead) {
+      return true;
+    }
+    const std::optional<float> value = ToFloat(text.substr(0, length));
+    if (!value.has_value()) {
+      return false;
+    }
+    values.push_back(*value);
+    text.remove_prefix(length);
+  }
+  return true;
 }
 
 }  // namespace
@@ -72,19 +96,11 @@ std::optional<int32_t> ParseInt32(std::string_view text) {
 }
 
 bool ParseFloats(std::string_view text, std::vector<float>& values) {
-  for (SkipWhiteSpace(text); !text.empty(); SkipWhiteSpace(text)) {
-    const size_t length = NumberLength(text);
-    if (length == 0) {
-      return false;
-    }
-    const std::optional<float> value = ToFloat(text.substr(0, length));
-    if (!value.has_value()) {
-      return false;
-    }
-    values.push_back(*value);
-    text.remove_prefix(length);
-  }
-  return true;
+  return TakeFloats(text, 0, values);
+}
+
+bool ParseFloatsSoFar(std::string_view& text, std::vector<float>& values) {
+  return TakeFloats(text, kLookAhead, values);
 }
 
 }  // namespace quilmrun

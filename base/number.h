@@ -22,6 +22,10 @@ std::optional<int32_t> ParseInt32(std::string_view text);
 /// too large for a float; what came before has been appended then. One too small is no error.
 bool ParseFloats(std::string_view text, std::vector<float>& values);
 
+/// The same for the start of a longer text. Takes what it has read off `text`, and leaves what the
+/// rest of the text may continue.
+bool ParseFloatsSoFar(std::string_view& text, std::vector<float>& values);
+
 }  // namespace quilmrun
 
 #endif  // QUILMRUN_BASE_NUMBER_H_

@@ -4,8 +4,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <utility>
-
 namespace quilmrun {
 namespace {
 
@@ -14,6 +12,18 @@ constexpr size_t kChunkSize = 65536;
 bool IsDirectory(const Descriptor& descriptor) {
   struct stat status {};
   return fstat(descriptor.Number(), &status) == 0 && S_ISDIR(status.st_mode);
+}
+
+// Takes the lines off `text` that end in it, no newline being before `searched`.
+void UseLines(std::string& text, size_t searched,
+              const std::function<void(std::string_view)>& use) {
+  size_t start = 0;
+  for (size_t end = text.find('\n', searched); end != std::string::npos;
+       end = text.find('\n', start)) {
+    use(std::string_view(text).substr(start, end - start));
+    start = end + 1;
+  }
+  text.erase(0, start);
 }
 
 }  // namespace
@@ -40,14 +50,8 @@ bool InputFile::AppendChunk(std::string& text) const {
   return received == kChunkSize;
 }
 
-std::optional<std::string> InputFile::ReadText(size_t limit) const {
-  std::string text;
-  while (AppendChunk(text) && text.size() <= limit) {
-  }
-  return text.size() <= limit ? std::optional<std::string>(std::move(text)) : std::nullopt;
-}
-
-bool InputFile::ReadLines(size_t limit, const std::function<void(std::string_view)>& use) const {
+InputFile::LinesEnd InputFile::ReadLines(size_t mostBytes, size_t longestLine,
+                                         const std::function<void(std::string_view)>& use) const {
   std::string text;  // from the start of a line whose end has not been read
   size_t total = 0;
   bool more = true;
@@ -55,21 +59,18 @@ bool InputFile::ReadLines(size_t limit, const std::function<void(std::string_vie
     const size_t searched = text.size();
     more = AppendChunk(text);
     total += text.size() - searched;
-    if (total > limit) {
-      return false;
+    if (total > mostBytes) {
+      return LinesEnd::kFileTooLarge;
     }
-    size_t start = 0;
-    for (size_t end = text.find('\n', searched); end != std::string::npos;
-         end = text.find('\n', start)) {
-      use(std::string_view(text).substr(start, end - start));
-      start = end + 1;
+    UseLines(text, searched, use);
+    if (text.size() > longestLine) {
+      return LinesEnd::kLineTooLong;
     }
-    text.erase(0, start);
   }
   if (!text.empty()) {
     use(text);
   }
-  return true;
+  return LinesEnd::kWhole;
 }
 
 }  // namespace quilmrun

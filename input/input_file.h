@@ -31,17 +31,19 @@ class InputFile {
   size_t Read(void* target, size_t size) const { return descriptor_.Read(target, size); }
   bool ReadPieces(std::vector<iovec>& pieces) const { return descriptor_.ReadPieces(pieces); }
 
-  /// All bytes up to the end; nothing when there are more than `limit`.
-  std::optional<std::string> ReadText(size_t limit) const;
-
-  /// Calls `use` with every line up to the end, without its newline; the last one needs none. Holds
-  /// no more than a line and a chunk of the text. Stops, with false, after `limit` bytes.
-  bool ReadLines(size_t limit, const std::function<void(std::string_view)>& use) const;
-
- private:
-  /// Appends what is next; false when the file has ended.
+  /// Appends what is next to `text`; false when the file has ended.
   bool AppendChunk(std::string& text) const;
 
+  /// How ReadLines() came to its end.
+  enum class LinesEnd { kWhole, kFileTooLarge, kLineTooLong };
+
+  /// Calls `use` with every line up to the end, without its newline; the last one needs none. Holds
+  /// no more than a line and a chunk of the text. Stops where the file has more than `mostBytes`,
+  /// or a line more than `longestLine`.
+  LinesEnd ReadLines(size_t mostBytes, size_t longestLine,
+                     const std::function<void(std::string_view)>& use) const;
+
+ private:
   Descriptor descriptor_;
 };
 

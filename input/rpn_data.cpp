@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <cstring>
 #include <optional>
+#include <string_view>
 
 #include "base/log.h"
 #include "base/number.h"
@@ -50,14 +51,45 @@ bool Fits(const ParameterRows& layout, size_t count, size_t size) {
   return true;
 }
 
+// Far more than a model takes or a number has, and few enough to be held.
+constexpr size_t kMostValues = size_t{1} << 24;
+constexpr size_t kLongestNumber = size_t{1} << 20;
+
+// False, after a report, when a file goes on and on.
+bool IsReasonable(const std::string& path, size_t values, size_t unfinished) {
+  if (values > kMostValues) {
+    LogError("file %s holds more than %zu numbers", path.c_str(), kMostValues);
+    return false;
+  }
+  if (unfinished > kLongestNumber) {
+    LogError("a number in file %s is longer than %zu bytes", path.c_str(), kLongestNumber);
+    return false;
+  }
+  return true;
+}
+
 }  // namespace
 
 int ReadRpnFile(const std::string& path, std::vector<float>& values) {
   if (CheckFile(path) != kSuccess) {
     return kFailure;
   }
-  const std::optional<std::string> text = ReadTextFile(path);
-  return text.has_value() && ParseFloats(*text, values) ? kSuccess : kFailure;
+  const InputFile file(path);
+  if (!file.IsOpen()) {
+    ReportOpenFailure(path);
+    return kFailure;
+  }
+  std::string text;  // what is not a whole number yet
+  for (bool more = true; more;) {
+    more = file.AppendChunk(text);
+    std::string_view rest = text;
+    if (!(more ? ParseFloatsSoFar(rest, values) : ParseFloats(rest, values)) ||
+        !IsReasonable(path, values.size(), rest.size())) {
+      return kFailure;
+    }
+    text.erase(0, text.size() - rest.size());
+  }
+  return kSuccess;
 }
 
 int CheckRpnShape(const quilm_mdl_io_dims& dims, size_t count, uint32_t& rpnHeight,

@@ -20,8 +20,9 @@
 
 namespace quilmrun {
 
-/// Appends the numbers in the file `path` to `values`. Fails when the file cannot be read, which is
-/// reported, or holds anything but numbers that fit a 32-bit float, which the caller reports.
+/// Appends the numbers in the file `path` to `values`, as they are read. Fails when the file cannot
+/// be read or holds more numbers than any model takes, which is reported, or holds anything but
+/// numbers that fit a 32-bit float, which the caller reports.
 int ReadRpnFile(const std::string& path, std::vector<float>& values);
 
 /// Stores the two dimensions of the RPN input, and fails, after a report, unless `count` values are

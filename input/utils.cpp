@@ -22,6 +22,9 @@ using PathBuffer = std::array<char, kMaxPathLength + 1>;
 // Sizes have to fit signed 32-bit counts.
 constexpr int64_t kMaxFileSize = std::numeric_limits<int32_t>::max();
 
+// A path may have 4096 bytes, a name of a model input 127: a longer line is none of theirs.
+constexpr size_t kLongestLine = size_t{1} << 20;
+
 void ReportTooLarge(const std::string& path) {
   LogError("file %s is too large, 2 GiB or more is not supported", path.c_str());
 }
@@ -46,22 +49,6 @@ std::optional<uint32_t> NonEmptySize(const InputFile& file, const std::string& p
     return std::nullopt;
   }
   return size;
-}
-
-// Opens a text and has it read by `read`, which returns false when there is too much of it. Reports
-// either failure.
-template <typename Read>
-bool WithTextFile(const std::string& path, const Read& read) {
-  const InputFile file(path);
-  if (!file.IsOpen()) {
-    ReportOpenFailure(path);
-    return false;
-  }
-  if (!read(file)) {
-    ReportTooLarge(path);
-    return false;
-  }
-  return true;
 }
 
 }  // namespace
@@ -96,18 +83,19 @@ std::optional<uint32_t> SupportedSize(const InputFile& file, const std::string& 
   return static_cast<uint32_t>(*size);
 }
 
-std::optional<std::string> ReadTextFile(const std::string& path) {
-  std::optional<std::string> text;
-  WithTextFile(path, [&text](const InputFile& file) {
-    text = file.ReadText(kMaxFileSize);
-    return text.has_value();
-  });
-  return text;
-}
-
 bool ReadLines(const std::string& path, const std::function<void(std::string_view)>& use) {
-  return WithTextFile(path,
-                      [&use](const InputFile& file) { return file.ReadLines(kMaxFileSize, use); });
+  const InputFile file(path);
+  if (!file.IsOpen()) {
+    ReportOpenFailure(path);
+    return false;
+  }
+  const InputFile::LinesEnd end = file.ReadLines(kMaxFileSize, kLongestLine, use);
+  if (end == InputFile::LinesEnd::kFileTooLarge) {
+    ReportTooLarge(path);
+  } else if (end == InputFile::LinesEnd::kLineTooLong) {
+    LogError("a line of file %s is longer than %zu bytes", path.c_str(), kLongestLine);
+  }
+  return end == InputFile::LinesEnd::kWhole;
 }
 
 int GetFileSize(const std::string& path, uint32_t& size) {

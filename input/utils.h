@@ -31,12 +31,8 @@ DeviceMemory ReadBinFile(const std::string& path, uint32_t& size);
 /// by a name that the user knows. Both may be the same string.
 int ResolvePath(const std::string& inputPath, std::string& resolvedPath);
 
-/// The whole text of a file, pipes included; nothing, after a report, when it cannot be opened or
-/// holds 2 GiB or more.
-std::optional<std::string> ReadTextFile(const std::string& path);
-
-/// Calls `use` with every line of such a text, without its newline. False, after a report, when the
-/// file cannot be opened or holds 2 GiB or more.
+/// Calls `use` with every line of a text, without its newline; pipes can be read too. False, after
+/// a report, when the file cannot be opened, holds 2 GiB or more, or a line longer than 1 MiB.
 bool ReadLines(const std::string& path, const std::function<void(std::string_view)>& use);
 
 /// Prints that `path` cannot be opened.

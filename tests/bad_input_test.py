@@ -9,8 +9,8 @@ import unittest.mock
 import numpy as np
 from onnx import TensorProto, helper
 
-from models import (FAILURE, SHAPE_WARNING, SUCCESS, HostRuntimeTest, executed, identity, model,
-                    tensor)
+from models import (FAILURE, SHAPE_WARNING, SUCCESS, HostRuntimeTest, copies, executed,
+                    identity, model, tensor)
 from tool import BRING_UP, NO_MEDIA_MEMORY, QUILMRUN, TEARDOWN
 
 
@@ -182,12 +182,20 @@ class BadInput(HostRuntimeTest):
 
     @unittest.skipIf("debug" in QUILMRUN or "EMULATOR" in os.environ,
                      "address checking and emulation need the whole address space")
-    def test_a_list_without_end(self):
+    def test_files_that_go_on_and_on(self):
         def limit():
-            resource.setrlimit(resource.RLIMIT_AS, (2**30, 2**30))
+            resource.setrlimit(resource.RLIMIT_AS, (2**28, 2**28))
         self.write("m.onnx", identity([1, 8]))
-        status, out, _ = self.run_tool("-m", "m.onnx", "-i", "/dev/zero", preexec_fn=limit)
-        self.assertEqual((status, out), (1, "[INFO]  inputPath: m.onnx\n[ERROR] out of memory\n"))
+        _, out, _ = self.run_tool("-m", "m.onnx", "-i", "/dev/zero", preexec_fn=limit)
+        self.assertIn("[ERROR] a line of file /dev/zero is longer than 1048576 bytes\n", out)
+        for content, said in (("1 " * 2**24 + "1", "file $D/rpn holds more than 16777216 numbers"),
+                              ("0." + "0" * 2**21, "a number in file $D/rpn is longer than 1048576 "
+                                                   "bytes")):
+            self.write("x", bytes(16))
+            self.write("rpn", content)
+            self.check(1, f"[ERROR] {said}\n[ERROR] read rpn para error\n"
+                       "[ERROR] Set rpn data failed\n" + FAILURE, "-r", "rpn",
+                       model_bytes=copies({"x": [1, 4], "r": [1, 4]}))
 
     def test_report_goes_behind_the_last_separator_of_either_kind(self):
         self.write("m.onnx", identity([1, 8]))

@@ -56,11 +56,28 @@ const Accepted kAccepted[] = {
     {"1e-45 1e-60 -1e-999", {std::numeric_limits<float>::denorm_min(), 0, -0.0F}},
 };
 
+// As ParseFloats() of a text that comes character by character.
+bool ParseInPieces(std::string_view text, std::vector<float>& values) {
+  std::string pending;
+  for (const char c : text) {
+    pending += c;
+    std::string_view rest = pending;
+    if (!ParseFloatsSoFar(rest, values)) {
+      return false;
+    }
+    pending = std::string(rest);
+  }
+  return ParseFloats(pending, values);
+}
+
 TEST(ParseFloats, AcceptsDecimalNumbers) {
   for (const Accepted& row : kAccepted) {
     std::vector<float> values;
+    std::vector<float> pieces;
     EXPECT_TRUE(ParseFloats(row.text, values)) << row.text;
     EXPECT_EQ(values, row.values) << row.text;
+    EXPECT_TRUE(ParseInPieces(row.text, pieces)) << row.text;
+    EXPECT_EQ(pieces, values) << row.text;
     for (size_t i = 0; i < values.size(); ++i) {
       EXPECT_EQ(std::signbit(values[i]), std::signbit(row.values[i])) << row.text;
     }
@@ -77,6 +94,7 @@ TEST(ParseFloats, RefusesEverythingElse) {
   for (const char* text : rows) {
     std::vector<float> values;
     EXPECT_FALSE(ParseFloats(text, values)) << text;
+    EXPECT_FALSE(ParseInPieces(text, values)) << text;
   }
   std::vector<float> values;
   EXPECT_FALSE(ParseFloats(std::string_view("1\0002", 3), values)) << "a NUL byte";
