@@ -182,12 +182,6 @@ class OutputDirectory(OddRuntimeTest):
         self.check_run("run quilm_mdl_execute 3 mv out gone\n", self.failures(2, 3), [0, 1],
                        directory="gone")
 
-    def test_fills_up(self):
-        # Nothing is said of bytes that get lost.
-        self.check_run("", DUMPED * 2, [0, 1], self.own_mounts(
-            "mount -t tmpfs -o size=16k none out", "cp -r out kept"), "kept")
-        self.assertEqual(self.outputs("kept")["3/y.0.S.bin"], b"")
-
     def test_becomes_read_only(self):
         self.check_run("run quilm_mdl_execute 3 mount -o remount,ro out\n", self.failures(2, 3),
                        [0, 1], self.own_mounts("mount -t tmpfs none out", "cp -r out kept"), "kept")
@@ -210,6 +204,11 @@ class MediaMemory(OddRuntimeTest):
                       "[INFO]  QuilmInitMem Size:           -8 KB.\n", out)
         self.assertNotIn("open failed", out)
         self.assertEqual(self.csv(), "T,T,T,0.016,0.008,0.016,0.016,0.005,4294967288\n")
+        shutil.rmtree(self.dir / "proc")
+        status, _ = self.run_odd("run quilm_init 1 echo used=107KB > /proc/umap/media-mem\n"
+                                 "fail quilm_init 1 7\n" + PLAIN, within=within,
+                                 complaint=".* before quilm_init")
+        self.assertEqual((status, self.csv()), (1, "T,T,T,0.000,0.000,0.000,0.000,0.000,7\n"))
 
 
 if __name__ == "__main__":

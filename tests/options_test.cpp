@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <string>
 #include <vector>
 
@@ -38,60 +37,12 @@ Parsed Parse(std::vector<std::string> words) {
   return parsed;
 }
 
-TEST(ParseOptions, StoresEveryOption) {
-  const Parsed parsed = Parse({"-m", "m", "-i", "i i", "-j", "j", "-t", "5", "-b", "4", "-r", "a,b",
-                               "-p", "1", "-o", "o/"});
-  EXPECT_EQ(parsed.options.modelPath, "m");
-  EXPECT_EQ(parsed.options.imagePath, "i i");
-  EXPECT_EQ(parsed.options.quilmJsonPath, "j");
-  EXPECT_EQ(parsed.options.nlpTotalT, 5);
-  EXPECT_EQ(parsed.options.batchSize, 4);
-  EXPECT_EQ(parsed.options.rpnData, "a,b");
-  EXPECT_EQ(parsed.options.profile, 1);
-  EXPECT_EQ(parsed.options.outputPath, "o/");
-  EXPECT_EQ(parsed.printed, "[INFO]  nlpTotalT: 5\n[INFO]  batchSize: 4\n");
-}
-
 TEST(ParseOptions, KeepsTheLastOfTwoAndPassesOverTheUnknown) {
   const Parsed parsed = Parse({"-b", "4", "word", "-x", "-b8", "-p", "2", "-t7x", "-o"});
   EXPECT_EQ(parsed.options.batchSize, 8);
   EXPECT_EQ(parsed.options.profile, 2);
   EXPECT_EQ(parsed.printed, "[INFO]  batchSize: 4\n" + std::string(kUsage) +
                                 "[INFO]  batchSize: 8\n[INFO]  nlpTotalT: 7\n" + kUsage);
-}
-
-TEST(ParseOptions, IgnoresWords) {
-  const std::vector<std::string> rows[] = {
-      {"-b", "4", "one"},
-      {"-b", "4", "one", "two"},
-      {"-b", "4", "one", "two", "three"},
-      {"one", "-b", "4", "two"},
-      {"one", "two", "-b", "4"},
-      {"-b", "4", "--", "-b", "5", "-x"},
-      {"one", "-b", "4", "--", "-b", "5"},
-  };
-  for (const bool posixly : {false, true}) {
-    posixly ? setenv("POSIXLY_CORRECT", "1", 1) : unsetenv("POSIXLY_CORRECT");
-    for (const auto& words : rows) {
-      EXPECT_EQ(Parse(words).printed, "[INFO]  batchSize: 4\n") << testing::PrintToString(words);
-    }
-  }
-  unsetenv("POSIXLY_CORRECT");
-}
-
-TEST(ParseOptions, StopsAtABadNumber) {
-  const std::pair<const char*, const char*> rows[] = {
-      {"-b", "x"}, {"-b", ""}, {"-b", "99999999999"}, {"-t", "-"}, {"-p", "-2147483649"},
-  };
-  for (const auto& [option, value] : rows) {
-    Parsed parsed = Parse({"-m", "m", option, value, "-b", "3"});
-    EXPECT_EQ(parsed.printed, "[ERROR] option " + std::string(option) + ": \"" + value +
-                                  "\" is not a number from -2147483648 to 2147483647\n");
-    ResolvedPaths paths;
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(CheckOptions(parsed.options, paths), kFailure);
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
-  }
 }
 
 TEST(ResolvePath, ChecksOnlyTheLength) {

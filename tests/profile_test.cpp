@@ -30,11 +30,6 @@ TEST(ParseMediaMemUsed, TakesTheFirstFigure) {
   }
 }
 
-TEST(MediaMemDifference, Wraps) {
-  EXPECT_EQ(MediaMemDifference(10, 18), -8);
-  EXPECT_EQ(MediaMemDifference(INT32_MIN, 1), INT32_MAX);
-}
-
 ProfileRecord ExampleRecord() {
   ProfileRecord record;
   record.inputSize = 150528;
@@ -60,38 +55,6 @@ TEST(WriteMemoryDataCsv, ReplacesTheReport) {
             "Task Buffer Size(KB),Output Size(KB),Mapper Temp Buffer(KB),Online Model Size(KB),"
             "Quilm Init Memory Size(KB)\n"
             "12.50,3.50,4.20,147.000,0.500,4.883,0.000,2.000,4294967288\n");
-}
-
-TEST(WriteMemoryDataCsv, WarnsWhenItCannot) {
-  const std::pair<const char*, const char*> rows[] = {
-      {"/no/such/memory_data.csv", "No such file or directory"},
-      {"/dev/full", "No space left on device"},
-  };
-  for (const auto& [path, reason] : rows) {
-    testing::internal::CaptureStdout();
-    WriteMemoryDataCsv(ExampleRecord(), path);
-    EXPECT_EQ(testing::internal::GetCapturedStdout(),
-              "[WARN]  can't write memory report " + std::string(path) + ": " + reason + "\n");
-  }
-}
-
-TEST(PrintProfileSummary, ShowsSignedMemoryAndTimePerExecution) {
-  testing::internal::CaptureStdout();
-  PrintProfileSummary(ExampleRecord());
-  EXPECT_EQ(testing::internal::GetCapturedStdout(),
-            "[INFO]  ===================================================\n"
-            "[INFO]  Input Size:                147.000 KB.\n"
-            "[INFO]  Task Buffer Size:          0.500 KB.\n"
-            "[INFO]  Work Buffer Size:          0.000 KB.\n"
-            "[INFO]  Output Size:               4.883 KB.\n"
-            "[INFO]  ModelInfoMem Size:         -4 KB.\n"
-            "[INFO]  QuilmInitMem Size:           -8 KB.\n"
-            "[INFO]  Om Size:                   2.000 KB.\n"
-            "[INFO]  ---------------------------------------------------\n"
-            "[INFO]  Read Model File Time:      3.50 ms\n"
-            "[INFO]  Model Load Time:           12.50 ms\n"
-            "[INFO]  Model Execute Time:        4.20 ms\n"
-            "[INFO]  ===================================================\n");
 }
 
 }  // namespace

@@ -1,0 +1,56 @@
+"""Rules of a run that show in what it prints last, in its status or in its files."""
+
+import os
+import unittest
+
+from odd import FAILURE, PLAIN, SUCCESS, TASK_AND_WORK, OddRuntimeTest
+from tool import TEARDOWN
+
+RPN = PLAIN.replace("input task", "input r 0 32 32 {}\ninput task")
+NOT_DONE = "[ERROR] Set rpn data failed\n" + FAILURE
+PATHS = "[INFO]  inputPath: ./x.bin\n"
+
+
+class Rules(OddRuntimeTest):
+    def test_how_runs_end(self):
+        os.mkdir(self.dir / "d")
+        self.write("rpn", "1 2 3 4")
+        rows = [
+            # Context and stream exist when the run mode turns out wrong.
+            (1, "run_mode 1\n" + PLAIN, (), "[INFO]  create stream success\n"
+             "[ERROR] quilm run mode failed\n[ERROR] sample init resource failed\n" + TEARDOWN),
+            (0, PLAIN, ("-p", "2"), "[INFO]  dump data success\n" + SUCCESS),
+            (1, "fail quilm_mdl_get_desc 1 9\n" + PLAIN, (), "[ERROR] get model description failed\n" +
+             PATHS + "[ERROR] execute CreateDesc failed\n" + FAILURE),
+            (0, "fail quilm_mdl_unload 1 3\n" + PLAIN, (), "[INFO]  dump data success\n"
+             "[ERROR] unload model failed, modelId is 77\n[INFO]  execute sample success\n" +
+             TEARDOWN),
+            (0, TASK_AND_WORK, (), "[INFO]  Model inputNum: 0\n[INFO]  Model Iters : 0\n" + SUCCESS),
+            (1, RPN.format("1 4"), ("-r", "d"), "[ERROR] $D/d is not a file, please enter a file\n"
+             "[ERROR] read rpn para error\n" + NOT_DONE),
+            (1, RPN.format("-1 4"), ("-r", "rpn"), "[INFO]  input rpn data height[0] * width[4]\n"
+             "[ERROR] only support single or multi class\n" + NOT_DONE),
+            (1, RPN.format("4 -4"), ("-r", "rpn"),
+             "[INFO]  input rpn data height[4] * width[0]\n"
+             "[ERROR] [multi thr]: detPara.size 4 should be 0\n" + NOT_DONE)]
+        for status, script, options, tail in rows:
+            with self.subTest(tail=tail):
+                self.check(status, tail, script, *options)
+                self.assertLessEqual(self.calls().count("quilm_mdl_execute"), 1)
+
+    def test_a_bad_rpn_path_ends_it_before_the_runtime_is_touched(self):
+        self.write("rpn", "1 2 3 4")
+        status, out, _ = self.start_odd(PLAIN, "-r", "rpn,,rpn")
+        self.assertEqual((status, out), (1, "".join(
+            f"[INFO]  inputPath: {path}\n" for path in ("m.om", "odd.cfg", "rpn", "")) +
+            "[ERROR] inputPath size = 0, out of range (0, 4096] error\n"))
+        self.assertFalse((self.dir / "calls").exists())
+
+    def test_files_are_not_handed_on_to_other_programs(self):
+        self.run_odd(f"run quilm_ext_get_mdl_net_type 1 ls -l /proc/self/fd > {self.dir}/open\n" +
+                     PLAIN)
+        self.assertNotIn("x.bin", (self.dir / "open").read_text())
+
+
+if __name__ == "__main__":
+    unittest.main()
