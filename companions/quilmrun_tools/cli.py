@@ -70,23 +70,34 @@ def progress(items: Iterable[Item], total: Optional[int] = None, what: str = "",
     return iter(tqdm(items, total=total, desc=what, unit=unit, leave=False, delay=0.5))
 
 
-def write_own(path: str, content: bytes, marker: bytes) -> None:
-    """Writes a file whole or not at all.
+def check_own(path: str, marker: bytes) -> None:
+    """Raises Unreadable when `path` must not be written.
 
     A file that exists is replaced only if it is empty or holds `marker` in its first 4096 bytes,
-    which tells that a companion made it.
+    which tells that a companion made it. Before long work this is asked ahead of write_own().
     """
+    target = Path(path)
+    try:
+        if not target.parent.is_dir() or target.is_dir():
+            raise Unreadable(f"cannot write {path}: name a file in a folder that exists")
+        if target.is_file() and target.stat().st_size > 0:
+            with open(target, "rb") as file:
+                if marker not in file.read(4096):
+                    raise Unreadable(f"{path} exists, and {program()} did not make it: "
+                                     "name another file, or remove it")
+    except OSError as error:
+        raise Unreadable(f"cannot write {path}: {error.strerror}") from error
+
+
+def write_own(path: str, content: bytes, marker: bytes) -> None:
+    """Writes a file whole or not at all, where check_own() allows it."""
+    check_own(path, marker)
     target = Path(path)
     try:
         if target.exists() and not target.is_file():  # a pipe or a device
             target.write_bytes(content)
-            return
-        if target.exists() and target.stat().st_size > 0:
-            with open(target, "rb") as file:
-                if marker not in file.read(4096):
-                    raise Unreadable(f"{path} exists and is not {program()}'s; "
-                                     "name another file, or remove it")
-        _replace(target, content)
+        else:
+            _replace(target, content)
     except OSError as error:
         raise Unreadable(f"cannot write {path}: {error.strerror}") from error
 
@@ -112,7 +123,18 @@ def write_json(path: str, value: dict) -> None:
     if path == "-":
         sys.stdout.write(text)
     else:
-        write_own(path, text.encode(), f'"format": "{value["format"]}"'.encode())
+        write_own(path, text.encode(), json_marker(value["format"]))
+
+
+def json_marker(companion: str) -> bytes:
+    """What tells that a companion wrote a JSON file."""
+    return f'"format": "{companion}"'.encode()
+
+
+def check_json(path: Optional[str], companion: str) -> None:
+    """check_own() for the option --json."""
+    if path not in (None, "-"):
+        check_own(str(path), json_marker(companion))
 
 
 def _plain(value: Any) -> Any:

@@ -1,0 +1,166 @@
+"""Writes input files and their list: one file for each input and inference.
+
+Items of all inputs are loaded row by row, a row being what one batch takes, some rows ahead of the
+writing; so memory does not grow with their number.
+"""
+
+import hashlib
+import re
+from dataclasses import dataclass, field, replace
+from pathlib import Path
+
+from PIL import Image
+
+from quilmrun_tools import elements
+from quilmrun_tools.ahead import ahead
+from quilmrun_tools.cli import Unreadable, progress
+from quilmrun_tools.log import Tensor
+from quilmrun_tools.manifest import PreparedFile
+from quilmrun_tools.sources import Item, Loaded, PictureItem
+
+LIST_NAME = "list.txt"
+_LARGEST_FILE = 2**31 - 1  # bytes that quilmrun takes
+
+
+@dataclass
+class Column:
+    """One data input, and what its files are made of."""
+    tensor: Tensor
+    items: list[Item]
+
+    @property
+    def per_row(self) -> int:
+        """Items in one batch."""
+        first = self.items[0]
+        return first.preparation.shape.count if isinstance(first, PictureItem) else 1
+
+    @property
+    def rows(self) -> int:
+        return -(-len(self.items) // self.per_row)
+
+    def row(self, index: int) -> list[Item]:
+        """A single row serves every inference."""
+        at = index * self.per_row if self.rows > 1 else 0
+        return self.items[at:at + self.per_row]
+
+
+@dataclass
+class Result:
+    """What was written."""
+    files: list[PreparedFile] = field(default_factory=list)
+    lines: list[str] = field(default_factory=list)  # of the list
+    skipped: list[str] = field(default_factory=list)  # why, one for each unreadable source
+    inferences: int = 0
+    last_batch: int = 0  # rows in the last inference
+    shown: list[tuple[str, Image.Image]] = field(default_factory=list)  # named, for the preview
+
+
+def check(columns: list[Column], batch: int) -> int:
+    """The number of rows; raises Unreadable when the inputs do not go together."""
+    rows = max(column.rows for column in columns)
+    for column in columns:
+        tensor = column.tensor
+        if column.rows not in (1, rows):
+            counts = ", ".join(f"{other.rows} for {other.tensor.name}" for other in columns)
+            raise Unreadable(f"the inputs differ in number: {counts}; give each as many, or one "
+                             "that serves for all")
+        row_bytes = elements.dtype_of(tensor).itemsize * (tensor.dims or (1,))[-1]
+        if batch > 1 and row_bytes < tensor.stride:
+            raise Unreadable(f"{tensor.name} has padded rows ({row_bytes} of {tensor.stride} bytes)"
+                             ", of which quilmrun takes one batch a file: leave out --batch")
+        size = batch * tensor.elements * elements.dtype_of(tensor).itemsize
+        if size > _LARGEST_FILE:
+            raise Unreadable(f"a file of {tensor.name} would have {size} bytes, and quilmrun takes "
+                             f"{_LARGEST_FILE}: lower --batch")
+    return rows
+
+
+def write(columns: list[Column], batch: int, folder: Path) -> Result:
+    """Writes all files and the list to `folder`; unreadable sources are in the result, and the
+    rows that they belong to left out."""
+    rows = check(columns, batch)
+    # The tool reads names only when no input takes RPN data and no name holds a colon.
+    named = len(columns) > 1 and all(
+        column.tensor.name and not re.search("[:\n]", column.tensor.name) for column in columns)
+    writer = _Writer(columns, folder, named, len(str(max(rows - 1, 99999))))
+    result = writer.result
+    waiting: list[list[list[Loaded]]] = []
+    loaded = ahead(lambda row: _load(columns, row), range(rows))
+    for row in progress(loaded, rows, "preparing", "row" if batch > 1 else "inference"):
+        if isinstance(row, list):
+            waiting.append(row)
+            result.shown += [(item.label, item.shown) for column in row for item in column
+                             if item.shown]
+        else:
+            result.skipped += row.reasons
+        if len(waiting) == batch:
+            writer.write(waiting)
+            waiting = []
+    if waiting:
+        writer.write(waiting)
+    (folder / LIST_NAME).write_text("".join(line + "\n" for line in result.lines), "utf-8",
+                                    "surrogateescape")
+    return result
+
+
+@dataclass
+class _Unreadable:
+    reasons: list[str]
+
+
+def _load(columns: list[Column], row: int) -> list[list[Loaded]] | _Unreadable:
+    loaded, reasons = [], []
+    for column in columns:
+        loaded.append([])
+        for item in column.row(row):
+            try:
+                loaded[-1].append(item.load())
+            except Unreadable as error:
+                reasons.append(str(error))
+    return _Unreadable(reasons) if reasons else loaded
+
+
+class _Writer:
+    """Writes the files of one inference after the other."""
+
+    def __init__(self, columns: list[Column], folder: Path, named: bool, digits: int) -> None:
+        self.result = Result()
+        self._columns = columns
+        self._folder = folder
+        self._named = named
+        self._digits = digits
+        self._shared: dict[tuple[int, int], PreparedFile] = {}  # of inputs that never change
+
+    def write(self, rows: list[list[list[Loaded]]]) -> None:
+        """One inference of as many batches as there are rows."""
+        inference = self.result.inferences
+        for index, column in enumerate(self._columns):
+            loaded = [item for row in rows for item in row[index]]
+            file = self._shared.get((index, len(rows)))
+            if not file:
+                words = [column.tensor.name] * (len(self._columns) > 1) + [loaded[0].label]
+                name = "_".join([f"{inference:0{self._digits}}", *map(_safe, words)]) + ".bin"
+                file = self._write_file(inference, column.tensor.name, name, loaded)
+                if column.rows == 1:
+                    self._shared[index, len(rows)] = file
+            self.result.files.append(replace(file, inference=inference))
+            self.result.lines.append(self._named * f"{column.tensor.name}:" + file.file)
+        self.result.inferences += 1
+        self.result.last_batch = len(rows)
+
+    def _write_file(self, inference: int, input_name: str, name: str,
+                    loaded: list[Loaded]) -> PreparedFile:
+        digest, size = hashlib.sha256(), 0
+        with open(self._folder / name, "wb") as file:
+            for item in loaded:
+                content = item.values.tobytes()
+                file.write(content)
+                digest.update(content)
+                size += len(content)
+        return PreparedFile(inference, input_name, name, size, digest.hexdigest(),
+                            tuple(item.source for item in loaded))
+
+
+def _safe(name: str) -> str:
+    """A part of a file name that every file system and list takes."""
+    return re.sub(r"[^A-Za-z0-9_-]+", "_", name)[:60] or "_"
