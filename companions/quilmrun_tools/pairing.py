@@ -1,0 +1,176 @@
+"""Finds what quilmrun-compare compares: the outputs of two folders, and which belong together."""
+
+import re
+from dataclasses import dataclass, field
+from pathlib import Path
+from typing import Optional
+
+from quilmrun_tools import outputs, values
+from quilmrun_tools.cli import Unreadable
+from quilmrun_tools.log import RunLog, Tensor, name_in_files, read_log
+from quilmrun_tools.manifest import FILE_NAME, Manifest, read_manifest
+from quilmrun_tools.values import Values
+
+Key = tuple[str, int]  # an output's name in files, and how many of that name come before it
+LOG_NAME = "log.txt"
+_NAMED = 5  # files or runs that a line names
+
+
+@dataclass
+class Side:
+    """One of the two folders."""
+    path: str
+    runs: dict[int, dict[Key, Values]] = field(default_factory=dict)  # in the order of writing
+    log: Optional[RunLog] = None
+    inputs: Optional[Manifest] = None
+    left_out: list[str] = field(default_factory=list)  # files of earlier runs of the tool
+    notes: list[str] = field(default_factory=list)
+
+    def keys(self) -> list[Key]:
+        """All outputs, in the order of the first run that has them."""
+        return list(dict.fromkeys(key for run in self.runs.values() for key in run))
+
+    def tensor(self, key: Key) -> Optional[Tensor]:
+        """What the log says of an output."""
+        return self.log.output(*key) if self.log else None
+
+
+def text(key: Key) -> str:
+    """An output as it is shown: its number only when it is not the first of the name."""
+    return key[0] if key[1] == 0 else f"{key[0]}.{key[1]}"
+
+
+def read_side(path: str, log: Optional[str], inputs: Optional[str], types: dict[str, str]) -> Side:
+    """The outputs of the newest run in a folder. `log` and `inputs` are files that the user named;
+    without them, log.txt in the folder and inputs.json beside the log's input files count."""
+    side = Side(path)
+    folder = outputs.scan_folder(path)
+    if log or (Path(path) / LOG_NAME).is_file():
+        side.log = _log(log, Path(path) / LOG_NAME)
+    side.inputs = _manifest(inputs, side.log)
+    last = _last_run(side)
+    for run in folder.runs:
+        if last is not None and run.index > last[0]:
+            side.left_out += [str(output.bin_path) for output in run.outputs]
+            continue
+        side.runs[run.index] = {
+            output.key: values.of_dump(output.bin_path, _coded(output.key, side, types))
+            for output in _in_order(run.outputs, side.log) if output.bin_path}
+        side.notes += [f"{output.float_path} has no .bin beside it" for output in run.outputs
+                       if not output.bin_path]
+    side.left_out = [str(output.bin_path or output.float_path) for output in folder.older
+                     ] + side.left_out
+    if side.left_out:
+        reason = f", or beyond the {last[0] + 1} inferences of {last[1]}" if last else ""
+        side.notes.append(f"{path}: {len(side.left_out)} outputs of an earlier run, by their time "
+                          f"stamps{reason}, are left out: {shortened(side.left_out)}")
+    if not side.runs:
+        raise Unreadable(f"{path} holds no outputs of the run that its log describes: fetch both "
+                         "of the same run")
+    return side
+
+
+def shortened(names: list[str]) -> str:
+    """The first names of a list that may be long."""
+    more = f" and {len(names) - _NAMED} more" if len(names) > _NAMED else ""
+    return ", ".join(names[:_NAMED]) + more
+
+
+def _log(named: Optional[str], usual: Path) -> Optional[RunLog]:
+    if named:
+        return read_log(named)
+    try:
+        return read_log(str(usual))
+    except Unreadable:  # any other file of that name
+        return None
+
+
+def _manifest(named: Optional[str], log: Optional[RunLog]) -> Optional[Manifest]:
+    if named:
+        return read_manifest(named)
+    if log and log.groups and log.groups[0]:
+        beside = Path(log.groups[0][0]).parent / FILE_NAME
+        try:
+            return read_manifest(str(beside)) if beside.is_file() else None
+        except Unreadable:
+            return None
+    return None
+
+
+def _last_run(side: Side) -> Optional[tuple[int, str]]:
+    """The number of the last inference that there can be, and what says so."""
+    known = []
+    if side.log and side.log.executed:
+        known.append((side.log.executed - 1, side.log.path))
+    if side.inputs and side.inputs.files:
+        known.append((max(file.inference for file in side.inputs.files), side.inputs.path))
+    return min(known, default=None)
+
+
+def _in_order(found: list[outputs.Output], log: Optional[RunLog]) -> list[outputs.Output]:
+    """In the order of the model where the log tells it, otherwise by time."""
+    order = [name_in_files(tensor.name) for tensor in log.outputs] if log else []
+
+    def place(output: outputs.Output) -> tuple:
+        return (order.index(output.name) if output.name in order else len(order),
+                output.duplicate if output.name in order else 0, output.timestamp_us)
+    return sorted(found, key=place)
+
+
+def _coded(key: Key, side: Side, types: dict[str, str]) -> str:
+    if key[0] in types:
+        return types[key[0]]
+    tensor = side.tensor(key)
+    return values.CODED.get(tensor.type_code, values.FLOAT) if tensor else values.FLOAT
+
+
+def read_arrays(path: str, output: Side) -> Optional[Side]:
+    """A reference of .npy files: a file (for a model's only output), a folder of NAME.npy whose
+    first dimension is the run, or a folder with RUN/NAME.npy. None when it is none of these."""
+    place = Path(path)
+    side = Side(path)
+    runs = sorted(output.runs)
+    if place.is_file():
+        keys = output.keys()
+        if place.suffix != ".npy" or len(keys) != 1:
+            raise Unreadable(f"{path} is one file, and the model has the outputs "
+                             f"{', '.join(map(text, keys))}: name a folder with an .npy file for "
+                             "each" if place.suffix == ".npy" else
+                             f"{path} is neither a folder nor an .npy file")
+        _add(side, keys[0], place, runs)
+        return side
+    for file in sorted(place.glob("*.npy")):
+        _add(side, _key(file.stem, output), file, runs)
+    for file in sorted(place.glob("[0-9]*/*.npy")):
+        if file.parent.name.isdigit():
+            _add(side, _key(file.stem, output), file, [int(file.parent.name)])
+    return side if side.runs else None
+
+
+def _add(side: Side, key: Key, file: Path, runs: list[int]) -> None:
+    for run, part in zip(runs, values.of_array(file, len(runs))):
+        side.runs.setdefault(run, {})[key] = part
+
+
+def _key(stem: str, output: Side) -> Key:
+    numbered = re.fullmatch(r"(.+)\.(\d+)", stem)
+    if numbered and (numbered.group(1), int(numbered.group(2))) in output.keys():
+        return numbered.group(1), int(numbered.group(2))
+    return name_in_files(stem), 0
+
+
+def pair_keys(output: Side, reference: Side, by_order: bool) -> dict[Key, Key]:
+    """{output: its output in the reference}; raises Unreadable when nothing pairs."""
+    ours, theirs = output.keys(), reference.keys()
+    if by_order:
+        if len(ours) != len(theirs):
+            raise Unreadable(f"--by-order: {output.path} has {len(ours)} outputs, {reference.path} "
+                             f"{len(theirs)}: these are different models")
+        return dict(zip(ours, theirs))
+    pairs = {key: key for key in ours if key in theirs}
+    if not pairs:
+        raise Unreadable(
+            f"no output of {output.path} ({shortened([*map(text, ours)])}) is in {reference.path} "
+            f"({shortened([*map(text, theirs)])}): these are different models, or a compiler renamed"
+            " the outputs, which --by-order leaves aside")
+    return pairs
