@@ -1,4 +1,4 @@
-// The run driver: from a runtime that is up to a model that has run over every input group.
+// Drives the model once the runtime is up: loads it and runs it over every group of input files.
 #include <algorithm>
 #include <cstddef>
 #include <string>
@@ -42,7 +42,7 @@ int SampleProcess::RunModel(ModelProcess& model) {
     LogError("execute LoadModelFromFileWithMem failed");
     return kFailure;
   }
-  // The paths are shown and checked even when the description is not to be had.
+  // The paths are shown and checked even when there is no description.
   const int descResult = model.CreateDesc(inputNames);
   GroupInputsByName(inputFiles, inputNames);
   if (ResolvePaths(inputFiles) != kSuccess) {

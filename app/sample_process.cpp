@@ -1,3 +1,4 @@
+// Start and teardown of the runtime, and a whole run between them.
 #include "app/sample_process.h"
 
 #include <utility>

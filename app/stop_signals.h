@@ -5,7 +5,8 @@
 
 namespace quilmrun {
 
-/// From here on a write in vain fails instead of ending the process (SIGPIPE, SIGXFSZ).
+/// From here on a write that nobody reads, or beyond the largest size of a file, fails instead of
+/// ending the process (SIGPIPE, SIGXFSZ).
 void IgnoreWriteSignals();
 
 /// From here on the first SIGINT, SIGTERM, SIGQUIT, SIGHUP or SIGXCPU is only noted, and another

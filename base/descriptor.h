@@ -45,7 +45,7 @@ class Descriptor {
   /// set, when it takes no more.
   bool Write(const void* source, size_t size) const;
 
-  /// Ends the ownership of a file that turned out to be of no use.
+  /// Closes the file before the descriptor's end; IsOpen() is false from then on.
   void Close();
 
  private:

@@ -1,4 +1,4 @@
-// The program's voice: one printf-format line per message, on standard output.
+// Messages to the user: one line each on standard output, from a printf format.
 //
 // Every message starts with "[INFO]  ", "[WARN]  " or "[ERROR] ", so that the texts line up, and
 // ends with a newline that these calls add. Each text stands once in the sources; a step that

@@ -1,3 +1,5 @@
+// Moves the packed rows of an input file to their places in device memory, each byte read once and
+// with few system calls.
 #include <limits.h>
 
 #include <algorithm>

@@ -1,5 +1,5 @@
-// What the other folders ask of files before they trust them. None of these ends the program; each
-// says on standard output what is wrong.
+// Checks of paths and files, and reading of whole files. None of these ends the program; each says
+// on standard output what is wrong.
 #ifndef QUILMRUN_INPUT_UTILS_H_
 #define QUILMRUN_INPUT_UTILS_H_
 

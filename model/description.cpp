@@ -1,3 +1,4 @@
+// What the runtime says of the model's inputs and outputs: fetched, printed and recorded.
 #include "base/log.h"
 #include "base/status.h"
 #include "model/model_process.h"
@@ -7,7 +8,7 @@
 namespace quilmrun {
 namespace {
 
-// Prints one input or output; false when its dimensions are not to be had.
+// Prints one input or output; false when the runtime refuses its dimensions.
 bool PrintTensor(const TensorQueries& queries, const quilm_mdl_desc* desc, size_t index,
                  uint32_t batchSize, quilm_mdl_io_dims& dims) {
   if (QueryDims(queries, desc, index, dims) != 0) {

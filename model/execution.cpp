@@ -1,3 +1,4 @@
+// One inference on filled datasets: batch size, number of frames, execution and dump.
 #include "base/clock.h"
 #include "base/log.h"
 #include "base/status.h"

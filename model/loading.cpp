@@ -1,3 +1,4 @@
+// The life of the model in the runtime, from the read of its file to its unload.
 #include <utility>
 
 #include "base/clock.h"

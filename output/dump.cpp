@@ -18,8 +18,8 @@ namespace {
 
 constexpr mode_t kRunDirectoryMode = 0775;
 
-// A runtime that claims outputs which were never created is asked for no more than these, or it
-// could keep the dump busy for ever.
+// A runtime that claims outputs which were never created is asked for no more than these, so that
+// the dump comes to an end.
 constexpr size_t kMostUnknownOutputs = 4096;
 
 // False when there is no memory for the values, or there are more than a list can hold: outputs can

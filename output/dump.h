@@ -33,12 +33,12 @@ namespace quilmrun {
 
 class OutputFile;
 
-/// What is dumped; all of it is lent.
+/// What is dumped. Owns nothing: all of it has to outlive the dump.
 struct Outputs {
   const quilm_mdl_desc* modelDesc;
   const quilm_mdl_dataset* dataset;
   const std::vector<size_t>& sizes;  ///< bytes allocated for each output
-  uint32_t batchSize;
+  uint32_t batchSize;                ///< batches in every output buffer
 };
 
 /// Writes every output to outputPath/runIndex/. Reports what cannot be written and goes on with the

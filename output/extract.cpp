@@ -1,3 +1,4 @@
+// Takes the values of an output out of its padded rows and converts them to floats.
 #include <cstdint>
 
 #include "output/dump.h"

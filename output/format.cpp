@@ -1,3 +1,5 @@
+// The text and the binary form of the values of an output. Formatting takes most of the time of a
+// dump, so that the usual numbers have a way of their own that is faster than the library's.
 #include <algorithm>
 #include <charconv>
 #include <cmath>
