@@ -9,8 +9,8 @@
 #include "base/descriptor.h"
 #include "bench/scratch.h"
 #include "input/staging.h"
-#include "runtime/tensor_description.h"
 #include "runtime/handles.h"
+#include "runtime/tensor_description.h"
 
 namespace quilmrun {
 namespace {

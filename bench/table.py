@@ -166,6 +166,19 @@ def measure_memory(scratch):
     run(f"{many:,} groups of 2 named files", f"in1:{line}in0:{line}" * many, 2)
 
 
+def measure_recorder(scratch):
+    """What the recorder adds to a call, against its goal."""
+    command = [BUILD / "bench/many_calls", write(scratch / "settings.json", "{}"),
+               "10000" if BRIEF else "1000000"]
+    calls = write(scratch / "calls", "")
+    recorded = dict(os.environ, LD_LIBRARY_PATH=str(BUILD / "lib/quilmrun/record"),
+                    QUILMRUN_RECORD_CALLS=str(calls))
+    plain, noted = (float(subprocess.run(command, env=environment, capture_output=True,
+                                         check=True).stdout) / 1000
+                    for environment in (None, recorded))
+    add("a call: what quilmrun-record adds | 0.3 us", 0.3, noted - plain, "us", 1)
+
+
 def format_value(value, unit):
     return f"{value:,.3f} {unit}" if value < 10 else f"{value:,.1f} {unit}"
 
@@ -187,6 +200,7 @@ def main():
     with tempfile.TemporaryDirectory(prefix="quilmrun_", dir=DIRECTORY) as scratch:
         measure_digits(pathlib.Path(scratch))
         measure_memory(pathlib.Path(scratch))
+        measure_recorder(pathlib.Path(scratch))
     print_table()
 
 

@@ -186,7 +186,7 @@ def _read_events(record: Record, events: list[Any]) -> None:
     for event in known:
         at_ms = (event["ts"] - origin) / 1000.0
         arguments = event.get("args") or {}
-        if event.get("ph") == "X" and event.get("cat") != "phase":
+        if event.get("ph") == "X" and event.get("cat") not in ("phase", "copy"):
             record.calls.append(Call(
                 str(event.get("name", "")), str(event.get("cat", "")), at_ms,
                 float(event.get("dur") or 0) / 1000.0, arguments.get("result"),

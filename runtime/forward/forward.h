@@ -2,7 +2,8 @@
 // function of the interface and decides for each call what happens before, after or instead of the
 // real one. The recorder, the tests' runtime and the benchmarks' runtime are made of it.
 //
-// A user writes what is to happen to any call, and overloads for the calls that are special:
+// A user writes what is to happen to any call, and overloads for the calls that are special, with
+// the very types of the interface, since the template would be the better match otherwise:
 //
 //   template <Id kId, typename... Arguments>
 //   ResultOf<kId> Handle(Call<kId> call, Arguments... arguments) {
@@ -21,6 +22,9 @@
 
 #include "runtime/forward/calls.h"
 #include "runtime/quilm.h"
+
+// Of several such libraries in one process, as when one of them is recorded, each has its own.
+#pragma GCC visibility push(hidden)
 
 namespace quilm_forward {
 
@@ -76,10 +80,12 @@ extern void* realFunctions[kCallCount];
 /// The names of the functions, by Id.
 extern const char* const kNames[kCallCount];
 
+/// What OpenRealLibrary() says of the library that it is called from.
+extern const char* const kPassesOn;
+
 /// Loads the library at `path`, which has to contain a slash: the loader would take a plain name
-/// for the library that is calling, which has it too. Its symbols stay its own. Returns null, or a
-/// line that says what is wrong: not a library for this machine, a function missing, or the caller
-/// itself.
+/// for the library that is calling, which has it too. Its symbols stay its own. Returns null, or
+/// what is wrong: not a library for this machine, a function missing, or `kPassesOn`.
 const char* OpenRealLibrary(const char* path);
 
 /// Calls the real library.
@@ -90,6 +96,8 @@ ResultOf<kId> Pass(Call<kId>, Arguments... arguments) {
 }
 
 }  // namespace quilm_forward
+
+#pragma GCC visibility pop
 
 // Defines one function of the interface, which calls the Handle() that is visible where this
 // stands.

@@ -65,8 +65,7 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
 
   std::vector<std::string> grouped = entries;
   GroupInputsByName(grouped, names);
-  if (names.empty() || entries.size() % names.size() != 0 ||
-      !AllInputsNamed(entries, names)) {
+  if (names.empty() || entries.size() % names.size() != 0 || !AllInputsNamed(entries, names)) {
     Require(grouped == entries);
   } else {
     const std::vector<std::string> sorted = SortedPositions(entries, names);

@@ -3,8 +3,8 @@
 #include <cstdio>
 #include <vector>
 
-#include "base/status.h"
 #include "base/number.h"
+#include "base/status.h"
 #include "input/rpn_data.h"
 #include "tests/fuzz/fuzz.h"
 

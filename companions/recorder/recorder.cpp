@@ -1,0 +1,102 @@
+// The recorder: a libquilm.so that notes when each call begins, how long it takes, what it returns
+// and what it is about, and leaves all else to the real library. quilmrun-record puts it in front
+// of that one and tells it by the environment where to note calls.
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <type_traits>
+
+#include "companions/recorder/find_library.h"
+#include "companions/recorder/recording.h"
+#include "runtime/forward/forward.h"
+
+namespace {
+
+using namespace quilm_forward;  // NOLINT: what all of this is about
+using quilmrun_record::CallEntry;
+
+quilmrun_record::Recording recording;
+
+// Exceptions of the library pass through here on their way to the tool. They may be of another C++
+// library than the one this is built with, so there must be nothing here that notices them.
+template <typename Argument>
+void NoteHandle(CallEntry& entry, Argument argument) {
+  if constexpr (std::is_pointer_v<Argument>) {
+    (entry.object == 0 ? entry.object : entry.other) = reinterpret_cast<uintptr_t>(argument);
+  }
+}
+
+template <Id kId, typename... Arguments>
+void NoteArguments(CallEntry& entry, Call<kId>, Arguments... arguments) {
+  (NoteHandle(entry, arguments), ...);
+}
+
+// What the call has handed out is known only afterwards.
+void NoteArguments(CallEntry& entry, Call<Id::quilm_rt_malloc>, void**, size_t size, int32_t) {
+  entry.bytes = size;
+}
+
+void NoteArguments(CallEntry& entry, Call<Id::quilm_mdl_load_from_mem>, const void* model,
+                   size_t size, uint32_t*) {
+  NoteHandle(entry, model);
+  entry.bytes = size;
+}
+
+void NoteArguments(CallEntry& entry, Call<Id::quilm_create_data_buffer>, void* memory, size_t size,
+                   size_t) {
+  NoteHandle(entry, memory);
+  entry.bytes = size;
+}
+
+template <Id kId, typename... Arguments>
+void NoteOutcome(CallEntry&, Call<kId>, Arguments...) {}
+
+void NoteOutcome(CallEntry& entry, Call<Id::quilm_rt_malloc>, void** memory, size_t, int32_t) {
+  NoteHandle(entry, *memory);
+}
+
+template <Id kId, typename... Arguments>
+ResultOf<kId> Handle(Call<kId> call, Arguments... arguments) {
+  CallEntry entry{};
+  entry.call = static_cast<uint32_t>(kId) + 1;
+  NoteArguments(entry, call, arguments...);
+  const size_t number = recording.Begin(entry);
+  const ResultOf<kId> result = Pass(call, arguments...);
+  NoteOutcome(entry, call, arguments...);
+  if constexpr (std::is_pointer_v<ResultOf<kId>>) {
+    recording.End(number, entry, static_cast<int64_t>(reinterpret_cast<uintptr_t>(result)));
+  } else {
+    recording.End(number, entry, static_cast<int64_t>(result));
+  }
+  return result;
+}
+
+[[noreturn]] void GiveUp(const char* problem) {
+  std::fprintf(stderr, "quilmrun-record: %s\n", problem);
+  constexpr int kMisuse = 2;
+  _exit(kMisuse);
+}
+
+// Before the tool's first line, as the loader does when it misses the library.
+__attribute__((constructor)) void Start() {
+  static char library[4096];
+  if (!quilmrun_record::FindRealLibrary(std::getenv("QUILMRUN_RECORD_CACHED"), library,
+                                        sizeof(library))) {
+    GiveUp(library);
+  }
+  const char* path = std::getenv("QUILMRUN_RECORD_CALLS");
+  const char* problem = path == nullptr ? nullptr : recording.Open(path, library);
+  if (problem != nullptr) {
+    std::fprintf(stderr, "quilmrun-record: %s: ", path);
+    GiveUp(problem);
+  }
+}
+
+__attribute__((destructor)) void Stop() {
+  recording.Close();
+}
+
+}  // namespace
+
+QUILM_CALLS(QUILM_FORWARD)
