@@ -5,11 +5,11 @@ build_packages=(g++ cmake ninja-build libprotobuf-c-dev protobuf-c-compiler libo
                 libonnx-dev nlohmann-json3-dev python3)
 
 # What the companions in Python take.
-companion_packages=(python3 python3-numpy python3-pil python3-tqdm)
+companion_packages=(python3 python3-numpy python3-pil python3-tqdm python3-jinja2)
 
 # What building and running the tests takes on top.
 test_packages=(libgtest-dev libbenchmark-dev python3-onnx python3-numpy libonnx-testdata locales
-               binutils clang-format clang-tidy clang libclang-rt-14-dev llvm)
+               binutils chromium clang-format clang-tidy clang libclang-rt-14-dev llvm)
 
 # What building for a board and making packages takes on top.
 board_packages=(g++-aarch64-linux-gnu libprotobuf-c-dev:arm64 dpkg-dev file)

@@ -15,6 +15,7 @@ from typing import Any, Iterator
 from quilmrun_tools.cli import Unreadable
 
 FORMAT = "quilmrun-record"
+EXECUTE = "quilm_mdl_execute"
 PERCENTILES = (50, 90, 95, 99)
 
 
@@ -23,12 +24,10 @@ class Call:
     """One call of the runtime; times in milliseconds, counted from the first event."""
 
     function: str
-    category: str
     start_ms: float
     duration_ms: float
-    result: int | None
+    result: int | str | None  # pointers are texts
     group: int | None
-    repetition: int
 
 
 @dataclass(frozen=True)
@@ -59,10 +58,9 @@ class Distribution:
         if not durations:
             return None
         ranked, count, total = sorted(durations), len(durations), sum(durations)
-        # Nearest rank: the least duration that this share of all does not exceed.
-        shares = [ranked[max(0, -(-count * share // 100) - 1)] for share in PERCENTILES]
-        return Distribution(count, ranked[0], total / count, *shares, ranked[-1],
-                            1000.0 * count / total if total > 0 else 0.0)
+        return Distribution(count, ranked[0], total / count,
+                            *(_percentile(ranked, percent) for percent in PERCENTILES),
+                            ranked[-1], 1000.0 * count / total if total > 0 else 0.0)
 
     @staticmethod
     def from_json(values: Any) -> "Distribution | None":
@@ -73,6 +71,13 @@ class Distribution:
         if not all(isinstance(values.get(name, 0), (int, float)) for name in names):
             return None
         return Distribution(**{name: values.get(name, 0) for name in names})
+
+
+def _percentile(ranked: list[float], percent: int) -> float:
+    """Interpolated between the two durations around it, as the recorder does."""
+    below, rest = divmod(percent * (len(ranked) - 1), 100)
+    above = min(below + 1, len(ranked) - 1)
+    return ranked[below] + rest / 100 * (ranked[above] - ranked[below])
 
 
 @dataclass
@@ -90,11 +95,13 @@ class Record:
     statistics: dict[str, Distribution] = field(default_factory=dict)
     calls: list[Call] = field(default_factory=list)
     memory: list[MemoryPoint] = field(default_factory=list)
+    unfinished: str = ""  # the function in which the run ended
 
     @property
     def executions(self) -> list[Call]:
-        """The executions of the model, in order."""
-        return [call for call in self.calls if call.category == "execute"]
+        """The executions of the model that succeeded, in order; the first one is the warm-up."""
+        return [call for call in self.calls
+                if call.function == EXECUTE and call.result in (0, None)]
 
     @property
     def span_ms(self) -> float:
@@ -109,10 +116,11 @@ class Record:
         """The most device memory in use at once, in bytes."""
         return max((point.bytes for point in self.memory), default=None)
 
-    def distribution(self, category: str) -> Distribution | None:
-        """The recorder's own figures for a category, or those of the calls that are there."""
-        return self.statistics.get(category) or Distribution.of(
-            [call.duration_ms for call in self.calls if call.category == category])
+    def distribution(self, kind: str) -> Distribution | None:
+        """The recorder's own figures of a kind; those of executions also without them."""
+        executions = {"warm_up": self.executions[:1], "execute": self.executions[1:]}.get(kind, [])
+        return self.statistics.get(kind) or Distribution.of(
+            [call.duration_ms for call in executions])
 
 
 def read_record(path: Path) -> Record:
@@ -186,11 +194,12 @@ def _read_events(record: Record, events: list[Any]) -> None:
     for event in known:
         at_ms = (event["ts"] - origin) / 1000.0
         arguments = event.get("args") or {}
-        if event.get("ph") == "X" and event.get("cat") not in ("phase", "copy"):
-            record.calls.append(Call(
-                str(event.get("name", "")), str(event.get("cat", "")), at_ms,
-                float(event.get("dur") or 0) / 1000.0, arguments.get("result"),
-                arguments.get("group"), int(arguments.get("repetition") or 0)))
+        name = str(event.get("name", ""))
+        if name.startswith("quilm_") and event.get("ph") == "X":
+            record.calls.append(Call(name, at_ms, float(event.get("dur") or 0) / 1000.0,
+                                     arguments.get("result"), arguments.get("group")))
+        elif name.startswith("quilm_") and event.get("ph") == "B":
+            record.unfinished = name
         elif event.get("ph") == "C" and isinstance(arguments.get("bytes"), int):
             record.memory.append(MemoryPoint(at_ms, arguments["bytes"]))
     record.calls.sort(key=lambda call: call.start_ms)

@@ -12,8 +12,10 @@ from quilmrun_tools.report_verdict import judge
 MOST_FUNCTIONS = 12  # of the table of runtime calls; the rest is summed up
 
 # What the recorder tells apart, and how the page calls it.
-PHASES = {"load": "Model load", "warm_up": "First executions", "execute": "Execution",
-          "staging": "Staging of the inputs"}
+PHASES = {"load": "Model load", "warm_up": "First execution (warm-up)",
+          "execute": "All other executions", "execute_first": "– first of an inference",
+          "execute_repeated": "– its repetitions (-p 1)", "staging": "Staging of inputs",
+          "write_outputs": "Writing of outputs", "inference": "Whole inferences"}
 
 
 @dataclass(frozen=True)
@@ -54,6 +56,8 @@ def figures_of(run: Run) -> Figures:
     if run.record:
         figures.phases = {name: distribution for name in PHASES
                           if (distribution := run.record.distribution(name))}
+        if "execute_repeated" not in figures.phases:  # then all are the first of an inference
+            figures.phases.pop("execute_first", None)
         figures.span_ms = run.record.span_ms
         figures.functions = function_costs(run.record)
         figures.peak_memory = run.record.peak_memory
@@ -105,9 +109,9 @@ def _differences(comparison: dict[str, Any]) -> list[tuple[int, float]]:
     """The largest absolute difference of every inference, by its number."""
     worst: dict[int, float] = {}
     for item in comparison.get("runs", []):
-        index, value = item.get("index"), item.get("max_abs")
-        if isinstance(index, int) and isinstance(value, (int, float)):
-            worst[index] = max(worst.get(index, 0.0), float(value))
+        if not item.get("problem") and item.get("max_abs") is not None:
+            index = int(item["index"])
+            worst[index] = max(worst.get(index, 0.0), float(item["max_abs"]))  # "inf" is a text
     return sorted(worst.items())
 
 

@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import datetime
+import math
 from collections import Counter
 from dataclasses import dataclass
 from pathlib import Path
@@ -91,7 +92,8 @@ def _drawings(sides: list[Side]) -> dict[str, Markup]:
     executions = _per_series(sides, lambda side: _executions(side.run))
     if any(executions):
         drawn["histogram"] = charts.histogram(
-            [[call.duration_ms for call in calls] for calls in executions], _markers(sides),
+            [[call.duration_ms for call in calls[1:] or calls] for calls in executions],
+            _markers(sides),
             units.duration_unit)
         drawn["time line"] = charts.dots(
             [[(call.start_ms, call.duration_ms) for call in calls] for calls in executions],
@@ -102,7 +104,8 @@ def _drawings(sides: list[Side]) -> dict[str, Markup]:
         drawn["memory"] = charts.steps(memory, units.duration_unit, units.size_unit,
                                        "Device memory in use")
     differences = _per_series(sides, lambda side: [(float(index), value) for index, value
-                                                   in side.figures.differences])
+                                                   in side.figures.differences
+                                                   if math.isfinite(value)])
     if any(len(points) > 1 for points in differences):
         limits = (sides[-1].run.comparison or {}).get("limits") or {}
         drawn["differences"] = charts.dots(differences, units.plain_unit, units.plain_unit,

@@ -6,14 +6,9 @@ from dataclasses import dataclass
 from typing import Any
 
 from quilmrun_tools.report_run import Run
-from quilmrun_tools.units import significant
+from quilmrun_tools.units import percent
 
 PASS, FAIL, OPEN = "pass", "fail", "open"
-
-# How the limits of a comparison read.
-LIMITS = {"atol": "absolute difference at most {}", "rtol": "relative difference at most {}",
-          "cosine": "cosine similarity at least {}", "top1": "top-1 agreement at least {}"}
-
 
 @dataclass(frozen=True)
 class Verdict:
@@ -39,18 +34,32 @@ def judge(run: Run) -> Verdict:
     return Verdict(overall, [sentence for _, sentence in parts if sentence])
 
 
-def limits_in_words(limits: dict[str, Any]) -> str:
-    """The limits that were set, as "absolute difference at most 0.01, ..."; empty for none."""
-    return ", ".join(LIMITS.get(name, name + " {}").format(significant(float(value)))
-                     for name, value in (limits or {}).items() if value is not None)
+def limits_in_words(limits: dict[str, Any] | None) -> str:
+    """The limits that were set, as "|difference| at most 0.01, ..."; empty for none."""
+    said = []
+    absolute, relative, cosine, top1 = ((limits or {}).get(name) for name in
+                                        ("atol", "rtol", "cosine", "top1"))
+    if absolute is not None or relative is not None:
+        said.append(f"|difference| at most {_short(absolute or 0.0)}"
+                    + (f" + {_short(relative)} · |reference|" if relative else ""))
+    if cosine is not None:
+        said.append(f"cosine similarity at least {_short(cosine)}")
+    if top1 is not None:
+        said.append(f"top-1 agreement at least {percent(top1)}")
+    return ", ".join(said)
+
+
+def _short(value: float) -> str:
+    return f"{float(value):g}"
 
 
 def _course(run: Run) -> tuple[str, str]:
     """Whether the run itself succeeded."""
     log, record = run.log, run.record
     if record and not record.complete and not (log and log.succeeded):
-        return FAIL, ("The record was cut short: the run ended by a signal or a crash after "
-                      f"{count(len(record.executions), 'execution')}.")
+        within = f" within {record.unfinished}" if record.unfinished else ""
+        return FAIL, (f"The record was cut short: the run ended by a signal or a crash{within}, "
+                      f"after {count(len(record.executions), 'execution')}.")
     if record and record.exit_status:
         return FAIL, f"The run ended with status {record.exit_status}{_first_error(run)}."
     if log and log.stopped:

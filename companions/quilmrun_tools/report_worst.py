@@ -51,7 +51,7 @@ def worst_cases(run: Run, most: int) -> list[WorstCase]:
     """The first of the comparison's runs, which come worst first; equal ones are left out."""
     comparison = run.comparison or {}
     cases = [item for item in comparison.get("runs", [])
-             if item.get("pass") is False or item.get("max_abs") != 0]
+             if item.get("pass") is False or item.get("max_abs") != 0 or item.get("problem")]
     types = {(item.get("name"), item.get("duplicate", 0)): item.get("type")
              for item in comparison.get("outputs", [])}
     return [_worst_case(run, item, types.get((item.get("output"), item.get("duplicate", 0))))
@@ -66,6 +66,9 @@ def _worst_case(run: Run, item: dict[str, Any], element_type: str | None) -> Wor
     sources = run.sources(case.index) or [_source_path(source) for source in item.get("sources") or []]
     case.pictures = [Picture(Path(path).name, path, thumbnail(path, near) if is_picture(path) else "")
                      for path in sources[:4]]
+    if item.get("problem"):
+        case.remark = str(item["problem"])
+        return case
     try:
         _draw(case, _elements(_located(run, "output", item.get("file")), element_type),
               _elements(_located(run, "reference", item.get("reference_file")), element_type))

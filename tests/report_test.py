@@ -1,0 +1,213 @@
+"""quilmrun-report on real runs: whole, in parts, damaged, side by side, and in a browser."""
+
+import html
+import json
+import os
+import pathlib
+import re
+import shutil
+import subprocess
+import unittest
+
+import tool
+
+ROOT = pathlib.Path(__file__).resolve().parent.parent
+DIGITS = ROOT / "examples/digits"
+NAME = "Läufe & <b>co"  # of the run's folder, where it could break a page
+
+# Shows a page in a frame of each width and tells what a reader would miss.
+HARNESS = """<!DOCTYPE html><html><body><pre id="told"></pre><script>
+const told = [], widths = [400, 1600];
+function show() {
+  if (told.length == widths.length) {
+    document.getElementById("told").textContent = "TOLD" + JSON.stringify(told) + "TOLD";
+    return;
+  }
+  const frame = document.createElement("iframe");
+  frame.style = "border: 0; height: 900px; width: " + widths[told.length] + "px";
+  frame.srcdoc = PAGE;
+  frame.onload = () => {
+    const page = frame.contentDocument, images = [...page.images];
+    told.push({width: page.documentElement.clientWidth, scroll: page.scrollingElement.scrollWidth,
+               images: images.length, shown: images.filter(image => image.naturalWidth > 0).length,
+               drawings: page.querySelectorAll("svg").length});
+    show();
+  };
+  document.body.append(frame);
+}
+show();
+</script></body></html>"""
+
+
+def record(executions_us, complete=True, start_us=1795388705000000):
+    """A record of executions that took so many microseconds, the first the warm-up."""
+    events, at = [{"name": "process_name", "ph": "M", "pid": 1, "args": {"name": "quilmrun"}}], 0.0
+    for group, duration in enumerate(executions_us):
+        events += [{"name": "device memory", "ph": "C", "ts": at, "pid": 1,
+                    "args": {"bytes": 1024 * (group + 1)}},
+                   {"name": f"group {group}", "cat": "phase", "ph": "X", "ts": at,
+                    "dur": duration + 60, "pid": 1, "tid": 1, "args": {"complete": True}},
+                   {"name": "quilm_mdl_execute", "cat": "execute", "ph": "X", "ts": at + 50,
+                    "dur": duration, "pid": 1, "tid": 1, "args": {"result": 0, "group": group}}]
+        at += duration + 100
+    return {"otherData": {"format": "quilmrun-record", "version": 1, "complete": complete,
+                          "command": ["quilmrun", "-m", "digits.onnx", "-i", "a <i>list"],
+                          "exit_status": 0, "start_us": start_us, "statistics": {}},
+            "traceEvents": events}
+
+
+class ReportTest(tool.ToolTest):
+
+    def run_companion(self, name, *arguments):
+        """(status, standard output, standard error)"""
+        result = subprocess.run([str(ROOT / "companions" / name), *map(str, arguments)],
+                                cwd=self.dir, capture_output=True, check=False, text=True)
+        self.assertNotIn("Traceback", result.stderr)
+        return result.returncode, result.stdout, result.stderr
+
+    def make_run(self, name=NAME, factor=1):
+        """A folder with everything of a run on the digits, compared with values that differ in
+        inference 1; 101 executions were recorded."""
+        folder = self.dir / name
+        (folder / "out").mkdir(parents=True)
+        settings = self.write(f"{name}/quilm.json", "{}")
+        _, log, _ = self.run_tool("-m", DIGITS / "digits.onnx", "-i", DIGITS / "list.txt", "-j",
+                                  settings, "-o", folder / "out")
+        self.write(f"{name}/log.txt", log)
+        shutil.copytree(folder / "out", folder / "reference")
+        next((folder / "reference/1").glob("*.bin")).write_bytes(bytes(40))
+        self.write(f"{name}/record.json", json.dumps(record(
+            [9000] + [factor * (1000 + 10 * place) for place in range(101)])))
+        sources = [{"inference": place, "input": "image", "file": f"{place}.bin", "bytes": 64,
+                    "sha256": "", "sources": [{"path": str(self.picture()), "sha256": "",
+                                               "width": 6, "height": 4}]} for place in range(20)]
+        self.write(f"{name}/inputs.json", json.dumps(
+            {"format": "quilmrun-inputs", "version": 1, "created": "", "command": ["quilmrun-inputs"],
+             "options": {}, "model": {}, "list": "list.txt", "batch": 1, "files": sources}))
+        self.run_companion("quilmrun-compare", folder / "out", folder / "reference", "--log",
+                           folder / "log.txt", "--inputs", folder / "inputs.json", "--json",
+                           folder / "comparison.json")
+        return folder
+
+    def picture(self):
+        """A picture with a name that has blanks, quotes and other letters."""
+        path = self.dir / 'ein "Bild" für <img>.ppm'
+        path.write_bytes(b"P6 6 4 255\n" + bytes(range(72)))
+        return path
+
+    def test_whole_run(self):
+        folder = self.make_run()
+        status, said, errors = self.run_companion("quilmrun-report", folder, "--json", "figures.json")
+        self.assertEqual((status, errors), (1, ""))
+        self.assertIn("Fail: 20 inferences ran without an error. Output probabilities exceeds", said)
+        self.assertIn("p50 1.50 ms, p90 1.90 ms, p95 1.95 ms, p99 1.99 ms", said)
+        figures = json.loads((self.dir / "figures.json").read_text())["run"]
+        self.assertEqual((figures["verdict"], figures["inferences"], figures["missing"]),
+                         ("fail", 20, []))
+        self.assertEqual(figures["statistics_ms"]["warm_up"]["max"], 9)
+        self.assertEqual([(cost["function"], cost["calls"]) for cost in figures["calls"]],
+                         [("quilm_mdl_execute", 102)])
+        self.assertEqual(figures["peak_device_memory_bytes"], 102 * 1024)
+        page = (folder / "report.html").read_text()
+        for word in (html.escape(NAME), "data:image/jpeg;base64,", "a &lt;i&gt;list", "1 × 1 × 8 × 8",
+                     "Inference 1 · probabilities", "Mapper Temp Buffer", "✗ exceeds"):
+            self.assertIn(word, page)
+        for unsafe in ("<b>co", "<i>list", "<img>.ppm", "http:", "https:", "<script"):
+            self.assertNotIn(unsafe, page)
+
+    def test_parts(self):
+        """Every part may be missing or damaged; the page says so, and how to get it."""
+        folder = self.make_run("run")
+        parts = {"log.txt": "quilmrun -m MODEL", "memory_data.csv": "copy it to RUN",
+                 "record.json": "quilmrun-record -o", "comparison.json": "quilmrun-compare OUT",
+                 "inputs.json": "quilmrun-inputs"}
+        for name, remedy in parts.items():
+            content = (folder / name).read_bytes()
+            cut = [] if name == "record.json" else [content[:len(content) // 20]]
+            for damage in (None, b"\xff\x00[1]", *cut):
+                with self.subTest(name=name, damage=damage and damage[:20]):
+                    (folder / name).unlink()
+                    if damage is not None:
+                        (folder / name).write_bytes(damage)
+                    status, _, errors = self.run_companion("quilmrun-report", folder)
+                    self.assertEqual((status, errors.count("warning: ")),
+                                     (0 if name == "comparison.json" else 1, 0 if damage is None else 1))
+                    self.assertIn(remedy, html.unescape((folder / "report.html").read_text()))
+                (folder / name).write_bytes(content)
+
+    def test_cut_short(self):
+        """A record counts up to where it ends, and fails the run."""
+        whole = json.dumps(record([1000] * 50))
+        for content, executions in ((json.dumps(record([1000] * 50, complete=False)), 50),
+                                    (whole[:whole.index('"group 20"')], 20)):
+            self.write("run/record.json", content)
+            status, said, _ = self.run_companion("quilmrun-report", "run")
+            self.assertEqual(status, 1)
+            self.assertIn(f"cut short: the run ended by a signal or a crash, after {executions} exec",
+                          said)
+
+    def test_no_inferences(self):
+        _, log, _ = self.run_tool("-m", DIGITS / "digits.onnx", "-i", "none", "-j",
+                                  self.write("run/q.json", "{}"))
+        self.write("run/log.txt", log)
+        self.write("run/record.json", json.dumps(record([])))
+        status, said, _ = self.run_companion("quilmrun-report", "run")
+        self.assertEqual((status, said.split("\n")[0]),
+                         (0, "No verdict: The model was loaded, and no inference was run."))
+
+    def test_side_by_side(self):
+        before, after = self.make_run("before", factor=2), self.make_run("after")
+        _, said, _ = self.run_companion("quilmrun-report", after, "--compare-with", before)
+        self.assertIn("p50 of after against before: −50.0 %", said)
+        log = (before / "log.txt").read_text()
+        (before / "log.txt").write_text(log.replace("[1, 10, ]", "[1, 12, ]"))
+        self.run_companion("quilmrun-report", after, "--compare-with", before)
+        self.assertIn("models with different outputs: probabilities float 1 × 12 in before, "
+                      "probabilities float 1 × 10 in after", (after / "report.html").read_text())
+
+    def test_misuse(self):
+        (self.dir / "empty").mkdir()
+        self.write("run/record.json", json.dumps(record([10])))
+        self.write("mine.html", "<html>not a report</html>")
+        for arguments, expected in (
+                ((), "name the folder of a run"),
+                (("nowhere",), "nowhere: no such folder; name the one that holds log.txt"),
+                (("empty",), "empty is empty; a run's folder has some of log.txt"),
+                (("run", "--worst", "-1"), "--worst takes a number"),
+                (("run", "--compare-with", "nowhere"), "nowhere: no such folder"),
+                (("run", "--log", "none"), "cannot read the log none"),
+                (("run", "-o", "mine.html"), "mine.html exists, and quilmrun-report did not make it"),
+                (("run", "-o", "no/page.html"), "cannot write no/page.html")):
+            with self.subTest(arguments=arguments):
+                status, said, errors = self.run_companion("quilmrun-report", *arguments)
+                self.assertEqual((status, said, errors.count("\n")), (2, "", 1))
+                self.assertIn(expected, errors)
+        self.assertEqual((self.dir / "mine.html").read_text(), "<html>not a report</html>")
+
+    def test_in_a_browser(self):
+        browser = shutil.which("chromium")
+        if not browser:
+            print(f"skipped: {self.id()}: chromium is not installed")
+            self.skipTest("chromium is not installed")
+        before, after = self.make_run("before"), self.make_run(NAME)
+        self.run_companion("quilmrun-report", after, "--compare-with", before)
+        page = json.dumps((after / "report.html").read_text()).replace("</", "<\\/")
+        self.write("harness.html", HARNESS.replace("PAGE", page))
+        result = subprocess.run(
+            [browser, "--headless", "--disable-gpu", "--disable-quic", "--no-first-run",
+             "--disable-background-networking", "--disable-component-update", "--disable-sync",
+             "--enable-logging=stderr", "--virtual-time-budget=10000",
+             *(["--no-sandbox"] if os.geteuid() == 0 else []),
+             f"--user-data-dir={self.dir}/profile", "--dump-dom",
+             (self.dir / "harness.html").as_uri()],
+            capture_output=True, check=False, timeout=110, text=True)
+        self.assertEqual([line for line in result.stderr.splitlines() if "CONSOLE" in line], [])
+        told = json.loads(re.search("TOLD(.*)TOLD</pre>", result.stdout)[1])
+        self.assertEqual([(view["scroll"], view["images"], view["shown"]) for view in told],
+                         [(view["width"], 1, 1) for view in told])
+        self.assertEqual([view["width"] // 100 for view in told], [3, 15])  # less a scroll bar
+        self.assertEqual([view["drawings"] for view in told], [5, 5])
+
+
+if __name__ == "__main__":
+    unittest.main()
