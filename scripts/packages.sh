@@ -1,8 +1,8 @@
 # Debian packages, for the scripts beside this file; sourced, not run.
 
 # What building the tool and running the examples takes.
-build_packages=(g++ cmake ninja-build libprotobuf-c-dev protobuf-c-compiler libopencv-dnn-dev
-                libonnx-dev nlohmann-json3-dev python3)
+build_packages=(g++ cmake ninja-build libprotobuf-c-dev protobuf-c-compiler libonnx-dev
+                nlohmann-json3-dev python3)
 
 # What the companions in Python take.
 companion_packages=(python3 python3-numpy python3-pil python3-tqdm python3-jinja2)

@@ -7,7 +7,6 @@ import resource
 import unittest
 import unittest.mock
 
-import numpy as np
 from onnx import TensorProto, helper
 
 from models import (FAILURE, SHAPE_WARNING, SUCCESS, HostRuntimeTest, copies, executed,
@@ -80,13 +79,10 @@ class BadInput(HostRuntimeTest):
         status, out, err = self.run_model(unsupported, "x")
         self.assertTrue(out.endswith(failed), out)
         self.assertRegex(err, r'^host runtime: [^\n]*odd one[^\n]*Frobnicate[^\n]*\n$')
-        int64 = model([helper.make_node("Identity", ["x"], ["y"])],
-                      [tensor("x", [1], TensorProto.INT64)], [tensor("y", [1], TensorProto.INT64)])
         for content, reason in [
                 (b"#!/bin/sh\necho this is no model\n", "it is not an ONNX file"),
                 (identity([1, 8])[:-20], "it is not an ONNX file"),
-                (identity([1, "W"]), 'input "x": dimension 1 is not a number'),
-                (identity([0, 8]), 'input "x": dimension 0 is not above 0'),
+                (identity([0, 8]), 'input "x": its shape [0, 8] has a dimension that is not above 0'),
                 (model([helper.make_node("Neg", ["x"], ["y"])], [tensor("x", [3, 1])],
                        [tensor("y", [3, 1])], properties={"quilm.net_type": "2"}),
                  "a recurrent model's input 0 has as many frames, its first dimension, as input 1 "
@@ -94,7 +90,8 @@ class BadInput(HostRuntimeTest):
                 (model([helper.make_node("Neg", ["x"], ["y"])], [tensor("x", [3, 1])],
                        [tensor("y", [3, 1])], properties={"quilm.net_type": "2x"}),
                  'quilm.net_type "2x" is not a number'),
-                (int64, 'input "x": element type INT64 has no code')]:
+                (identity([1], TensorProto.STRING),
+                 'input "x": element type STRING cannot be an input or output')]:
             self.check(1, failed, model_bytes=content,
                        stderr=f"host runtime: the model cannot be loaded: {reason}\n")
         whole = (pathlib.Path(__file__).parent.parent / "examples/digits/digits.onnx").read_bytes()
@@ -211,20 +208,6 @@ class BadInput(HostRuntimeTest):
         _, _, err = self.run_model(identity([1, 4]), "x", settings={"row_alignment": 6})
         self.assertEqual(err, 'host runtime: the model cannot be loaded: input "x": its elements '
                               "do not fit a row_alignment of 6\n")
-
-    def test_numbers_that_the_engine_would_change(self):
-        self.write("x", np.array([1, 2, 3, -np.inf, 4, 5, 6, 7], "<f4").tobytes())
-        self.check(1, "[ERROR] execute inference failed\n" + FAILURE,
-                   stderr='host runtime: execution failed: "x" holds infinity or NaN, which the '
-                          "engine does not carry through\n")
-
-    def test_numbers_that_floats_cannot_carry(self):
-        self.write("x", np.array([1, 2**24 + 1], "<i4").tobytes())
-        self.check(1, "[ERROR] execute inference failed\n" + FAILURE,
-                   model_bytes=identity([1, 2], TensorProto.INT32),
-                   stderr='host runtime: execution failed: "x" holds a number that is not below '
-                          "2^24 in magnitude, which the engine cannot carry exactly as an "
-                          "integer\n")
 
 
 if __name__ == "__main__":

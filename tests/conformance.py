@@ -4,7 +4,8 @@
     conformance.py QUILMRUN_EXECUTABLE [DATA_DIR]
 
 A case is right when the numbers in the output files are those that ONNX expects, refused when the
-tool cannot express it or the host runtime explains that it does not run it, and wrong otherwise.
+tool cannot express it or the host runtime explains that it does not run it, and wrong otherwise,
+but for a few cases whose reference data are known to be wrong or random.
 Exits with 1 when a case is wrong or fewer than RIGHT_FLOOR are right.
 """
 
@@ -22,16 +23,35 @@ import onnx
 from onnx import numpy_helper
 
 DATA_DIR = "/usr/share/libonnx-testdata/data"
-RIGHT_FLOOR = 445
+RIGHT_FLOOR = 850
 AT_ONCE = 2
 TIMEOUT_SECONDS = 20
 SANITIZER_REPORT = re.compile(r"AddressSanitizer|LeakSanitizer|runtime error:")
 EXPLANATION = re.compile(r"^host runtime: (.*)$", re.MULTILINE)
 QUOTED_OR_NUMBER = re.compile(r'"[^"]*"|\d+')
-FLOAT16, INT32 = onnx.TensorProto.FLOAT16, onnx.TensorProto.INT32
-TYPES_WITH_A_CODE = {
-    onnx.TensorProto.FLOAT, FLOAT16, onnx.TensorProto.INT8, INT32, onnx.TensorProto.UINT8,
-    onnx.TensorProto.INT16, onnx.TensorProto.UINT16
+# The type in which elements stand in input files, and are dumped to output files.
+DEVICE_TYPES = {
+    onnx.TensorProto.FLOAT: "<f4", onnx.TensorProto.DOUBLE: "<f4", onnx.TensorProto.FLOAT16: "<f2",
+    onnx.TensorProto.INT8: "i1", onnx.TensorProto.UINT8: "u1", onnx.TensorProto.BOOL: "u1",
+    onnx.TensorProto.INT16: "<i2", onnx.TensorProto.UINT16: "<u2", onnx.TensorProto.INT32: "<i4",
+    onnx.TensorProto.INT64: "<i4"
+}
+
+# Cases whose reference data no engine can meet, and why.
+KNOWN_WRONG = {
+    "test_bernoulli": "random",
+    "test_bernoulli_double": "random",
+    "test_bernoulli_double_expanded": "random",
+    "test_bernoulli_expanded": "random",
+    "test_bernoulli_seed": "random: a seed means another sequence to every engine",
+    "test_bernoulli_seed_expanded": "random: a seed means another sequence to every engine",
+    "test_maxunpool_export_with_output_shape": "the data take indices of the larger output for the smaller",
+    "test_resize_downsample_scales_cubic_align_corners": "the data place corners by a length that is not whole",
+    "test_resize_downsample_scales_linear_align_corners": "the data place corners by a length that is not whole",
+    "test_training_dropout": "random",
+    "test_training_dropout_default": "random",
+    "test_training_dropout_default_mask": "random",
+    "test_training_dropout_mask": "random",
 }
 
 Outcome = collections.namedtuple("Outcome", "verdict reason")
@@ -50,7 +70,7 @@ def data_inputs(graph):
     return [value for value in graph.input if value.name not in constants]
 
 
-def inexpressible(graph):
+def inexpressible(case, graph):
     """Why no input and list file can carry the case, or None."""
     if not data_inputs(graph):
         return "not expressible: no inputs"
@@ -59,11 +79,12 @@ def inexpressible(graph):
         if kind != "tensor_type":
             return f"not expressible: {kind}"
         tensor = value.type.tensor_type
-        if tensor.elem_type not in TYPES_WITH_A_CODE:
+        if tensor.elem_type not in DEVICE_TYPES:
             return "not expressible: element type " + onnx.TensorProto.DataType.Name(
                 tensor.elem_type)
-        if any(dim.HasField("dim_value") and dim.dim_value == 0 for dim in tensor.shape.dim):
-            return "not expressible: empty tensor"
+    files = glob.glob(glob.escape(case) + "/test_data_set_0/*.pb")
+    if any(read_tensor(path).size == 0 for path in files):
+        return "not expressible: empty tensor"
     return None
 
 
@@ -77,40 +98,40 @@ def read_tensor(path):
 def write_case(case, graph, folder):
     """The list file with one line per input, beside the raw inputs."""
     names = []
-    for index in range(len(data_inputs(graph))):
+    for index, value in enumerate(data_inputs(graph)):
         names.append(f"input_{index}.bin")
         array = read_tensor(f"{case}/test_data_set_0/input_{index}.pb")
-        if not np.little_endian:
-            array = array.byteswap()
+        device_type = DEVICE_TYPES[value.type.tensor_type.elem_type]
         with open(os.path.join(folder, names[-1]), "wb") as file:
-            file.write(np.ascontiguousarray(array).tobytes())
+            file.write(np.ascontiguousarray(array).astype(device_type).tobytes())
     with open(os.path.join(folder, "list.txt"), "w", encoding="ascii") as file:
         file.write("".join(name + "\n" for name in names))
     with open(os.path.join(folder, "settings.json"), "w", encoding="ascii") as file:
-        file.write("{}")
+        file.write('{"threads": 1}')
     os.mkdir(os.path.join(folder, "out"))
 
 
 def decode(path, element_type, expected):
     """The numbers in one output file, in the type of the expected ones."""
     dumped = np.fromfile(path, dtype="<f4")
-    if element_type == FLOAT16:
+    device_type = DEVICE_TYPES[element_type]
+    if device_type == "<f2":
         return dumped.astype(np.uint16).view(np.float16)
-    if element_type == INT32:
-        return dumped.view("<i4")
-    return dumped.astype(expected.dtype)
+    return (dumped.view("<i4") if device_type == "<i4" else dumped).astype(expected.dtype)
 
 
 def agree(actual, expected):
     if actual.size != expected.size:
         return False
     actual = actual.reshape(expected.shape)
-    if expected.dtype == np.float32:
-        return np.allclose(actual, expected, rtol=1e-3, atol=1e-5, equal_nan=True)
-    if expected.dtype == np.float16:
-        return np.allclose(actual.astype(np.float32), expected.astype(np.float32), rtol=1e-2,
-                           atol=1e-3, equal_nan=True)
-    return np.array_equal(actual, expected)
+    half = expected.dtype == np.float16
+    if expected.dtype.kind != "f":
+        return np.array_equal(actual, expected)
+    actual, expected = actual.astype(np.float64), expected.astype(np.float64)
+    relative, absolute = (1e-2, 1e-3) if half else (1e-3, 1e-5)
+    # Sums round in proportion to their largest terms, also where the result is nearly 0.
+    largest = np.abs(expected[np.isfinite(expected)]).max(initial=0)
+    return np.allclose(actual, expected, relative, max(absolute, 1e-5 * largest), equal_nan=True)
 
 
 def stamp(path):
@@ -127,6 +148,8 @@ def compare(case, graph, folder):
         if not os.path.basename(path).startswith(name + "."):
             return wrong(f"output file {os.path.basename(path)} instead of one of {name}")
         if not agree(decode(path, output.type.tensor_type.elem_type, expected), expected):
+            if os.path.basename(case) in KNOWN_WRONG:
+                return Outcome("known", KNOWN_WRONG[os.path.basename(case)])
             return wrong(f"numbers of output {output.name}")
     return Outcome("right", "")
 
@@ -149,7 +172,7 @@ def run_case(executable, case):
     if not os.path.exists(path):
         return refused("not expressible: case without a model file")
     graph = onnx.load(path).graph
-    reason = inexpressible(graph)
+    reason = inexpressible(case, graph)
     if reason is not None:
         return refused(reason)
     with tempfile.TemporaryDirectory() as folder:
@@ -180,7 +203,10 @@ def report(outcomes):
     for case, outcome in outcomes:
         if outcome.verdict == "wrong":
             print(f"wrong: {case}: {outcome.reason}")
-    print(f"right {count['right']}, refused {count['refused']}, wrong {count['wrong']}")
+        if outcome.verdict == "right" and case in KNOWN_WRONG:
+            print(f"right although its data are known to be wrong: {case}")
+    print(f"right {count['right']}, refused {count['refused']}, wrong {count['wrong']}, known to "
+          f"have wrong data {count['known']}")
     return count["wrong"] == 0 and count["right"] >= RIGHT_FLOOR
 
 
@@ -196,7 +222,7 @@ def main():
         return 1
     with concurrent.futures.ThreadPoolExecutor(AT_ONCE) as pool:
         outcomes = list(pool.map(run_quietly, [executable] * len(cases), cases, chunksize=8))
-    names = [os.path.relpath(case, data_dir) for case in cases]
+    names = [os.path.basename(case) for case in cases]
     return 0 if report(list(zip(names, outcomes))) else 1
 
 

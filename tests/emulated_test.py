@@ -27,16 +27,8 @@ class SameAsNative(HostRuntimeTest):
         self.random = np.random.RandomState(5)
 
     def elements(self, dtype, count):
-        """Any bits that the host runtime takes: extremes, zeros of both signs, subnormal numbers."""
-        dtype = np.dtype(dtype)
-        values = np.frombuffer(self.random.bytes(count * dtype.itemsize), dtype).copy()
-        if dtype.kind == "f":
-            values[~np.isfinite(values)] = -0.0
-            values[::5] = np.finfo(dtype).smallest_subnormal
-        else:
-            limit = min(np.iinfo(dtype).max, 2**24 - 1)
-            values = np.clip(values, -limit if dtype.itemsize == 4 else np.iinfo(dtype).min, limit)
-        return values.astype(dtype).tobytes()
+        """Any bits at all."""
+        return self.random.bytes(count * np.dtype(dtype).itemsize)
 
     def run_both(self, model_bytes, list_text, *options, settings=None):
         """Runs both executables; returns what the native one left behind after comparing."""
@@ -86,15 +78,6 @@ class SameAsNative(HostRuntimeTest):
         status, *_ = self.run_both(proto, "x\n", "-r", rpn)
         self.assertEqual(status, 0)
 
-    def test_refused_numbers(self):
-        for onnx_type, value in [(TensorProto.FLOAT, np.inf), (TensorProto.FLOAT, np.nan),
-                                 (TensorProto.FLOAT16, -np.inf), (TensorProto.FLOAT16, np.nan),
-                                 (TensorProto.INT32, 2**24), (TensorProto.INT32, -2**31)]:
-            with self.subTest(type=onnx_type, value=value):
-                self.write("x", np.array([0, value], TYPES[onnx_type]).tobytes())
-                status, _, err, *_ = self.run_both(identity([2, 1], onnx_type), "x")
-                self.assertEqual((status, err.count("\n")), (1, 1))
-
     def test_faults(self):
         self.write("x", self.elements("<f4", 8))
         functions = sorted(set(re.findall(r"\b(quilm_\w+)\(", HEADER.read_text())))
@@ -109,9 +92,9 @@ class SameAsNative(HostRuntimeTest):
     def test_other_nodes_are_refused(self):
         self.write("x", self.elements("<f4", 8))
         status, _, err = self.run_model(relu([1, 8]), "x")
-        self.assertEqual((status, err), (1, 'host runtime: the model cannot be loaded: node "y" '
-                                            "(Relu): this host runtime has no engine, it runs "
-                                            "graphs of Identity nodes only\n"))
+        self.assertEqual((status, err), (1, "host runtime: the model cannot be loaded: this host "
+                                            "runtime has no engine, it runs graphs of Identity "
+                                            "nodes only\n"))
 
 
 if __name__ == "__main__":

@@ -5,7 +5,7 @@ namespace quilm_host {
 namespace {
 
 quilm_data_buffer* CreateBuffer(void* pointer, size_t size, size_t stride) {
-  const MemoryBlock* block = state.memory.Find(pointer);
+  const auto block = state.memory.Find(pointer);
   if (block == nullptr) {
     return nullptr;
   }
@@ -19,16 +19,25 @@ quilm_data_buffer* CreateBuffer(void* pointer, size_t size, size_t stride) {
   return buffer;
 }
 
-quilm_data_buffer* FindEntry(const quilm_mdl_dataset* dataset, size_t index) {
-  const auto* found = state.datasets.Find(dataset);
-  if (found == nullptr) {
+quilm_data_buffer* FindEntry(const quilm_mdl_dataset* handle, size_t index) {
+  const auto dataset = state.datasets.Find(handle);
+  if (dataset == nullptr) {
     return nullptr;
   }
-  if (index >= (*found)->buffers.size()) {
-    Explain("%s: entry %zu, but there are %zu", currentCall, index, (*found)->buffers.size());
+  if (index >= dataset->buffers.size()) {
+    Explain("%s: entry %zu, but there are %zu", currentCall, index, dataset->buffers.size());
     return nullptr;
   }
-  return (*found)->buffers[index];
+  return dataset->buffers[index];
+}
+
+quilm_error AddBuffer(quilm_mdl_dataset* handle, quilm_data_buffer* buffer) {
+  const auto dataset = state.datasets.Find(handle);
+  if (dataset == nullptr || state.buffers.Find(buffer) == nullptr) {
+    return kUnknownHandle;
+  }
+  dataset->buffers.push_back(buffer);
+  return kOk;
 }
 
 }  // namespace
@@ -37,56 +46,46 @@ quilm_data_buffer* FindEntry(const quilm_mdl_dataset* dataset, size_t index) {
 using namespace quilm_host;  // NOLINT: what follows is this namespace's interface to C
 
 quilm_mdl_dataset* quilm_mdl_create_dataset(void) {
-  return Perform<quilm_mdl_dataset*>(__func__, nullptr, [] { return state.datasets.Create(); });
+  return Perform([] { return state.datasets.Create(); });
 }
 
 quilm_error quilm_mdl_destroy_dataset(quilm_mdl_dataset* dataset) {
-  return Perform<quilm_error>(__func__, kNotInitialized,
-                              [=] { return state.datasets.Remove(dataset); });
+  return Perform([=] { return state.datasets.Remove(dataset); });
 }
 
 quilm_error quilm_mdl_add_dataset_buffer(quilm_mdl_dataset* dataset, quilm_data_buffer* buffer) {
-  return Perform<quilm_error>(__func__, kNotInitialized, [=] {
-    const auto* found = state.datasets.Find(dataset);
-    if (found == nullptr || state.buffers.Find(buffer) == nullptr) {
-      return kUnknownHandle;
-    }
-    (*found)->buffers.push_back(buffer);
-    return kOk;
-  });
+  return Perform([=] { return AddBuffer(dataset, buffer); });
 }
 
 size_t quilm_mdl_get_dataset_num_buffers(const quilm_mdl_dataset* dataset) {
-  return Perform<size_t>(__func__, 0, [=] {
-    const auto* found = state.datasets.Find(dataset);
-    return found == nullptr ? 0 : (*found)->buffers.size();
+  return Perform([=] {
+    const auto found = state.datasets.Find(dataset);
+    return found == nullptr ? 0 : found->buffers.size();
   });
 }
 
 quilm_data_buffer* quilm_mdl_get_dataset_buffer(const quilm_mdl_dataset* dataset, size_t index) {
-  return Perform<quilm_data_buffer*>(__func__, nullptr, [=] { return FindEntry(dataset, index); });
+  return Perform([=] { return FindEntry(dataset, index); });
 }
 
 quilm_data_buffer* quilm_create_data_buffer(void* pointer, size_t size, size_t stride) {
-  return Perform<quilm_data_buffer*>(__func__, nullptr,
-                                     [=] { return CreateBuffer(pointer, size, stride); });
+  return Perform([=] { return CreateBuffer(pointer, size, stride); });
 }
 
 quilm_error quilm_destroy_data_buffer(quilm_data_buffer* buffer) {
-  return Perform<quilm_error>(__func__, kNotInitialized,
-                              [=] { return state.buffers.Remove(buffer); });
+  return Perform([=] { return state.buffers.Remove(buffer); });
 }
 
 void* quilm_get_data_buffer_addr(const quilm_data_buffer* buffer) {
-  return Perform<void*>(__func__, nullptr, [=]() -> void* {
-    const auto* found = state.buffers.Find(buffer);
-    return found == nullptr ? nullptr : (*found)->pointer;
+  return Perform([=] {
+    const auto found = state.buffers.Find(buffer);
+    return found == nullptr ? nullptr : found->pointer;
   });
 }
 
 size_t quilm_get_data_buffer_size(const quilm_data_buffer* buffer) {
-  return Perform<size_t>(__func__, 0, [=] {
-    const auto* found = state.buffers.Find(buffer);
-    return found == nullptr ? 0 : (*found)->size;
+  return Perform([=] {
+    const auto found = state.buffers.Find(buffer);
+    return found == nullptr ? 0 : found->size;
   });
 }

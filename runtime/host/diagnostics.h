@@ -5,7 +5,7 @@
 
 namespace quilm_host {
 
-/// Prints one problem as one line; line breaks within it become blanks.
+/// Prints a problem, each of its lines with the prefix; other control characters become blanks.
 void Explain(const char* format, ...) __attribute__((format(printf, 1, 2)));
 
 }  // namespace quilm_host

@@ -1,41 +1,35 @@
-// What executes a graph. Everything that knows OpenCV stands behind this interface, in engine.cpp;
-// identity_engine.cpp takes its place where there is no OpenCV.
+// What executes a graph. Everything that knows ONNX Runtime stands behind this interface;
+// identity_engine.cpp takes its place where a real engine cannot run or would only cost time.
 #ifndef QUILMRUN_RUNTIME_HOST_ENGINE_H_
 #define QUILMRUN_RUNTIME_HOST_ENGINE_H_
 
-#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <string>
 #include <vector>
 
-#include "runtime/host/onnx_model.h"
 #include "runtime/host/tensor.h"
 
 namespace quilm_host {
-
-/// One batch of a tensor in device memory, rows padded.
-struct TensorData {
-  const Tensor* tensor;
-  unsigned char* data;
-  size_t validElements = SIZE_MAX;  // of an input; those behind count as 0
-};
 
 class Engine {
  public:
   virtual ~Engine() = default;
 
-  /// Computes one batch: `inputs` in graph order, the model's `outputs` likewise. The engine counts
-  /// in 32-bit floats; integers are rounded to the nearest (ties to even) and saturated at the
-  /// outputs. Integers that floats cannot carry exactly are refused, and so are infinity and NaN as
-  /// inputs. Returns an empty string, or what went wrong.
-  virtual std::string Run(const std::vector<TensorData>& inputs,
-                          const std::vector<TensorData>& outputs) = 0;
+  /// Computes `outputs` from `inputs`, both in graph order; the first dimension of inputs may
+  /// differ from the described one where the model leaves it open. Returns an empty string, or what
+  /// went wrong, one problem a line.
+  virtual std::string Run(const std::vector<Array>& inputs, std::vector<Array>& outputs) = 0;
 };
 
-/// Builds the engine of a model; null, with the reason in `problem`, when the graph is not one that
-/// it can execute.
-std::unique_ptr<Engine> CreateEngine(const OnnxModel& model, std::string& problem);
+/// Builds the engine of an encoded ONNX model, which is not needed afterwards, on `threads`
+/// threads. Inputs and outputs are named and typed; what the engine knows of the outputs'
+/// dimensions is filled in. Null, with the reasons in `problem`, one a line, when the engine does
+/// not take the model.
+std::unique_ptr<Engine> CreateEngine(const std::vector<uint8_t>& encoded,
+                                     const std::vector<Tensor>& inputs,
+                                     std::vector<Tensor>& outputs, size_t threads,
+                                     std::string& problem);
 
 }  // namespace quilm_host
 

@@ -94,13 +94,13 @@ quilm_error Allocate(void** pointer, size_t size) {
     return kOutOfMemory;
   }
   const size_t rounded = (size + kMemoryAlignment - 1) / kMemoryAlignment * kMemoryAlignment;
-  MemoryBlock block;
-  block.memory.reset(std::aligned_alloc(kMemoryAlignment, rounded));
-  block.size = size;
-  if (block.memory == nullptr) {
+  auto block = std::make_shared<MemoryBlock>();
+  block->memory.reset(std::aligned_alloc(kMemoryAlignment, rounded));
+  block->size = size;
+  if (block->memory == nullptr) {
     throw std::bad_alloc();
   }
-  *pointer = block.memory.get();
+  *pointer = block->memory.get();
   state.memory.Add(*pointer, std::move(block));
   return kOk;
 }
@@ -116,18 +116,18 @@ quilm_error quilm_init(const char* config_path) {
 }
 
 quilm_error quilm_finalize(void) {
-  return Perform<quilm_error>(__func__, kNotInitialized, [] { return Finalize(); });
+  return Perform([] { return Finalize(); });
 }
 
 quilm_error quilm_rt_set_device(int32_t device_id) {
-  return Perform<quilm_error>(__func__, kNotInitialized, [=] {
+  return Perform([=] {
     state.deviceOpen = CheckDevice(device_id) == kOk;
     return state.deviceOpen ? kOk : kBadArgument;
   });
 }
 
 quilm_error quilm_rt_reset_device(int32_t device_id) {
-  return Perform<quilm_error>(__func__, kNotInitialized, [=] {
+  return Perform([=] {
     const bool reset = CheckDevice(device_id) == kOk && CheckDeviceOpen() == kOk;
     state.deviceOpen = false;
     return reset ? kOk : kBadArgument;
@@ -135,43 +135,39 @@ quilm_error quilm_rt_reset_device(int32_t device_id) {
 }
 
 quilm_error quilm_rt_set_op_wait_timeout(uint32_t) {
-  return Perform<quilm_error>(__func__, kNotInitialized, [] { return CheckDeviceOpen(); });
+  return Perform([] { return CheckDeviceOpen(); });
 }
 
 quilm_error quilm_rt_create_context(quilm_rt_context* context, int32_t device_id) {
-  return Perform<quilm_error>(__func__, kNotInitialized, [=] {
-    const quilm_error result = CheckDevice(device_id);
-    return result == kOk ? CreateExecutionHandle(state.contexts, context) : result;
+  return Perform([=] {
+    return CheckDevice(device_id) == kOk ? CreateExecutionHandle(state.contexts, context)
+                                         : kBadArgument;
   });
 }
 
 quilm_error quilm_rt_destroy_context(quilm_rt_context context) {
-  return Perform<quilm_error>(__func__, kNotInitialized,
-                              [=] { return state.contexts.Remove(context); });
+  return Perform([=] { return state.contexts.Remove(context); });
 }
 
 quilm_error quilm_rt_create_stream(quilm_rt_stream* stream) {
-  return Perform<quilm_error>(__func__, kNotInitialized,
-                              [=] { return CreateExecutionHandle(state.streams, stream); });
+  return Perform([=] { return CreateExecutionHandle(state.streams, stream); });
 }
 
 quilm_error quilm_rt_destroy_stream(quilm_rt_stream stream) {
-  return Perform<quilm_error>(__func__, kNotInitialized,
-                              [=] { return state.streams.Remove(stream); });
+  return Perform([=] { return state.streams.Remove(stream); });
 }
 
 quilm_error quilm_rt_get_run_mode(uint32_t* run_mode) {
-  return Perform<quilm_error>(__func__, kNotInitialized, [=] {
-    *run_mode = state.settings.runMode;
+  return Perform([=] {
+    *run_mode = static_cast<uint32_t>(state.settings.runMode);
     return kOk;
   });
 }
 
 quilm_error quilm_rt_malloc(void** pointer, size_t size, int32_t) {
-  return Perform<quilm_error>(__func__, kNotInitialized, [=] { return Allocate(pointer, size); });
+  return Perform([=] { return Allocate(pointer, size); });
 }
 
 quilm_error quilm_rt_free(void* pointer) {
-  return Perform<quilm_error>(__func__, kNotInitialized,
-                              [=] { return state.memory.Remove(pointer); });
+  return Perform([=] { return state.memory.Remove(pointer); });
 }

@@ -69,25 +69,61 @@ Fault ReadFault(const Json& object) {
   return fault;
 }
 
-void ReadFaults(const Json& list, std::vector<Fault>& faults) {
-  if (!list.is_array()) {
-    Refuse("\"faults\" takes a list");
-  }
-  for (const Json& object : list) {
-    faults.push_back(ReadFault(object));
-  }
-}
-
-bool Switch(const Json& value, const std::string& key) {
-  if (!value.is_boolean()) {
-    Refuse("\"" + key + "\" takes true or false");
+// The elements of a list, or the entries of an object; `kind` is what is expected.
+const Json& Container(const Json& value, const std::string& key, bool isRight, const char* kind) {
+  if (!isRight) {
+    Refuse("\"" + key + "\" takes " + kind);
   }
   return value;
 }
 
-Setter NumberSetter(const std::string& key, size_t& target, uint64_t least) {
+Shapes ReadShapes(const Json& value, const std::string& key) {
+  constexpr char kExample[] = "shapes by name, such as {\"x\": [1, 3, 48, 192]}";
+  Shapes shapes;
+  for (const auto& [name, dims] : Container(value, key, value.is_object(), kExample).items()) {
+    for (const Json& dim : Container(dims, key, dims.is_array(), kExample)) {
+      shapes[name].push_back(static_cast<int64_t>(Number(dim, key, 1, INT32_MAX)));
+    }
+  }
+  return shapes;
+}
+
+Setter SetNumber(const std::string& key, size_t& target, uint64_t least) {
   return
       [key, &target, least](const Json& value) { target = Number(value, key, least, INT32_MAX); };
+}
+
+Setter SetShapes(const std::string& key, Shapes& target) {
+  return [key, &target](const Json& value) { target = ReadShapes(value, key); };
+}
+
+void ReadAll(const Json& object, Settings& settings) {
+  ReadObject(object,
+             {{"row_alignment", SetNumber("row_alignment", settings.rowAlignment, 1)},
+              {"task_buffer_size", SetNumber("task_buffer_size", settings.taskBufferSize, 0)},
+              {"work_buffer_size", SetNumber("work_buffer_size", settings.workBufferSize, 0)},
+              {"run_mode", SetNumber("run_mode", settings.runMode, 0)},
+              {"threads", SetNumber("threads", settings.threads, 1)},
+              {"input_shapes", SetShapes("input_shapes", settings.inputShapes)},
+              {"output_shapes", SetShapes("output_shapes", settings.outputShapes)},
+              {"trace",
+               [&](const Json& value) {
+                 settings.trace = Container(value, "trace", value.is_boolean(), "true or false");
+               }},
+              {"faults", [&](const Json& value) {
+                 for (const Json& fault : Container(value, "faults", value.is_array(), "a list")) {
+                   settings.faults.push_back(ReadFault(fault));
+                 }
+               }}});
+}
+
+// Whatever reads or shows JSON calls itself for each level.
+bool LimitDepth(int depth, Json::parse_event_t, const Json&) {
+  constexpr int kMaxDepth = 8;
+  if (depth > kMaxDepth) {
+    Refuse("it is nested more than " + std::to_string(kMaxDepth) + " levels deep");
+  }
+  return true;
 }
 
 }  // namespace
@@ -98,15 +134,7 @@ std::string ReadSettings(const std::string& path, Settings& settings) {
     return "cannot be opened";
   }
   try {
-    size_t runMode = 0;
-    ReadObject(Json::parse(file),
-               {{"row_alignment", NumberSetter("row_alignment", settings.rowAlignment, 1)},
-                {"task_buffer_size", NumberSetter("task_buffer_size", settings.taskBufferSize, 0)},
-                {"work_buffer_size", NumberSetter("work_buffer_size", settings.workBufferSize, 0)},
-                {"run_mode", NumberSetter("run_mode", runMode, 0)},
-                {"trace", [&](const Json& value) { settings.trace = Switch(value, "trace"); }},
-                {"faults", [&](const Json& value) { ReadFaults(value, settings.faults); }}});
-    settings.runMode = static_cast<uint32_t>(runMode);
+    ReadAll(Json::parse(file, LimitDepth), settings);
   } catch (const std::exception& problem) {
     return problem.what();
   }

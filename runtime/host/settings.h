@@ -1,42 +1,35 @@
-// The settings file, the JSON file whose path quilm_init() is given:
-//
-//   {
-//     "row_alignment": 32,          bytes that strides are rounded up to, at least 1
-//     "task_buffer_size": 1024,     bytes
-//     "work_buffer_size": 4096,     bytes
-//     "run_mode": 0,                what quilm_rt_get_run_mode() reports
-//     "trace": false,               every call is named on standard error, as faults name it
-//     "faults": [                   calls that go wrong on purpose
-//       {"function": "quilm_mdl_execute", "call": 3, "code": 507}
-//     ]
-//   }
-//
-// All keys may be absent and then have the values above, and no faults. A fault makes the `call`-th
-// call of `function`, counting from 1, return `code` without doing anything; `code` may be left out
-// or null for functions that return a pointer, which then is null.
+// The settings file, the JSON file whose path quilm_init() is given; docs/host-runtime.md says what
+// its keys mean. All may be absent.
 #ifndef QUILMRUN_RUNTIME_HOST_SETTINGS_H_
 #define QUILMRUN_RUNTIME_HOST_SETTINGS_H_
 
 #include <cstddef>
 #include <cstdint>
+#include <map>
 #include <string>
 #include <vector>
 
 namespace quilm_host {
 
+/// Makes the `call`-th call of `function` return `code` without doing anything.
 struct Fault {
   std::string function;
   uint64_t call = 0;  // counts from 1
-  int64_t code = 0;
+  int64_t code = 0;   // without a meaning for functions that return a pointer: null
 };
 
+using Shapes = std::map<std::string, std::vector<int64_t>>;
+
 struct Settings {
-  size_t rowAlignment = 32;      // bytes
+  size_t rowAlignment = 32;      // bytes that strides are rounded up to
   size_t taskBufferSize = 1024;  // bytes
   size_t workBufferSize = 4096;  // bytes
-  uint32_t runMode = 0;
-  bool trace = false;
+  size_t runMode = 0;            // what quilm_rt_get_run_mode() reports
+  size_t threads = 0;            // of the engine; 0: as many as the machine has cores
+  bool trace = false;            // every call is named on standard error
   std::vector<Fault> faults;
+  Shapes inputShapes;   // of inputs that the model leaves open
+  Shapes outputShapes;  // of outputs whose size depends on the data: the largest they can have
 };
 
 /// Fills `settings` from the file at `path`. Returns an empty string, or what is wrong with it:

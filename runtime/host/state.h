@@ -9,22 +9,17 @@
 #include <map>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <unordered_map>
 #include <vector>
 
 #include "runtime/host/diagnostics.h"
-#include "runtime/host/engine.h"
-#include "runtime/host/onnx_model.h"
+#include "runtime/host/model.h"
 #include "runtime/host/settings.h"
 #include "runtime/quilm.h"
 
 namespace quilm_host {
-
-struct Model {
-  OnnxModel onnx;
-  std::unique_ptr<Engine> engine;
-};
 
 struct MemoryBlock {
   struct Deleter {
@@ -78,18 +73,25 @@ class HandleTable {
  public:
   explicit HandleTable(const char* kind) : kind_(kind) {}
 
-  Object& Add(Handle handle, Object object) {
-    return objects_.insert_or_assign(handle, std::move(object)).first->second;
+  void Add(Handle handle, std::shared_ptr<Object> object) {
+    objects_.insert_or_assign(handle, std::move(object));
+  }
+
+  /// A new object whose address is its handle.
+  Object* Create() {
+    auto object = std::make_shared<Object>();
+    Add(object.get(), object);
+    return object.get();
   }
 
   /// Null, with an explanation, when there is no such object.
-  Object* Find(Handle handle) {
+  std::shared_ptr<Object> Find(Handle handle) {
     const auto found = objects_.find(handle);
     if (found == objects_.end()) {
       Explain("%s: %s does not exist (any more)", currentCall, kind_);
       return nullptr;
     }
-    return &found->second;
+    return found->second;
   }
 
   quilm_error Remove(Handle handle) {
@@ -109,21 +111,11 @@ class HandleTable {
 
  private:
   const char* kind_;
-  std::unordered_map<Handle, Object> objects_;
+  std::unordered_map<Handle, std::shared_ptr<Object>> objects_;
 };
 
-/// A table whose handles are the addresses of the objects.
 template <typename Object>
-class ObjectTable : public HandleTable<const void*, std::unique_ptr<Object>> {
- public:
-  using HandleTable<const void*, std::unique_ptr<Object>>::HandleTable;
-
-  Object* Create() {
-    auto object = std::make_unique<Object>();
-    const void* handle = object.get();
-    return this->Add(handle, std::move(object)).get();
-  }
-};
+using ObjectTable = HandleTable<const void*, Object>;
 
 struct State {
   bool initialized = false;
@@ -135,8 +127,8 @@ struct State {
   uint32_t lastModelId = 0;
   ObjectTable<ExecutionHandle> contexts{"context"};
   ObjectTable<ExecutionHandle> streams{"stream"};
-  HandleTable<const void*, MemoryBlock> memory{"block of device memory"};
-  HandleTable<uint32_t, std::shared_ptr<const Model>> models{"model"};
+  ObjectTable<MemoryBlock> memory{"block of device memory"};
+  HandleTable<uint32_t, Model> models{"model"};
   ObjectTable<quilm_mdl_desc> descriptions{"model description"};
   ObjectTable<quilm_mdl_dataset> datasets{"dataset"};
   ObjectTable<quilm_data_buffer> buffers{"data buffer"};
@@ -151,10 +143,21 @@ std::optional<int64_t> TakeFault();
 /// True when calls other than quilm_init() are in order; explains when not.
 bool CheckInitialized();
 
-/// Runs the body of the interface function `call`: not when a fault is due, not before
+/// What an interface function returns that was not executed.
+template <typename Result>
+constexpr Result Failure() {
+  if constexpr (std::is_pointer_v<Result>) {
+    return nullptr;
+  } else {
+    return static_cast<Result>(std::is_same_v<Result, size_t> ? 0 : kNotInitialized);
+  }
+}
+
+/// Runs the body of the interface function that calls this: not when a fault is due, not before
 /// quilm_init(), and with exceptions turned into a failure. The result of a failure is `failure`.
-template <typename Result, typename Body>
-Result Perform(const char* call, Result failure, const Body& body) {
+template <typename Body, typename Result = decltype(std::declval<Body>()())>
+Result Perform(const Body& body, Result failure = Failure<Result>(),
+               const char* call = __builtin_FUNCTION()) {
   currentCall = call;
   try {
     if (!CheckInitialized()) {

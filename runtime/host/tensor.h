@@ -1,4 +1,5 @@
-// Model inputs and outputs as the runtime's interface describes them.
+// Model inputs and outputs as the runtime's interface describes them, and the way of their elements
+// between device memory and an engine.
 #ifndef QUILMRUN_RUNTIME_HOST_TENSOR_H_
 #define QUILMRUN_RUNTIME_HOST_TENSOR_H_
 
@@ -9,31 +10,45 @@
 
 namespace quilm_host {
 
-/// Data type codes of the interface.
-enum DataType : int32_t {
-  kFloat = 0,
-  kHalf = 1,
-  kInt8 = 2,
-  kInt32 = 3,
-  kUint8 = 4,
-  kInt16 = 6,
-  kUint16 = 7,
+/// An element type of ONNX models. 64-bit integers, doubles and truth values have no code in the
+/// interface; they appear as 32-bit integers, floats and bytes.
+struct ElementType {
+  /// Converts `count` elements; false when one has no value in the other type.
+  using Converter = bool (*)(const unsigned char* from, size_t count, unsigned char* to);
+
+  int32_t onnx;        // TensorProto.DataType, which the engine uses too
+  int32_t code;        // data type code of the interface
+  size_t deviceBytes;  // of one element in device memory
+  size_t modelBytes;   // of one element in the model
+  Converter toModel;
+  Converter toDevice;
 };
 
-/// Bits of one element; 0 for an unknown code.
-size_t DataTypeBits(int32_t dataType);
+/// Null for a type that has no code and does not appear as one that has.
+const ElementType* FindElementType(int32_t onnxType);
 
-/// One input or output. In memory the last dimension forms rows, which start `stride` bytes apart.
+/// Bits of one element in device memory; 0 for an unknown code.
+size_t DataTypeBits(int32_t code);
+
+/// One input or output. In device memory the last dimension forms rows, which start `stride` bytes
+/// apart. A scalar has no dimensions and is described as one element.
 struct Tensor {
   std::string name;
-  int32_t dataType = kFloat;
-  std::vector<int64_t> dims;  // outermost first, at least one, all above 0
+  const ElementType* type = nullptr;
+  std::vector<int64_t> dims;  // outermost first; -1 for one that is not known yet
   size_t stride = 0;          // bytes
   size_t size = 0;            // bytes of one batch, row padding included
 };
 
+/// A tensor as an engine takes and gives it: packed, in the model's element type.
+struct Array {
+  std::vector<int64_t> dims;
+  std::vector<unsigned char> bytes;
+};
+
 size_t RowElements(const Tensor& tensor);
 size_t RowCount(const Tensor& tensor);
+std::string ShapeText(const std::vector<int64_t>& dims);
 
 /// Sets stride and size from type and dimensions: rows rounded up to `rowAlignment` bytes. Returns
 /// an empty string, or why the tensor cannot be laid out.
@@ -41,6 +56,13 @@ std::string LayOut(Tensor& tensor, size_t rowAlignment);
 
 /// A tensor without structure, of `size` bytes in one row.
 Tensor PlainBuffer(const std::string& name, size_t size);
+
+/// `batches` batches that follow each other at `device`, as one array whose first dimension they
+/// multiply.
+Array TakeFromDevice(const Tensor& tensor, const unsigned char* device, size_t batches);
+
+/// The other way. Row padding is left alone. False when an element does not fit.
+bool PutToDevice(const Array& array, const Tensor& tensor, unsigned char* device);
 
 }  // namespace quilm_host
 
