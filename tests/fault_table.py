@@ -13,14 +13,11 @@ NOT_INITIALISED = ("sample init resource failed",)
 
 @dataclasses.dataclass
 class Run:
-    inputs: dict             # {name: bytes of one batch} of the data inputs and the RPN input
+    inputs: dict             # {name: bytes of one batch} of the data inputs and, last, that of -r
     outputs: dict            # {name: bytes}
     groups: int
     model_size: int = 0
     executions: int = 1
-    rpn: bool = False        # the last input comes from -r
-    recurrent: bool = False
-    misnamed: tuple = ()     # errors when the entries' names cannot be told apart from paths
 
 
 @dataclasses.dataclass
@@ -82,13 +79,9 @@ def describe(run):
     yield Call("quilm_mdl_create_desc", ("create model description failed", *failed), group=0)
     yield Call("quilm_mdl_get_desc", ("get model description failed", *failed), group=0)
     for kind, count in (("input", len(run.inputs) + 2), ("output", len(run.outputs))):
-        # Without the inputs' names, named entries are taken as paths, of files that do not exist.
-        misnamed = run.misnamed if kind == "input" else ()
-        yield Call(f"quilm_mdl_get_num_{kind}s", misnamed, group=0 if misnamed else None)
-        for i in range(count):
-            errors = misnamed if i < len(run.inputs) else ()
-            yield Call(f"quilm_mdl_get_{kind}_dims", (f"get {kind} dims failed", *errors),
-                       group=0 if errors else None)
+        yield Call(f"quilm_mdl_get_num_{kind}s")
+        for _ in range(count):
+            yield Call(f"quilm_mdl_get_{kind}_dims", (f"get {kind} dims failed",))
             for question in ("data_type", "size_by_index", "default_stride", "format"):
                 yield Call(f"quilm_mdl_get_{kind}_{question}")
     for kind in ("input", "output"):
@@ -155,9 +148,6 @@ def stage(size, group):
 
 def set_rpn(run, group):
     failed = ("Set rpn data failed", *PROCESS)
-    if not run.rpn:
-        yield Call("quilm_mdl_get_num_inputs")
-        return
     no_dims = ("quilm_mdl_get_input_dims rpn_data error!", *failed)
     yield Call("quilm_mdl_get_num_inputs", no_dims, (
         f"quilm_mdl_get_input_dims: index {2**64 - 3}, but there are {len(run.inputs) + 2}",), group)
@@ -192,11 +182,10 @@ def add_task_and_work_buffer(run, group):
 
 def execute(run, group):
     failed = ("execute inference failed", *PROCESS)
-    if run.recurrent:
-        for function, said in (("quilm_ext_get_mdl_net_type", "quilm_ext_get_mdl_net_type fail!"),
-                               ("quilm_mdl_set_total_t", "quilm_mdl_set_total_t failed,")):
-            yield Call(function, (f"{said} ret = {STATUS_FAULT}", "Set nlpTotalt failed", *failed),
-                       group=group)
+    for function, said in (("quilm_ext_get_mdl_net_type", "quilm_ext_get_mdl_net_type fail!"),
+                           ("quilm_mdl_set_total_t", "quilm_mdl_set_total_t failed,")):
+        yield Call(function, (f"{said} ret = {STATUS_FAULT}", "Set nlpTotalt failed", *failed),
+                   group=group)
     yield Call("quilm_rt_set_op_wait_timeout")
     yield from [Call("quilm_mdl_execute")] * (run.executions - 1)  # the last one decides
     yield Call("quilm_mdl_execute", ("execute model failed, modelId is 1", *failed), group=group)
@@ -253,7 +242,7 @@ def calls(run):
     yield from describe(run)
     yield from create_output(run)
     yield Call("quilm_mdl_get_num_inputs", group=0)  # no inputs, so nothing to execute
-    staged = list(run.inputs.values())[:len(run.inputs) - run.rpn]
+    staged = list(run.inputs.values())[:-1]
     for group in range(run.groups):
         yield Call("quilm_mdl_create_dataset", ("can't create dataset, create input failed",
                                                 "execute InitInput failed", *PROCESS), group=group)

@@ -1,6 +1,7 @@
 """The packages in build/packages: what is in them, what they depend on, and that they run."""
 
 import gzip
+import json
 import os
 import pathlib
 import re
@@ -73,8 +74,21 @@ class Packages(HostRuntimeTest):
         self.write("x", bytes(range(8)))
         with mock.patch.object(tool, "QUILMRUN", emulated):
             status, out, err = self.run_model(identity([1, 2]), "x")
-        self.assertEqual((status, err), (0, ""))
-        self.assertIn("[INFO]  execute sample success\n", out)
+            self.assertEqual((status, err), (0, ""))
+            self.assertIn("[INFO]  execute sample success\n", out)
+            self.check_recorder(prefix)
+
+    def check_recorder(self, prefix):
+        convert = prefix / "lib/quilmrun/record/convert"
+        convert.rename(convert.with_suffix(".arm64"))
+        self.write(convert, f"#!/bin/sh\nexec {os.environ['EMULATOR']} {convert}.arm64 \"$@\"\n")
+        os.chmod(convert, 0o755)
+        status, _, table = self.run_model(identity([1, 2]), "x", within=(
+            prefix / "bin/quilmrun-record", "-o", self.dir / "record.json"))
+        self.assertEqual(status, 0, table)
+        record = json.loads((self.dir / "record.json").read_text())["otherData"]
+        self.assertEqual((record["library"], record["complete"]),
+                         (f"{prefix}/bin/../lib/libquilm.so", True))
 
     def test_board_package(self):
         self.assertEqual(depends(BOARD), {"libc"})
