@@ -27,8 +27,8 @@ numpy.allclose, NaN being equal to NaN. Limits replace this: --atol or --rtol
 keep the other's 1e-5, --cosine and --top1 alone do without both.
 
 Types (half floats and 32-bit integers are stored as patterns of bits) and
-shapes come from the run's log when it is log.txt in the directory or named,
-names of pictures from the inputs.json beside the input files of that log."""
+shapes come from the run's log when it is named, or log.txt in the directory
+or above it, names of pictures from inputs.json beside the log's input files."""
 
 EXAMPLES = """\
   quilmrun-compare board pc
@@ -87,8 +87,8 @@ def parser() -> cli.Parser:
     pairs.add_argument("--scores", action="append", default=[], metavar="NAME",
                        help="an output of scores; default: those that are vectors by the log")
     files = result.add_argument_group("files")
-    files.add_argument("--log", help="what quilmrun printed for OUT; default: OUT/log.txt")
-    files.add_argument("--reference-log", metavar="LOG", help="default: REFERENCE/log.txt")
+    files.add_argument("--log", help="what quilmrun printed for OUT; default: log.txt in OUT or above it")
+    files.add_argument("--reference-log", metavar="LOG", help="the same for REFERENCE")
     files.add_argument("--inputs", metavar="FILE",
                        help="inputs.json; default: the one beside the log's input files")
     result.add_argument("--worst", type=int, default=WORST, metavar="N",

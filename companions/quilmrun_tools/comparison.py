@@ -1,5 +1,6 @@
 """Compares the outputs of two sides, run by run, and judges the result."""
 
+import math
 import threading
 from dataclasses import dataclass, field
 from typing import Any, Iterable, Iterator, Optional
@@ -25,7 +26,9 @@ class Limits:
     top1: Optional[float] = None  # share of all runs
 
     def passes(self, tally: Tally) -> bool:
-        """Whether one output of one run is right."""
+        """Whether one output of one run is right. A NaN or an infinity on one side never is."""
+        if tally.max_abs == math.inf:
+            return False
         if self.atol is not None and tally.beyond:
             return False
         return self.cosine is None or tally.cosine >= self.cosine

@@ -57,9 +57,11 @@ class Tally:
     def cosine(self) -> float:
         """Cosine similarity; 1 for two zero vectors. By the energies of both and of their
         difference, so that nearly equal vectors lose no digits."""
+        if self.error_energy == 0:
+            return 1.0
         product = 2 * math.sqrt(self.energy) * math.sqrt(self.reference_energy)
         if product == 0:
-            return 1.0 if self.energy == self.reference_energy else 0.0
+            return 0.0
         value = (self.energy + self.reference_energy - self.error_energy) / product
         return min(1.0, max(-1.0, value))
 
@@ -136,10 +138,10 @@ class Meter:
         np.abs(difference, out=difference)
         np.abs(reference, out=size)
         max_rel = float(np.fmax.reduce(np.divide(difference, size, out=ratio)))
-        if not math.isfinite(max_rel):  # a reference of 0; divided by much, it does not count
-            np.multiply(np.equal(size, 0, out=unequal), np.float32(3e38), out=ratio)
-            np.divide(difference, np.add(size, ratio, out=ratio), out=ratio)
-            max_rel = float(ratio.max())
+        if not math.isfinite(max_rel):  # references of 0, which become NaN and do not count
+            np.multiply(difference, np.not_equal(size, 0, out=unequal), out=ratio)
+            max_rel = float(np.fmax.reduce(np.divide(ratio, size, out=ratio)))
+            max_rel = 0.0 if math.isnan(max_rel) else max_rel
         tally.elements += count
         tally.differing += int(np.count_nonzero(np.not_equal(values, reference, out=unequal)))
         max_abs = float(difference.max())

@@ -42,11 +42,11 @@ def text(key: Key) -> str:
 
 def read_side(path: str, log: Optional[str], inputs: Optional[str], types: dict[str, str]) -> Side:
     """The outputs of the newest run in a folder. `log` and `inputs` are files that the user named;
-    without them, log.txt in the folder and inputs.json beside the log's input files count."""
+    without them, log.txt in the folder or above it, and inputs.json beside the log's input files
+    count."""
     side = Side(path)
     folder = outputs.scan_folder(path)
-    if log or (Path(path) / LOG_NAME).is_file():
-        side.log = _log(log, Path(path) / LOG_NAME)
+    side.log = read_log(log) if log else _usual_log(Path(path), len(folder.runs))
     side.inputs = _manifest(inputs, side.log)
     last = _last_run(side)
     for run in folder.runs:
@@ -76,13 +76,17 @@ def shortened(names: list[str]) -> str:
     return ", ".join(names[:_NAMED]) + more
 
 
-def _log(named: Optional[str], usual: Path) -> Optional[RunLog]:
-    if named:
-        return read_log(named)
-    try:
-        return read_log(str(usual))
-    except Unreadable:  # any other file of that name
-        return None
+def _usual_log(folder: Path, runs: int) -> Optional[RunLog]:
+    """log.txt in the folder; or above it, when it tells of as many runs as there are, because it may
+    be that of another folder."""
+    for path in (folder / LOG_NAME, folder / ".." / LOG_NAME):
+        try:
+            log = read_log(str(path)) if path.is_file() else None
+        except Unreadable:  # any other file of that name
+            log = None
+        if log and (path.parent == folder or log.executed == runs):
+            return log
+    return None
 
 
 def _manifest(named: Optional[str], log: Optional[RunLog]) -> Optional[Manifest]:

@@ -9,18 +9,20 @@ from dataclasses import dataclass
 from typing import Optional
 
 import numpy as np
-from PIL import Image, ImageOps
+from PIL import (BmpImagePlugin, Image, ImageOps, JpegImagePlugin, PngImagePlugin,
+                 TiffImagePlugin)
 
 from quilmrun_tools import elements
 from quilmrun_tools.cli import Unreadable
 from quilmrun_tools.log import Tensor
 
 SUFFIXES = (".png", ".jpg", ".jpeg", ".bmp", ".tif", ".tiff")
-_FORMATS = ("PNG", "JPEG", "BMP", "TIFF")
+_FORMATS = tuple(plugin.format for plugin in (
+    BmpImagePlugin.BmpImageFile, JpegImagePlugin.JpegImageFile, PngImagePlugin.PngImageFile,
+    TiffImagePlugin.TiffImageFile))
 SIZES = ("fit", "crop", "stretch", "pad")
 COLORS = {"rgb": 3, "bgr": 3, "gray": 1}
 
-Image.init()  # on this thread, before others look for formats
 # What Pillow says of odd metadata and of very large pictures does not concern the user.
 warnings.filterwarnings("ignore", module="PIL")
 
@@ -55,7 +57,8 @@ class Preparation:
         self.shape = picture_shape(tensor, options)
         self.color = options.color or ("gray" if self.shape.channels == 1 else "rgb")
         self._size = options.size
-        self._fill = _per_channel(options.fill, COLORS[self.color], "--fill")
+        fill = _per_channel(options.fill, COLORS[self.color], "--fill")
+        self._fill = fill[::-1] if self.color == "bgr" else fill  # as Pillow takes it
         exact = self._exact_values(options)
         # [channel][pixel value]: the element, and how the preview shows it
         self.table = np.stack([elements.convert(row, self.dtype) for row in exact])

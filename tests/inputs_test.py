@@ -1,0 +1,238 @@
+"""quilmrun-inputs: every byte that it writes of small pictures and arrays, and what it refuses."""
+
+import json
+import os
+import unittest
+
+import numpy as np
+from companion import CompanionTest, log_text
+from models import copies
+from PIL import Image
+from tool import QUILMRUN
+
+FLOAT, HALF, INT8, INT32, UINT8 = ("<f4", 0), ("<f2", 1), ("<i1", 2), ("<i4", 3), ("<u1", 4)
+RED, GREEN, BLUE, GREY = (255, 0, 0), (0, 255, 0), (0, 0, 255), (100, 100, 100)
+
+
+class InputsTest(CompanionTest):
+    name = "quilmrun-inputs"
+
+    def picture(self, name, rows, **options):
+        """Writes a picture of rows of pixels."""
+        path = self.dir / name
+        path.parent.mkdir(exist_ok=True)
+        Image.fromarray(np.array(rows, np.uint8)).save(path, **options)
+        return name
+
+    def model_log(self, shape, element_type, name="x", stride=None):
+        dtype, code = element_type
+        stride = stride or np.dtype(dtype).itemsize * shape[-1]
+        dims = "[" + "".join(f"{dim}, " for dim in shape) + "]"
+        return (name, dims, code, stride, stride * int(np.prod(shape[:-1])))
+
+    def prepare(self, shape, element_type, *arguments, stride=None):
+        """The prepared arrays, file by file."""
+        self.write("log.txt", log_text([self.model_log(shape, element_type, stride=stride)]))
+        status, out, errors = self.run_companion("--model-log", "log.txt", "-o", "p", *arguments)
+        self.assertEqual((status, errors), (0, ""), out)
+        return [np.frombuffer((self.dir / "p" / line).read_bytes(), element_type[0]).tolist()
+                for line in (self.dir / "p/list.txt").read_text().splitlines()]
+
+
+class Pictures(InputsTest):
+    def test_elements(self):
+        colours = self.picture("colours.png", [[RED, GREEN], [BLUE, GREY]])
+        grey = self.picture("grey.bmp", [[0, 10], [200, 255]])
+        wide = self.picture("wide.tif", [[10, 20, 30, 40]] * 2)
+        one = self.picture("one.png", [[RED]])
+        # Shown turned to the right by a quarter: the first row becomes the last column.
+        turned = self.picture("turned.png", [[RED, GREEN]], exif=self.turned_right())
+        planes = [255, 0, 0, 100, 0, 255, 0, 100, 0, 0, 255, 100]
+        rows = [
+            (colours, [1, 3, 2, 2], FLOAT, (), planes),
+            (colours, [3, 2, 2], UINT8, (), planes),
+            (colours, [1, 3, 2, 2], UINT8, ("--color", "bgr"), planes[8:] + planes[4:8] + planes[:4]),
+            (colours, [1, 2, 2, 3], UINT8, (), [*RED, *GREEN, *BLUE, *GREY]),
+            (colours, [1, 3, 2, 2], FLOAT, ("--scale", "1/255", "--mean", "0,0.5,1", "--std", "2"),
+             np.float32([(value / 255 - mean) / 2 for value, mean in
+                         zip(planes, [0] * 4 + [.5] * 4 + [1] * 4)]).tolist()),
+            # Halves round to even; what is beyond the range becomes the range's end.
+            (grey, [1, 1, 2, 2], INT8, ("--mean", "128"), [-128, -118, 72, 127]),
+            (grey, [1, 1, 2, 2], INT8, (), [0, 10, 127, 127]),
+            (grey, [1, 1, 2, 2], UINT8, ("--scale", "0.25"), [0, 2, 50, 64]),
+            (grey, [1, 1, 2, 2], UINT8, ("--mean", "20"), [0, 0, 180, 235]),
+            (grey, [1, 1, 2, 2], HALF, ("--scale", "1000"), [0, 10000, 65504, 65504]),
+            (grey, [2, 2], INT32, ("--scale", "100000000"),
+             [0, 1000000000, 2147483647, 2147483647]),
+            (wide, [1, 1, 2, 2], UINT8, (), [20, 30, 20, 30]),
+            (wide, [1, 1, 4, 4], UINT8, ("--size", "fit", "--fill", "7"),
+             [7] * 4 + [10, 20, 30, 40] * 2 + [7] * 4),
+            (wide, [1, 1, 2, 8], UINT8, ("--size", "pad"), [0, 0, 10, 20, 30, 40, 0, 0] * 2),
+            (one, [1, 3, 1, 3], UINT8, ("--size", "pad", "--color", "bgr", "--fill", "1,2,3"),
+             [1, 0, 1, 2, 0, 2, 3, 255, 3]),
+            (one, [1, 3, 1, 2], UINT8, ("--size", "stretch"), [255, 255, 0, 0, 0, 0]),
+            (turned, [1, 2, 1, 3], UINT8, (), [*RED, *GREEN])]
+        for name, shape, element_type, options, expected in rows:
+            with self.subTest(name=name, shape=shape, options=options):
+                self.assertEqual(self.prepare(shape, element_type, *options, name), [expected])
+
+    @staticmethod
+    def turned_right():
+        exif = Image.Exif()
+        exif[0x0112] = 6
+        return exif
+
+    def test_sixteen_bits(self):
+        Image.fromarray(np.array([[0, 256], [65535, 32768]], np.uint16)).save(self.dir / "a.png")
+        self.assertEqual(self.prepare([1, 1, 2, 2], UINT8, "a.png"), [[0, 1, 255, 128]])
+
+    def test_manifest_and_preview(self):
+        self.picture("Bäume: 1\n.png", [[RED]])
+        self.prepare([1, 3, 1, 1], UINT8, "--preview", "sheet.png", "--json", "result.json", ".")
+        manifest = json.loads((self.dir / "p/inputs.json").read_text())
+        entry = manifest["files"][0]
+        self.assertEqual((entry["inference"], entry["input"], entry["file"], entry["bytes"]),
+                         (0, "x", "00000_B_ume_1_.bin", 3))
+        self.assertEqual((entry["sources"][0]["path"], entry["sources"][0]["width"]),
+                         (f"{self.dir}/Bäume: 1\n.png", 1))
+        self.assertEqual(json.loads((self.dir / "result.json").read_text())["files"],
+                         manifest["files"])
+        with Image.open(self.dir / "sheet.png") as sheet:
+            self.assertGreater(sum(pixel == RED for pixel in sheet.getdata()), 100 * 100)
+
+    def test_unreadable(self):
+        self.picture("photos/b.png", [[RED]])
+        whole = (self.dir / "photos/b.png").read_bytes()
+        self.write("photos/a.png", whole[:45])
+        self.write("photos/c.jpg", "no picture")
+        self.write("log.txt", log_text([self.model_log([1, 3, 1, 1], UINT8)]))
+        command = "--model-log", "log.txt", "-o", "p", "photos"
+        status, out, errors = self.run_companion(*command)
+        self.assertEqual((status, out), (2, ""))
+        for text in ("photos/a.png: damaged or cut", "photos/c.jpg: no picture", "2 unreadable"):
+            self.assertIn(text, errors)
+        self.assertFalse((self.dir / "p").exists())
+        status, out, _ = self.run_companion(*command, "--skip-unreadable")
+        self.assertEqual(status, 0)
+        self.assertIn("1 inference, 2 left out", out)
+        self.assertEqual((self.dir / "p/00000_b.bin").read_bytes(), bytes(RED))
+
+
+class OtherSources(InputsTest):
+    def test_arrays(self):
+        np.save(self.dir / "a.npy", np.array([[1.5, 2.5], [-1, 300], [np.nan, 7]]))
+        np.savez(self.dir / "b.npz", first=np.int64([[1, 2]]), second=np.array([3, 4]))
+        np.save(self.dir / "c.npy", np.array([True, False]))
+        self.write("list.txt", "a.npy\r\n\nb.npz\nc.npy")
+        self.assertEqual(self.prepare([1, 2], UINT8, "list.txt"),
+                         [[2, 2], [0, 255], [0, 7], [1, 2], [3, 4], [1, 0]])
+        # Of frames, the first dimension, there may be fewer.
+        np.save(self.dir / "frames.npy", np.ones((5, 2)))
+        self.assertEqual(self.prepare([3, 2], FLOAT, "frames.npy"), [[1.0] * 6, [1.0] * 4])
+
+    def test_batches(self):
+        for value in range(3):
+            self.picture(f"photos/{value}.png", [[value, value]])
+        self.assertEqual(self.prepare([1, 1, 1, 2], UINT8, "photos", "-b", "2"),
+                         [[0, 0, 1, 1], [2, 2]])
+        self.assertEqual(self.prepare([2, 1, 1, 2], UINT8, "photos"), [[0, 0, 1, 1], [2, 2]])
+        self.refused("has padded rows", "--model-log", self.write("log.txt", log_text(
+            [self.model_log([1, 1, 1, 2], UINT8, stride=32)])), "-o", "p", "photos", "-b", "2")
+
+    def test_random(self):
+        values = [self.prepare([1, 1000], INT8, "--random", 2, "--seed", seed)
+                  for seed in (1, 2, 1)]
+        self.assertEqual(values[0], values[2])
+        self.assertNotEqual(values[0], values[1])
+        self.assertNotEqual(*values[0])
+        self.assertLess(min(values[0][0]), -100)
+        ids = self.prepare([1, 1000], INT32, "--random", 1, "--range", "3,5")[0]
+        self.assertEqual(set(ids), {3, 4, 5})
+
+    def test_several_inputs_through_the_tool(self):
+        """What Identity passes on is what the files hold; a name with a colon cannot be in a list."""
+        for names in (("right", "left"), ("a:0", "b=c")):
+            with self.subTest(names=names):
+                self.write("m.onnx", copies(dict(zip(names, ([1, 3, 1, 1], [1, 2])))))
+                self.picture("photos/1.png", [[RED]])
+                self.picture("photos/2.png", [[GREEN]])
+                np.save(self.dir / "box.npy", np.float32([[5, 6]]))
+                status, _, errors = self.run_companion(
+                    "-m", "m.onnx", "--quilmrun", os.path.abspath(QUILMRUN), "-o", "p", "--input",
+                    f"{names[0]}=photos", "--input", f"{names[1]}=box.npy")
+                self.assertEqual((status, errors), (0, ""))
+                self.write("q.json", "{}")
+                status, out, _ = self.run_tool("-m", self.dir / "m.onnx", "-i", "p/list.txt", "-j",
+                                               "q.json", "-o", "out")
+                self.assertEqual(status, 0, out)
+                written = [np.frombuffer(content, "<f4").tolist() for name, content in
+                           sorted(self.outputs("out").items()) if name.endswith(".bin")]
+                self.assertEqual(sorted(written), sorted([[255, 0, 0], [5, 6], [0, 255, 0], [5, 6]]))
+                for path in (self.dir / "out").rglob("*.*"):
+                    path.unlink()
+
+
+class Refusals(InputsTest):
+    def test_wrong_input(self):
+        self.write("log.txt", log_text([self.model_log([1, 3, 2, 2], UINT8)]))
+        self.write("two.txt", log_text([self.model_log([1, 2], UINT8, name) for name in "ab"]))
+        self.write("dynamic.txt", log_text([("x", "[-1, 2, ]", 0, 8, 8)]))
+        self.write("failed.txt", "[ERROR] quilm init failed\n")
+        self.write("empty.txt", "\n")
+        self.write("a.png", "no picture")
+        self.write("cut.npy", b"\x93NUMPY\x01\0")
+        np.save(self.dir / "odd.npy", np.zeros((3, 5)))
+        np.save(self.dir / "three.npy", np.zeros((3, 2)))
+        np.save(self.dir / "four.npy", np.zeros((4, 2)))
+        np.save(self.dir / "text.npy", np.array(["x"]))
+        (self.dir / "folder/deeper").mkdir(parents=True)
+        before = self.outputs(".")
+        for text, arguments in [
+                ("give either --model or", ("a.png",)),
+                ("name pictures or arrays", ("--model-log", "log.txt")),
+                ("cannot read the log none", ("--model-log", "none", "a.png")),
+                ('failed with "quilm init failed"', ("--model-log", "failed.txt", "a.png")),
+                ("there is no none", ("--model-log", "log.txt", "none")),
+                ("names no files", ("--model-log", "log.txt", "empty.txt")),
+                ("but folders: name those, as in folder/deeper", ("--model-log", "log.txt", "folder")),
+                ("no pictures or arrays (.png", ("--model-log", "log.txt", "folder/deeper")),
+                ("no array of numbers, or was cut", ("--model-log", "log.txt", "cut.npy")),
+                ("not numbers", ("--model-log", "log.txt", "text.npy")),
+                ("holds [3, 5], but x takes [1, 3, 2, 2]", ("--model-log", "log.txt", "odd.npy")),
+                ("no pictures of 1 channels", ("--model-log", "log.txt", "a.png", "--color", "gray")),
+                ("1 or 3 numbers here", ("--model-log", "log.txt", "a.png", "--mean", "1,2")),
+                ("must not be 0", ("--model-log", "log.txt", "a.png", "--std", "0")),
+                ("neither a number", ("--model-log", "log.txt", "a.png", "--std", "1/0")),
+                ("fixed dimensions", ("--model-log", "dynamic.txt", "--random", "1")),
+                ("--input a=three.npy", ("--model-log", "two.txt", "three.npy")),
+                ("b has no source", ("--model-log", "two.txt", "--input", "a=three.npy")),
+                ("one of a, b", ("--model-log", "two.txt", "--input", "c=three.npy")),
+                ("3 for a, 4 for b", ("--model-log", "two.txt", "--input", "a=three.npy", "--input",
+                                      "b=four.npy")),
+                ("cannot describe none: failed to get file", (
+                    "-m", "none", "--quilmrun", os.path.abspath(QUILMRUN), "a.png")),
+                ("did not make it", ("--model-log", "log.txt", "a.png", "--preview", "log.txt")),
+                ("did not make it", ("--model-log", "log.txt", "a.png", "--json", "log.txt"))]:
+            with self.subTest(text=text):
+                self.refused(text, "-o", "p", *arguments)
+                self.assertEqual(self.outputs("."), before)
+                self.assertFalse((self.dir / "p").exists())
+
+    def test_only_its_own_files_are_replaced(self):
+        self.prepare([1, 2], UINT8, "--random", 3)
+        self.write("p/notes", "mine")
+        self.write("p/00001_random.bin", "changed by the user")
+        self.assertEqual(len(self.prepare([1, 2], UINT8, "--random", 1)), 1)
+        self.assertEqual(sorted(os.listdir(self.dir / "p")),
+                         ["00000_random.bin", "00001_random.bin", "inputs.json", "list.txt", "notes"])
+        command = "--model-log", "log.txt", "--random", "3"
+        before = self.outputs("p")
+        self.refused("00001_random.bin was not made by", "-o", "p", *command)
+        self.write("full/notes", "mine")
+        self.refused("holds files that quilmrun-inputs did not make", "-o", "full", *command)
+        self.refused("is not a folder", "-o", "log.txt", *command)
+        self.assertEqual(self.outputs("p"), before)
+
+
+if __name__ == "__main__":
+    unittest.main()
