@@ -33,7 +33,7 @@ void WriteLine(char* line, size_t size) {
 __attribute__((format(printf, 4, 0))) size_t FormatLine(char* line, size_t room, const char* prefix,
                                                         const char* format, va_list arguments) {
   const size_t prefixSize = std::strlen(prefix);
-  std::memcpy(line, prefix, prefixSize);
+  std::copy_n(prefix, prefixSize, line);
   const int size = std::vsnprintf(line + prefixSize, room - prefixSize, format, arguments);
   return prefixSize + static_cast<size_t>(std::max(size, 0));
 }

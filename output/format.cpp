@@ -26,8 +26,8 @@ char* FormatAny(double value, char* begin, char* end) {
   return std::to_chars(begin, end, value, std::chars_format::fixed, kFractionDigits).ptr;
 #else
   const CLocale locale;
-  return begin + std::snprintf(begin, static_cast<size_t>(end - begin), "%.*f", kFractionDigits,
-                               value);
+  return begin +
+         std::snprintf(begin, static_cast<size_t>(end - begin), "%.*f", kFractionDigits, value);
 #endif
 }
 

@@ -18,9 +18,12 @@
 
 #include "runtime/quilm.h"
 
+// The C library's own.
+// NOLINTBEGIN(bugprone-reserved-identifier, readability-identifier-naming)
 extern "C" void* __libc_malloc(size_t size);
 extern "C" void* __libc_calloc(size_t count, size_t size);
 extern "C" void* __libc_realloc(void* memory, size_t size);
+// NOLINTEND(bugprone-reserved-identifier, readability-identifier-naming)
 
 struct quilm_data_buffer {
   void* pointer;
@@ -57,7 +60,7 @@ void Say(const char* text) {
 // Runs after the C++ library has taken the memory that it throws std::bad_alloc from.
 __attribute__((constructor)) void Start() {
   if (const char* fail = std::getenv("TINY_FAIL")) {
-    failing = std::atol(fail);
+    failing = std::strtol(fail, nullptr, 10);
     allFollowing = std::strchr(fail, '+') != nullptr;
   }
   counting = true;
