@@ -13,7 +13,7 @@ from typing import Callable, Sequence
 
 from markupsafe import Markup, escape
 
-from quilmrun_tools.units import Unit, ticks
+from quilmrun_tools.units import Unit, decade_ticks, plain_unit, ticks
 
 WIDTH, HEIGHT = 1000.0, 300.0
 BINS = 48
@@ -37,18 +37,36 @@ class Axis:
 
     low: float
     high: float
-    unit: Unit = Unit()
+    unit_for: UnitFor = plain_unit
     wanted: int = 4
+    logarithmic: bool = False
 
     def share(self, value: float) -> float:
         """Where a value lies in the range, from 0 to 1."""
-        return (min(max(value, self.low), self.high) - self.low) / ((self.high - self.low) or 1.0)
+        inside = min(max(value, self.low), self.high)
+        if self.logarithmic:
+            return math.log(inside / self.low) / math.log(self.high / self.low)
+        return (inside - self.low) / ((self.high - self.low) or 1.0)
+
+    def value(self, share: float) -> float:
+        """The value at a share of the range."""
+        if self.logarithmic:
+            return self.low * (self.high / self.low) ** share
+        return self.low + share * (self.high - self.low)
+
+    def write(self, value: float) -> str:
+        """A value with its unit, which is the same along a linear axis."""
+        return self.unit_for(value if self.logarithmic else self.high).write(value)
 
     def labels(self) -> list[tuple[float, str]]:
         """Position in percent and text of every tick."""
-        factor = self.unit.factor
-        places = [tick / factor for tick in ticks(self.low * factor, self.high * factor, self.wanted)]
-        return [(100 * self.share(place), self.unit.write(place)) for place in places]
+        if self.logarithmic:
+            places = decade_ticks(self.low, self.high, self.wanted)
+        else:
+            factor = self.unit_for(self.high).factor
+            places = [tick / factor
+                      for tick in ticks(self.low * factor, self.high * factor, self.wanted)]
+        return [(100 * self.share(place), self.write(place)) for place in places]
 
 
 def _frame(marks: str, across: Axis, up: Axis, described: str, overlay: str = "",
@@ -77,24 +95,24 @@ def _y(axis: Axis, value: float) -> float:
     return HEIGHT * (1 - axis.share(value))
 
 
+def _spreads(values: Sequence[float]) -> bool:
+    """Whether values differ so much that only a logarithmic axis shows the small ones."""
+    ranked = sorted(values)
+    return ranked[0] > 0 and ranked[-1] > 8 * ranked[len(ranked) // 2]
+
+
 def _histogram_axis(series: Sequence[Sequence[float]], unit: UnitFor) -> Axis:
-    """From the least value to the greatest, or to a little above the 99th percentile."""
-    values = sorted(value for values in series for value in values)
-    low, high = values[0], values[-1]
-    usual = values[max(0, -(-len(values) * 99 // 100) - 1)]
-    if high - low > 2 * (usual - low) > 0:
-        high = usual + 0.25 * (usual - low)
+    """From the least value to the greatest."""
+    values = [value for values in series for value in values]
+    low, high = min(values), max(values)
     if high <= low:
         low, high = 0.9 * low, 1.1 * high or 1.0
-    return Axis(low, high, unit(high), wanted=3)
+    return Axis(low, high, unit, wanted=3, logarithmic=_spreads(values))
 
 
 def histogram(series: Sequence[Sequence[float]], markers: Sequence[Marker],
               unit: UnitFor) -> Markup:
-    """How often values occur, for one series or two over each other, with markers on top.
-
-    Values far above nearly all others count in the last bin.
-    """
+    """How often values occur, for one series or two over each other, with markers on top."""
     across = _histogram_axis(series, unit)
     counts = []
     for values in series:
@@ -111,17 +129,16 @@ def histogram(series: Sequence[Sequence[float]], markers: Sequence[Marker],
 
 def _bars(bins: list[int], across: Axis, up: Axis, number: int) -> str:
     """One bar per bin that holds something; pointing at it tells its range and count."""
-    width, step = WIDTH / BINS, (across.high - across.low) / BINS
+    width = WIDTH / BINS
     parts = []
     for index, count in enumerate(bins):
         if not count:
             continue
-        low = across.low + index * step
-        beyond = " and more" if index == BINS - 1 else f" to {across.unit.write(low + step)}"
+        first, end = (across.write(across.value(place / BINS)) for place in (index, index + 1))
         top = _y(up, count)
         parts.append(f'<rect class="bar s{number}" x="{index * width + 1:.1f}" y="{top:.1f}" '
                      f'width="{width - 2:.1f}" height="{HEIGHT - top:.1f}">'
-                     f'<title>{escape(across.unit.write(low) + beyond)}: {count:,}</title></rect>')
+                     f'<title>{escape(first)} to {escape(end)}: {count:,}</title></rect>')
     return "".join(parts)
 
 
@@ -142,7 +159,7 @@ def _thinned(points: Sequence[tuple[float, float]]) -> list[tuple[float, float]]
     for start in range(0, len(points), size):
         chunk = points[start:start + size]
         kept += sorted({min(chunk, key=lambda point: point[1]),
-                        max(chunk, key=lambda point: point[1])})
+                        max(chunk, key=lambda point: point[1]), chunk[-1]})
     return kept
 
 
@@ -152,8 +169,10 @@ def dots(series: Sequence[Sequence[tuple[float, float]]], unit_x: UnitFor, unit_
     every = [point for points in series for point in points]
     high = max([y for _, y in every] + ([level] if level is not None else []))
     right = max(x for x, _ in every) or 1.0
-    across = Axis(0.0, right, unit_x(right))
-    up = Axis(0.0, high * 1.06 or 1.0, unit_y(high), wanted=3)
+    across = Axis(0.0, right, unit_x)
+    up = Axis(0.0, high * 1.06 or 1.0, unit_y, wanted=3)
+    if level is None and _spreads([y for _, y in every]):
+        up = Axis(min(y for _, y in every) * 0.8, high * 1.2, unit_y, logarithmic=True)
     marks = ""
     for number, points in enumerate(series):
         path = "".join(f"M{_x(across, x):.1f} {_y(up, y):.1f}h0" for x, y in _thinned(points))
@@ -168,8 +187,8 @@ def steps(series: Sequence[Sequence[tuple[float, float]]], unit_x: UnitFor,
     """Levels that hold from a point in time (x) to the next, as filled steps."""
     every = [point for points in series for point in points]
     right, high = max(x for x, _ in every) or 1.0, max(y for _, y in every)
-    across = Axis(0.0, right, unit_x(right))
-    up = Axis(0.0, high * 1.06 or 1.0, unit_y(high), wanted=3)
+    across = Axis(0.0, right, unit_x)
+    up = Axis(0.0, high * 1.06 or 1.0, unit_y, wanted=3)
     marks = ""
     for number, points in enumerate(series):
         if not points:

@@ -63,7 +63,7 @@ def render(sides: list[Side], title: str, most_cases: int) -> str:
                                tally=lambda lines: Counter(lines).most_common())
     main = sides[-1]
     return environment.get_template("report.html.j2").render(
-        title=title or page_title(main.run), generator=f"{GENERATOR} {__version__}",
+        title=title or page_title([side.run for side in sides]), generator=f"{GENERATOR} {__version__}",
         style=Markup((HERE / "report.css").read_text(encoding="utf-8")),
         created=datetime.datetime.now().strftime("%d %B %Y, %H:%M").lstrip("0"), sides=sides,
         main=main, other=sides[0] if len(sides) > 1 else None, phases=PHASES,
@@ -73,10 +73,12 @@ def render(sides: list[Side], title: str, most_cases: int) -> str:
         started=_started(main.run))
 
 
-def page_title(run: Run) -> str:
-    """The model's file name and the run's label."""
-    model = Path(run.model).name
-    return f"{model} · {run.label}" if model else run.label
+def page_title(runs: list[Run]) -> str:
+    """The model's file name and the run's label, or which run is shown against which."""
+    if len(runs) > 1:
+        return f"{runs[1].label} against {runs[0].label}"
+    model = Path(runs[0].model).name
+    return f"{model} · {runs[0].label}" if model else runs[0].label
 
 
 def _started(run: Run) -> str:

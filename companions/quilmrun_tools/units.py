@@ -53,9 +53,11 @@ def percent(share: float) -> str:
 
 
 def change(before: float | None, after: float | None) -> str:
-    """How much `after` is above or below `before`, as a percentage with its sign."""
+    """How much `after` is above or below `before`, as a percentage with its sign or a factor."""
     if before is None or after is None or before == 0:
         return "–"
+    if after / before >= 10:
+        return f"× {significant(after / before)}"
     difference = 100 * (after / before - 1)
     if abs(difference) < 0.05:
         return "same"
@@ -104,3 +106,15 @@ def ticks(low: float, high: float, wanted: int = 4) -> list[float]:
     first = math.ceil(low / step - 1e-9)
     last = math.floor(high / step + 1e-9)
     return [index * step for index in range(first, last + 1)]
+
+
+def decade_ticks(low: float, high: float, wanted: int = 4) -> list[float]:
+    """Round numbers for a logarithmic axis: powers of ten, or 1, 2 and 5 of each when few fit."""
+    powers = range(math.floor(math.log10(low)), math.ceil(math.log10(high)) + 1)
+    found: list[float] = []
+    for digits in ((1,), (1, 3), (1, 2, 5)):
+        denser = [digit * 10.0 ** power for power in powers for digit in digits
+                  if low <= digit * 10.0 ** power <= high]
+        if not found or len(denser) <= wanted + 1:
+            found = denser
+    return found
