@@ -57,8 +57,8 @@ if(QUILMRUN_BOARD)
   set(CPACK_PACKAGE_FILE_NAME quilmrun-${PROJECT_VERSION}-${CPACK_DEBIAN_PACKAGE_ARCHITECTURE})
   set(CPACK_PACKAGE_DESCRIPTION "Loads the board's own libquilm.so, which is not part of it.")
 elseif(NOT QUILMRUN_RUNTIME_LIBRARY)
-  install_documentation(README.md LICENSE docs/board.md docs/building.md docs/failures.md
-                        docs/host-runtime.md docs/speed.md)
+  install_documentation(README.md LICENSE docs/board.md docs/building.md docs/companions.md
+                        docs/failures.md docs/host-runtime.md docs/report.png docs/speed.md)
   # With permissions of its own, whatever umask the checkout was made with.
   install(DIRECTORY examples DESTINATION share/quilmrun
           PATTERN __pycache__ EXCLUDE PATTERN memory_data.csv EXCLUDE
@@ -84,7 +84,7 @@ elseif(NOT QUILMRUN_RUNTIME_LIBRARY)
   set(CPACK_DEBIAN_QUILMRUN_PACKAGE_DEPENDS "python3:any")
   # Each companion names what it lacks, the tool needs none of them.
   set(CPACK_DEBIAN_QUILMRUN_PACKAGE_RECOMMENDS "quilmrun-host-runtime, man-db, python3-numpy, \
-python3-pil, python3-jinja2, python3-matplotlib, python3-tqdm")
+python3-pil, python3-jinja2, python3-tqdm")
   set(CPACK_COMPONENT_RUNTIME_DESCRIPTION
       "The host runtime: a libquilm.so for PCs that runs ONNX models with ONNX
  Runtime, which comes with it.")

@@ -157,8 +157,7 @@ def read_json(path: str, expected: str) -> dict:
 
 
 # Debian's package of each Python package that a companion may lack.
-_PACKAGES = {"numpy": "python3-numpy", "PIL": "python3-pil", "jinja2": "python3-jinja2",
-             "matplotlib": "python3-matplotlib"}
+_PACKAGES = {"numpy": "python3-numpy", "PIL": "python3-pil", "jinja2": "python3-jinja2"}
 
 
 def run(module: str) -> NoReturn:

@@ -32,6 +32,14 @@ License: public-domain
  A photograph of the Brooklyn Museum Collection with no known copyright
  restrictions, as scikit-image carries it; reduced.
 
+Files: usr/share/quilmrun/examples/report/photographs/*
+Copyright: none
+License: CC0-1.0 and public-domain
+ https://creativecommons.org/publicdomain/zero/1.0/legalcode
+Comment: Cut from pictures of scikit-image: brick, grass, gravel, cat and coffee
+ are under CC0; sky is NASA's, in the public domain; coins (Brooklyn Museum) and
+ tissue have no known copyright restrictions.
+
 License: Expat
  Permission is hereby granted, free of charge, to any person obtaining a copy
  of this software and associated documentation files (the "Software"), to deal
