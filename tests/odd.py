@@ -15,14 +15,18 @@ STAGING_FAILED = "[ERROR] get pic device buffer failed\n[ERROR] CreateInputBuf f
 
 
 class OddRuntimeTest(ToolTest):
-    def start_odd(self, script, *options, data=bytes(range(1, 9)), list_text="x.bin\n", limit=None,
-                  within=()):
+    def arguments(self, script, *options, data=bytes(range(1, 9)), list_text="x.bin\n"):
+        """Writes the files of a run and returns the tool's arguments for it."""
         self.write("m.om", "model")
         self.write("x.bin", data)
         self.write("list.txt", list_text)
         self.write("odd.cfg", f"log {self.dir}/calls\n" + script)
-        return self.run_tool("-m", "m.om", "-i", "list.txt", "-j", "odd.cfg", "-o", "out", *options,
-                             library=ODD_RUNTIME, preexec_fn=limit, within=within)
+        return ["-m", "m.om", "-i", "list.txt", "-j", "odd.cfg", "-o", "out", *options]
+
+    def start_odd(self, *arguments, limit=None, within=(), library=ODD_RUNTIME, **files):
+        """(status, masked stdout, stderr)"""
+        return self.run_tool(*self.arguments(*arguments, **files), library=library, preexec_fn=limit,
+                             within=within)
 
     def run_odd(self, *arguments, complaint="(?!)", **options):
         """(status, masked stdout) of a run that gets to its end, where the host runtime finds nothing

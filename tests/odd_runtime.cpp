@@ -20,7 +20,15 @@ __attribute__((constructor)) void Open() {
     std::fprintf(stderr, "odd runtime: %s\n", problem);
     std::abort();
   }
+  withinOddRuntime = 0;
 }
+
+struct Within {
+  Within() { ++withinOddRuntime; }
+  ~Within() { --withinOddRuntime; }
+  Within(const Within&) = delete;
+  Within& operator=(const Within&) = delete;
+};
 
 const OddTensor& At(const std::vector<OddTensor>& tensors, size_t index) {
   static const OddTensor kNone;
@@ -215,6 +223,7 @@ void LogCall(const char* function, Arguments... arguments) {
 
 template <Id kId, typename... Arguments>
 ResultOf<kId> Handle(Tag<kId> call, Arguments... arguments) {
+  const Within within;
   if constexpr (kId == Id::quilm_init) {
     if (!ReadScript(arguments...)) {
       return 1;

@@ -11,6 +11,7 @@
 #include <stdexcept>
 
 OddRuntime odd;
+int withinOddRuntime = 1;
 
 namespace {
 
@@ -91,7 +92,10 @@ long NumberOr(const char* key, long fallback) {
 }
 
 bool TakeEvent(const char* function, long& code) {
-  const auto found = odd.events.find({function, ++odd.calls[function]});
+  auto found = odd.events.find({function, ++odd.calls[function]});
+  if (found == odd.events.end()) {
+    found = odd.events.find({function, 0});
+  }
   if (found == odd.events.end()) {
     return false;
   }

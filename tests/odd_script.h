@@ -10,7 +10,8 @@
 //   dim_count N                                  claim N dimensions for every tensor
 //   net_type N, run_mode N, reported_size N
 //
-// and what happens at the N-th call of FUNCTION, several at once if need be, in this order:
+// and what happens at the N-th call of FUNCTION, or with 0 at every other one, several at once if
+// need be, in this order:
 //
 //   run FUNCTION N COMMAND                       a shell command is run
 //   locale FUNCTION N NAME                       the process gets this locale
@@ -51,6 +52,9 @@ struct OddRuntime {
 };
 
 extern OddRuntime odd;
+
+/// Above 0 while the process is in a call of the runtime, or is being started.
+extern int withinOddRuntime;
 
 /// False when there is no such script.
 bool ReadScript(const char* path);

@@ -1,0 +1,62 @@
+// A malloc() that fails on demand, for processes with the odd runtime. It counts what the tool
+// allocates after the start of the process; within runtime calls nothing counts. The environment
+// variable FAILING_ALLOCATION says which one fails: N, or N+ for all from the N-th on. At the end
+// the count goes to standard error.
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "tests/odd_script.h"
+
+// The C library's own.
+// NOLINTBEGIN(bugprone-reserved-identifier, readability-identifier-naming)
+extern "C" void* __libc_malloc(size_t size);
+extern "C" void* __libc_calloc(size_t count, size_t size);
+extern "C" void* __libc_realloc(void* memory, size_t size);
+// NOLINTEND(bugprone-reserved-identifier, readability-identifier-naming)
+
+namespace {
+
+long allocations = 0;
+long failing = 0;
+bool allFollowing = false;
+
+// Before that the C++ library takes the memory from which it throws std::bad_alloc.
+__attribute__((constructor)) void ReadEnvironment() {
+  if (const char* fail = std::getenv("FAILING_ALLOCATION")) {
+    char* end = nullptr;
+    failing = std::strtol(fail, &end, 10);
+    allFollowing = *end == '+';
+  }
+}
+
+__attribute__((destructor)) void ShowCount() {
+  std::fprintf(stderr, "%ld allocations\n", allocations);
+}
+
+bool IsRefused() {
+  if (withinOddRuntime > 0) {
+    return false;
+  }
+  ++allocations;
+  errno = ENOMEM;
+  return allocations == failing || (allFollowing && allocations > failing);
+}
+
+}  // namespace
+
+extern "C" {
+
+void* malloc(size_t size) {
+  return IsRefused() ? nullptr : __libc_malloc(size);
+}
+
+void* calloc(size_t count, size_t size) {
+  return IsRefused() ? nullptr : __libc_calloc(count, size);
+}
+
+void* realloc(void* memory, size_t size) {
+  return IsRefused() ? nullptr : __libc_realloc(memory, size);
+}
+}
