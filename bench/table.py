@@ -15,6 +15,9 @@ import shutil
 import subprocess
 import sys
 import tempfile
+import time
+
+import numpy
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent
 BUILD = pathlib.Path(sys.argv[1]).resolve()
@@ -48,6 +51,7 @@ PARTS = (
 # Groups in a run of the digits example, and how many such runs.
 DIGITS_RUNS = ((10, 1), (20, 1)) if BRIEF else ((10, 30), (1000, 12), (10000, 6))
 MEMORY_VALUES = 8192 if BRIEF else 8 * MIB
+COMPARED_VALUES = MIB if BRIEF else 256 * MIB
 MEMORY_GROUPS = (10, 20) if BRIEF else (10000, 50000)
 
 lines = []
@@ -179,6 +183,29 @@ def measure_recorder(scratch):
     add("a call: what quilmrun-record adds | 0.3 us", 0.3, noted - plain, "us", 1)
 
 
+def measure_comparing(scratch):
+    """quilmrun-compare on outputs of one large run, against cmp on the same files."""
+    values = numpy.random.default_rng(0).standard_normal(COMPARED_VALUES, numpy.float32)
+    near = values * numpy.float32(1 + 1e-6)
+    for folder, content in (("one", values), ("equal", values), ("near", near)):
+        (scratch / folder / "0").mkdir(parents=True)
+        content.tofile(scratch / folder / "0/y.0.1.bin")
+
+    def seconds(*command):
+        times = []
+        for _ in range(1 if BRIEF else 5):
+            start = time.perf_counter()
+            subprocess.run(command, cwd=scratch, check=True, stdout=subprocess.DEVNULL)
+            times.append(time.perf_counter() - start)
+        return min(times)
+
+    floor = seconds("cmp", "one/0/y.0.1.bin", "equal/0/y.0.1.bin") * 1000
+    size = COMPARED_VALUES * 4 // MIB
+    for folder, what in (("equal", "equal"), ("near", "different in every value")):
+        add(f"quilmrun-compare, 2 x {size:,} MiB, {what} | cmp of equal files", floor,
+            seconds(ROOT / "companions/quilmrun-compare", "one", folder) * 1000, "ms", 3)
+
+
 def format_value(value, unit):
     return f"{value:,.3f} {unit}" if value < 10 else f"{value:,.1f} {unit}"
 
@@ -200,6 +227,7 @@ def main():
     with tempfile.TemporaryDirectory(prefix="quilmrun_", dir=DIRECTORY) as scratch:
         measure_digits(pathlib.Path(scratch))
         measure_memory(pathlib.Path(scratch))
+        measure_comparing(pathlib.Path(scratch))
         measure_recorder(pathlib.Path(scratch))
     print_table()
 

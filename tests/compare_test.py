@@ -24,7 +24,7 @@ class CompareTest(CompanionTest):
     name = "quilmrun-compare"
 
     def outputs_of(self, folder, *runs, stamp=STAMP, kind="float"):
-        """Writes {output: values} of each run as quilmrun does; keys may hold a duplicate number."""
+        """Writes {output: values} of each run as quilmrun does; the key may be NAME.NUMBER."""
         for index, outputs in enumerate(runs):
             for name, values in outputs.items():
                 stamp += 100
@@ -44,7 +44,8 @@ class Measures(CompareTest):
         changed = large.copy()
         changed[-1] = 3
         for values, wanted, expected in [
-                ([1, 2, 2], [1, 2, 2], {"max_abs": 0, "cosine": 1, "snr_db": "inf", "differing": 0}),
+                ([1, 2, 2], [1, 2, 2],
+                 {"max_abs": 0, "cosine": 1, "snr_db": "inf", "differing": 0}),
                 ([3, 0], [0, 4], {"max_abs": 4, "mean_abs": 3.5, "max_rel": 1, "cosine": 0,
                                   "differing": 1, "snr_db": 10 * math.log10(16 / 25)}),
                 ([1, 5], [0, 4], {"max_abs": 1, "max_rel": .25, "cosine": 20 / math.sqrt(26 * 16)}),
@@ -157,8 +158,8 @@ class Pairs(CompareTest):
         found = self.compare(status=1)
         self.assertEqual(sorted((run["output"], run["duplicate"], run["problem"])
                                 for run in found["runs"]),
-                         [("new", 0, "missing in the reference"), ("old", 0, "missing"), ("y", 0, ""),
-                          ("y", 1, "")])
+                         [("new", 0, "missing in the reference"), ("old", 0, "missing"),
+                          ("y", 0, ""), ("y", 1, "")])
         for option in ("--by-order", "--common"):
             self.compare(option)
 
@@ -210,8 +211,9 @@ class Refusals(CompareTest):
                 ("neither a folder nor an .npy", ("a", "text")), ("cut short", ("a", "cut.npy")),
                 ("different models, or a compiler", ("a", "other")),
                 ("different models", ("a", "two", "--by-order")),
-                ("no output q", ("a", "a", "--scores", "q")), ("--scores", ("a", "a", "--top1", "1")),
-                ("no share", ("a", "a", "--top1", "2")), ("no tolerance", ("a", "a", "--atol", "-1")),
+                ("no output q", ("a", "a", "--scores", "q")),
+                ("--scores", ("a", "a", "--top1", "1")), ("no share", ("a", "a", "--top1", "2")),
+                ("no tolerance", ("a", "a", "--atol", "-1")),
                 ("is not NAME=half", ("a", "a", "--type", "y=float64")),
                 ("cannot read the log none", ("a", "a", "--log", "none")),
                 ("describes no model", ("a", "a", "--log", "text")),

@@ -3,7 +3,6 @@
 import argparse
 import math
 from pathlib import Path
-from typing import Optional
 
 from quilmrun_tools import cli, comparison, pairing
 from quilmrun_tools.cli import Unreadable
@@ -74,7 +73,7 @@ def parser() -> cli.Parser:
     limits.add_argument("--cosine", type=_limit("similarity from 0 to 1", 1), metavar="C",
                         help="least cosine similarity of every output of every run")
     limits.add_argument("--top1", type=_limit("share from 0 to 1", 1), metavar="SHARE",
-                        help="least share of score vectors with the reference's best, as 0.95, 95%%")
+                        help="least share of score vectors with the reference's best, as 95%%")
     pairs = result.add_argument_group("what belongs together")
     pairs.add_argument("--by-order", action="store_true",
                        help="pair outputs by their order, for a compiler that renames them")
@@ -87,7 +86,8 @@ def parser() -> cli.Parser:
     pairs.add_argument("--scores", action="append", default=[], metavar="NAME",
                        help="an output of scores; default: those that are vectors by the log")
     files = result.add_argument_group("files")
-    files.add_argument("--log", help="what quilmrun printed for OUT; default: log.txt in OUT or above it")
+    files.add_argument("--log", help="what quilmrun printed for OUT; default: log.txt in OUT or "
+                                     "above it")
     files.add_argument("--reference-log", metavar="LOG", help="the same for REFERENCE")
     files.add_argument("--inputs", metavar="FILE",
                        help="inputs.json; default: the one beside the log's input files")

@@ -77,8 +77,8 @@ def shortened(names: list[str]) -> str:
 
 
 def _usual_log(folder: Path, runs: int) -> Optional[RunLog]:
-    """log.txt in the folder; or above it, when it tells of as many runs as there are, because it may
-    be that of another folder."""
+    """log.txt in the folder; or above it, when it tells of as many runs as there are: it may be
+    that of another folder."""
     for path in (folder / LOG_NAME, folder / ".." / LOG_NAME):
         try:
             log = read_log(str(path)) if path.is_file() else None
@@ -175,6 +175,6 @@ def pair_keys(output: Side, reference: Side, by_order: bool) -> dict[Key, Key]:
     if not pairs:
         raise Unreadable(
             f"no output of {output.path} ({shortened([*map(text, ours)])}) is in {reference.path} "
-            f"({shortened([*map(text, theirs)])}): these are different models, or a compiler renamed"
-            " the outputs, which --by-order leaves aside")
+            f"({shortened([*map(text, theirs)])}): these are different models, or a compiler "
+            "renamed the outputs, which --by-order leaves aside")
     return pairs

@@ -101,7 +101,8 @@ class RandomItem:
 
 def random_items(tensor: Tensor, count: int, seed: tuple[int, int],
                  bounds: Optional[tuple[float, float]]) -> list[Item]:
-    """Floats from 0 to 1, 8-bit integers of their whole range, others from 0 to 255; or `bounds`."""
+    """Floats from 0 to 1, 8-bit integers of their whole range, others from 0 to 255, or within
+    `bounds`."""
     dtype = elements.dtype_of(tensor)
     low, high = bounds or ((0, 1) if dtype.kind == "f" else
                            elements.limits(dtype) if dtype.itemsize == 1 else (0, 255))
@@ -204,7 +205,8 @@ def _members(path: Path) -> list[str]:
 def _batches(shape: tuple[int, ...], tensor: Tensor, path: Path) -> list[Optional[slice]]:
     """How an array divides into batches of an input; dimensions of 1 do not matter.
 
-    Of inputs whose first dimension is more than 1, as that of frames, the last batch may be shorter.
+    Where an input's first dimension is more than 1, as that of frames, the last batch may be
+    shorter.
     """
     def bare(dims: tuple[int, ...]) -> list[int]:
         return [dim for dim in dims if dim != 1]
@@ -216,6 +218,7 @@ def _batches(shape: tuple[int, ...], tensor: Tensor, path: Path) -> list[Optiona
     elif shape and bare(shape[1:]) == bare(tensor.dims):
         step = 1
     else:
-        raise Unreadable(f"{path} holds {list(shape)}, but {tensor.name} takes {list(tensor.dims)}: "
-                         "transpose or cut the array, or give each inference one")
+        raise Unreadable(f"{path} holds {list(shape)}, but {tensor.name} takes "
+                         f"{list(tensor.dims)}: transpose or cut the array, or give one for each "
+                         "inference")
     return [slice(at, at + step) for at in range(0, shape[0], step)]

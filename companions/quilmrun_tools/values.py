@@ -123,8 +123,8 @@ def decode(chunk: np.ndarray, values: Values) -> np.ndarray:
 
 
 def explain_sizes(values: Values, reference: Values, row: Optional[tuple[int, int]]) -> str:
-    """Why two outputs cannot be compared: their sizes differ. `row` is the (last dimension, elements
-    from row to row with padding) of the output, when known."""
+    """Why two outputs cannot be compared: their sizes differ. `row` is the (last dimension,
+    elements from row to row with padding) of the output, when known."""
     for one, name in ((values, "the output"), (reference, "the reference")):
         if one.cut_short or not one.count:
             return (f"{name} was cut short or the disk was full: {one.path} holds {one.bytes} "
