@@ -5,7 +5,6 @@ import os
 import pathlib
 import resource
 import unittest
-import unittest.mock
 
 from onnx import TensorProto, helper
 
@@ -125,20 +124,6 @@ class BadInput(HostRuntimeTest):
         self.check(1, "[INFO]  Reading bin file [$D/huge]\n" + too_large +
                    "[ERROR] get pic device buffer failed\n[ERROR] CreateInputBuf failed\n" +
                    FAILURE, list_text="huge")
-
-    def test_words_among_options(self):
-        rows = [("word -b 8 word -t 2 -- -b 9", [8], 2), ("-o -- word -b 4", [4], None),
-                ("-b 4 one two three", [4], None), ("- one -b4 -b5x", [4, 5], None),
-                ("one -- -b 4", [], None)]
-        for posixly in ({}, {"POSIXLY_CORRECT": "1"}):
-            with unittest.mock.patch.dict(os.environ, posixly):
-                for words, batches, total in rows:
-                    _, out, err = self.run_tool(*words.split())
-                    self.assertEqual((out, err), (
-                        "".join(f"[INFO]  batchSize: {batch}\n" for batch in batches) +
-                        (f"[INFO]  nlpTotalT: {total}\n" if total else "") +
-                        "[INFO]  inputPath: \n"
-                        "[ERROR] inputPath size = 0, out of range (0, 4096] error\n", ""))
 
     def test_settings(self):
         self.write("m.onnx", identity([1, 8]))

@@ -100,7 +100,7 @@ class OthersAtTheSameFiles(OddRuntimeTest):
                                 env=dict(os.environ, LD_LIBRARY_PATH=ODD_RUNTIME))
 
     def test_report_is_replaced_by_one_run_at_a_time(self):
-        os.link(self.write("memory_data.csv", "old\n"), self.dir / "link")
+        os.link(self.write("memory_data.csv", "old\n" * 500), self.dir / "link")
         with open(self.dir / "link") as report:
             fcntl.flock(report, fcntl.LOCK_EX)
             process = self.start(subprocess.PIPE)
@@ -109,7 +109,7 @@ class OthersAtTheSameFiles(OddRuntimeTest):
                     break
             with self.assertRaises(subprocess.TimeoutExpired, msg="it waits for the lock"):
                 process.wait(timeout=0.1)
-            self.assertEqual(report.read(), "old\n")
+            self.assertEqual(report.read(), "old\n" * 500)
             fcntl.flock(report, fcntl.LOCK_UN)
             self.assertEqual((process.communicate()[0], process.returncode), ("", 0))
             report.seek(0)

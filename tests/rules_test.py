@@ -2,13 +2,52 @@
 
 import os
 import unittest
+import unittest.mock
 
 from odd import FAILURE, PLAIN, SUCCESS, TASK_AND_WORK, OddRuntimeTest
-from tool import TEARDOWN
+from tool import TEARDOWN, ToolTest
 
 RPN = PLAIN.replace("input task", "input r 0 32 32 {}\ninput task")
 NOT_DONE = "[ERROR] Set rpn data failed\n" + FAILURE
 PATHS = "[INFO]  inputPath: ./x.bin\n"
+
+
+USAGE = ("[ERROR] example: -m modelPath -i imagePath -j quilmJsonPath [-t nlpTotalT] [-b batchSize] "
+         "[-r rpnData] [-p profile] [-o outputPath]\n")
+LONGEST = "/" + 4095 * "x"
+
+
+class Options(ToolTest):
+    def start_of_run(self, *arguments):
+        """What is printed before the model's path."""
+        status, out, err = self.run_tool(*arguments)
+        self.assertEqual(status, 1)
+        return out.removesuffix("[INFO]  inputPath: \n"
+                                "[ERROR] inputPath size = 0, out of range (0, 4096] error\n"), err
+
+    def test_words_and_values(self):
+        rows = [("word -b 8 word -t 2 -- -b 9", ["batchSize: 8", "nlpTotalT: 2"]),
+                ("-o -- word -b 4", ["batchSize: 4"]), ("-b 4 one two three", ["batchSize: 4"]),
+                ("- one -b4 -b5x", ["batchSize: 4", "batchSize: 5"]), ("one -- -b 4", [])]
+        for posixly in ({}, {"POSIXLY_CORRECT": "1"}):
+            with unittest.mock.patch.dict(os.environ, posixly):
+                for words, lines in rows:
+                    self.assertEqual(self.start_of_run(*words.split()),
+                                     ("".join(f"[INFO]  {line}\n" for line in lines), ""))
+
+    def test_unknown_and_incomplete_ones_show_the_usage(self):
+        out, err = self.start_of_run("-x", "-b", "8", "-o")
+        self.assertEqual(out, USAGE + "[INFO]  batchSize: 8\n" + USAGE)
+        self.assertRegex(err, r"^.*invalid option -- 'x'\n.*requires an argument -- 'o'\n$")
+
+    def test_paths(self):
+        refused = "[ERROR] inputPath size = {}, out of range (0, 4096] error\n"
+        fails = "[ERROR] realpath fail, input: {}\n"
+        for path, said in ((LONGEST + "x", refused.format(4097)), (LONGEST, fails.format(LONGEST)),
+                           ("no/such", ""), ("/dev/null/x", fails.format("/dev/null/x"))):
+            _, out, _ = self.run_tool("-m", path)
+            self.assertTrue(out.startswith(f"[INFO]  inputPath: {path}\n{said}"), out)
+            self.assertEqual("open file" in out, path != LONGEST + "x")  # it goes on with the list
 
 
 class Rules(OddRuntimeTest):
