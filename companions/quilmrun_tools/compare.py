@@ -182,12 +182,12 @@ def _cells(tally: Tally) -> list[str]:
               for counts in (tally.nan, tally.inf))]
 
 
-def _print_table(head: list[str], rows: list[list[str]], left: int) -> None:
-    """Columns as wide as their longest cell; the first `left` are flush left."""
+def _print_table(head: list[str], rows: list[list[str]]) -> None:
+    """Columns as wide as their longest cell, measures flush right."""
     widths = [max(len(row[at]) for row in [head, *rows]) for at in range(len(head))]
     for row in [head, *rows]:
-        print("  ".join(cell.ljust(width) if at < left else cell.rjust(width)
-                        for at, (cell, width) in enumerate(zip(row, widths))).rstrip())
+        print("  ".join(cell.rjust(width) if title in _COLUMNS else cell.ljust(width)
+                        for cell, title, width in zip(row, head, widths)).rstrip())
 
 
 def print_result(result: Comparison, output: Side, notes: list[str],
@@ -196,14 +196,14 @@ def print_result(result: Comparison, output: Side, notes: list[str],
     labels = {run: ", ".join(source.label for source in found) for run, found in sources.items()}
     _print_table(["output", "type", *_COLUMNS],
                  [[text(key), comparison.type_of(key, output), *_cells(tally)]
-                  for key, tally in result.totals.items()], 2)
+                  for key, tally in result.totals.items()])
     listed = [one for one in result.worst() if one.tally.max_abs > 0 or one.problem][:max(worst, 0)]
     compared = [one for one in listed if not one.problem]
     if compared:
         print("\nworst runs:")
         _print_table(["run", "output", *_COLUMNS, "from"],
                      [[str(one.run), text(one.key), *_cells(one.tally),
-                       labels.get(one.run, "")] for one in compared], 2)
+                       labels.get(one.run, "")] for one in compared])
     problems = [one for one in result.results if one.problem]
     if problems:
         print()
