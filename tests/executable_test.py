@@ -1,6 +1,7 @@
 """The built executable: what it needs, what it exports, and that its log is complete."""
 
 import os
+import platform
 import re
 import signal
 import subprocess
@@ -42,6 +43,8 @@ class Executable(unittest.TestCase):
             imports = read("nm", "-D", "--undefined-only", name)
             self.assertIn("__stack_chk_fail", imports)
             self.assertRegex(imports, r"__\w+_chk@")
+        if platform.machine() == "x86_64":
+            self.assertIn("IBT, SHSTK", read("readelf", "-nW", library))
 
     def test_host_runtime_leaves_protobuf_c_to_the_executable(self):
         library = os.path.join(os.path.dirname(tool.QUILMRUN), "libquilm.so")
