@@ -80,6 +80,9 @@ Statistics Summarize(std::vector<double> times) {
 std::vector<NamedStatistics> Measure(const Calls& calls) {
   Collector collector;
   FollowRun(calls, collector);
+  if (collector.durations["execute_repeated"].empty()) {
+    collector.durations["execute_first"].clear();  // there is nothing to tell them from
+  }
   std::vector<NamedStatistics> rows = {{"load", "load", {}},
                                        {"warm_up", "execute: warm-up", {}},
                                        {"execute", "execute: all others", {}},

@@ -32,8 +32,8 @@ struct NamedStatistics {
 /// - load: quilm_mdl_load_from_mem
 /// - warm_up: the first execution of the run, which is in no other row
 /// - execute: all other executions
-/// - execute_first, execute_repeated: of these, each inference's first, and those with which -p 1
-///   repeats it
+/// - execute_first, execute_repeated: of these, with -p 1 only, each inference's first, and its
+///   repetitions
 /// - staging: copies of input files into device memory
 /// - write_outputs: copies of outputs into files
 /// - inference: whole inferences

@@ -68,7 +68,10 @@ void WriteStatistics(std::FILE* file, const Statistics& s) {
 void WriteFacts(std::FILE* file, const Calls& calls, const RunFacts& facts,
                 const std::vector<NamedStatistics>& statistics) {
   const CallsHeader& header = calls.Header();
-  std::fputs("{\"format\": \"quilmrun-record\", \"version\": 1,\n \"command\": [", file);
+  std::fputs(R"({"format": "quilmrun-record", "version": 1,)"
+             "\n"
+             R"( "command": [)",
+             file);
   for (size_t i = 0; i < facts.command.size(); ++i) {
     std::fprintf(file, "%s%s", i == 0 ? "" : ", ", Quote(facts.command[i]).c_str());
   }
@@ -106,18 +109,20 @@ class TraceWriter : public RunSink {
 
   void OnCall(const CallEntry& call, const Place& place) override {
     const bool finished = call.durationNs != kUnfinished;
-    std::fprintf(file_, ",\n{\"name\": \"%s\", \"cat\": \"%s\", \"ph\": \"%s\", \"ts\": %.3f, ",
-                 NameOf(call), CategoryOf(NameOf(call)), finished ? "X" : "B", InUs(call.startNs));
+    const char* name = NameOf(call);
+    std::fprintf(file_,
+                 ",\n"
+                 R"({"name":"%s","cat":"%s","ph":"%s","ts":%.3f,)",
+                 name, CategoryOf(name), finished ? "X" : "B", InUs(call.startNs));
     if (finished) {
-      std::fprintf(file_, "\"dur\": %.3f, ", InUs(call.durationNs));
+      std::fprintf(file_, R"("dur":%.3f,)", InUs(call.durationNs));
     }
-    std::fprintf(file_, "\"pid\": 1, \"tid\": %u, \"args\": {", ThreadOf(call));
+    std::fprintf(file_, R"("pid":1,"tid":%u,"args":{)", ThreadOf(call));
     if (finished) {
       const std::string result = ResultOf(call);
-      std::fprintf(file_, result[1] == 'x' ? "\"result\": \"%s\"" : "\"result\": %s",
-                   result.c_str());
+      std::fprintf(file_, result[1] == 'x' ? R"("result":"%s")" : R"("result":%s)", result.c_str());
     } else {
-      std::fputs("\"unfinished\": true", file_);
+      std::fputs(R"("unfinished":true)", file_);
     }
     WriteNumber("group", place.group);
     WriteNumber("repetition", place.repetition);
@@ -127,8 +132,9 @@ class TraceWriter : public RunSink {
 
   void OnSpan(const Span& span) override {
     std::fprintf(file_,
-                 ",\n{\"name\": \"%s\", \"cat\": \"%s\", \"ph\": \"X\", \"ts\": %.3f, \"dur\": "
-                 "%.3f, \"pid\": 1, \"tid\": 1, \"args\": {\"complete\": %s",
+                 ",\n"
+                 R"({"name":"%s","cat":"%s","ph":"X","ts":%.3f,"dur":%.3f,"pid":1,"tid":1,)"
+                 R"("args":{"complete":%s)",
                  span.name.c_str(), span.category, InUs(span.startNs),
                  InUs(span.endNs - span.startNs), span.isComplete ? "true" : "false");
     WriteNumber("group", span.group);
@@ -138,8 +144,8 @@ class TraceWriter : public RunSink {
 
   void OnMemory(uint64_t ns, uint64_t bytes) override {
     std::fprintf(file_,
-                 ",\n{\"name\": \"device memory\", \"ph\": \"C\", \"ts\": %.3f, \"pid\": 1, "
-                 "\"args\": {\"bytes\": %llu}}",
+                 ",\n"
+                 R"({"name":"device memory","ph":"C","ts":%.3f,"pid":1,"args":{"bytes":%llu}})",
                  InUs(ns), static_cast<unsigned long long>(bytes));
   }
 
@@ -152,7 +158,7 @@ class TraceWriter : public RunSink {
 
   void WriteNumber(const char* key, long value) {
     if (value >= 0) {
-      std::fprintf(file_, ", \"%s\": %ld", key, value);
+      std::fprintf(file_, R"(,"%s":%ld)", key, value);
     }
   }
 
@@ -164,7 +170,7 @@ class TraceWriter : public RunSink {
 
 void WriteTrace(std::FILE* file, const Calls& calls, const RunFacts& facts,
                 const std::vector<NamedStatistics>& statistics) {
-  std::fputs("{\"displayTimeUnit\": \"ms\", \"otherData\": ", file);
+  std::fputs(R"({"displayTimeUnit": "ms", "otherData": )", file);
   WriteFacts(file, calls, facts, statistics);
   std::fputs(
       ",\n\"traceEvents\": [\n{\"name\": \"process_name\", \"ph\": \"M\", \"pid\": 1, \"args\": "
