@@ -66,8 +66,8 @@ class ReportTest(tool.ToolTest):
         return result.returncode, result.stdout, result.stderr
 
     def make_run(self, name=NAME, factor=1):
-        """A folder with everything of a run on the digits, compared with values that differ in
-        inference 1; 101 executions were recorded."""
+        """A folder with everything of a run on the digits; 102 executions were recorded. The
+        reference differs in inference 1, by infinity in 2, and is missing for 3."""
         folder = self.dir / name
         (folder / "out").mkdir(parents=True)
         settings = self.write(f"{name}/quilm.json", "{}")
@@ -76,6 +76,8 @@ class ReportTest(tool.ToolTest):
         self.write(f"{name}/log.txt", log)
         shutil.copytree(folder / "out", folder / "reference")
         next((folder / "reference/1").glob("*.bin")).write_bytes(bytes(40))
+        next((folder / "reference/2").glob("*.bin")).write_bytes(b"\0\0\x80\x7f" * 10)
+        shutil.rmtree(folder / "reference/3")
         self.write(f"{name}/record.json", json.dumps(record(
             [9000] + [factor * (1000 + 10 * place) for place in range(101)])))
         sources = [{"inference": place, "input": "image", "file": f"{place}.bin", "bytes": 64,
@@ -99,18 +101,21 @@ class ReportTest(tool.ToolTest):
         folder = self.make_run()
         status, said, errors = self.run_companion("quilmrun-report", folder, "--json", "figures.json")
         self.assertEqual((status, errors), (1, ""))
-        self.assertIn("Fail: 20 inferences ran without an error. Output probabilities exceeds", said)
+        self.assertIn("Fail: 20 inferences ran without an error. Output probabilities exceeds the "
+                      "limits in 2 of 19 cases (", said)
+        self.assertIn("1 output could not be compared, first that of inference 3: missing in", said)
         self.assertIn("p50 1.50 ms, p90 1.90 ms, p95 1.95 ms, p99 1.99 ms", said)
         figures = json.loads((self.dir / "figures.json").read_text())["run"]
         self.assertEqual((figures["verdict"], figures["inferences"], figures["missing"]),
                          ("fail", 20, []))
         self.assertEqual(figures["statistics_ms"]["warm_up"]["max"], 9)
+        self.assertEqual(figures["worst_difference"], "inf")
         self.assertEqual([(cost["function"], cost["calls"]) for cost in figures["calls"]],
                          [("quilm_mdl_execute", 102)])
         self.assertEqual(figures["peak_device_memory_bytes"], 102 * 1024)
         page = (folder / "report.html").read_text()
         for word in (html.escape(NAME), "data:image/jpeg;base64,", "a &lt;i&gt;list", "1 × 1 × 8 × 8",
-                     "Inference 1 · probabilities", "Mapper Temp Buffer", "✗ exceeds"):
+                     "Inference 1 · probabilities", "Mapper Temp Buffer", "✗ exceeds", "✗ not compared"):
             self.assertIn(word, page)
         for unsafe in ("<b>co", "<i>list", "<img>.ppm", "http:", "https:", "<script"):
             self.assertNotIn(unsafe, page)
@@ -204,9 +209,9 @@ class ReportTest(tool.ToolTest):
         self.assertEqual([line for line in result.stderr.splitlines() if "CONSOLE" in line], [])
         told = json.loads(re.search("TOLD(.*)TOLD</pre>", result.stdout)[1])
         self.assertEqual([(view["scroll"], view["images"], view["shown"]) for view in told],
-                         [(view["width"], 1, 1) for view in told])
+                         [(view["width"], 3, 3) for view in told])
         self.assertEqual([view["width"] // 100 for view in told], [3, 15])  # less a scroll bar
-        self.assertEqual([view["drawings"] for view in told], [5, 5])
+        self.assertEqual([view["drawings"] for view in told], [6, 6])
 
 
 if __name__ == "__main__":

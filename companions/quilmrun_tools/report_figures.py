@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import math
 from dataclasses import asdict, dataclass, field
 from typing import Any
 
@@ -129,5 +130,10 @@ def as_json(run: Run, figures: Figures) -> dict[str, Any]:
         "span_ms": figures.span_ms or None, "peak_device_memory_bytes": figures.peak_memory,
         "memory_report": run.memory,
         "outputs": (run.comparison or {}).get("outputs"),
-        "worst_difference": figures.worst_difference,
+        "worst_difference": _for_json(figures.worst_difference),
     }
+
+
+def _for_json(value: float | None) -> float | str | None:
+    """JSON knows no infinity: it is a text there."""
+    return value if value is None or math.isfinite(value) else str(value)

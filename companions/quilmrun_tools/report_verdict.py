@@ -88,12 +88,31 @@ def _outputs(run: Run) -> tuple[str, str]:
     if verdict == "pass":
         return PASS, f"The outputs agree with the reference ({limits})."
     if verdict == "fail":
-        bad = [item for item in run.comparison["outputs"] if item.get("pass") is False]
-        which = count(len(bad), "output") + " exceed the limits" if len(bad) != 1 else \
-            f"Output {bad[0].get('name', '')} exceeds the limits"
-        return FAIL, f"{which} ({limits})." if bad else \
+        return FAIL, " ".join([*_beyond(run.comparison, limits), *_not_compared(run.comparison)]) or \
             "The outputs do not agree with the reference."
     return OPEN, "The outputs were compared without limits."
+
+
+def _beyond(comparison: dict[str, Any], limits: str) -> list[str]:
+    """A sentence about the outputs that exceed the limits, when there are any."""
+    names = [str(item.get("name")) for item in comparison["outputs"] if item.get("pass") is False]
+    runs = [item for item in comparison["runs"] if not item.get("problem")]
+    failed = sum(1 for item in runs if item.get("pass") is False)
+    if not names or not runs:
+        return []
+    which = f"Output {names[0]} exceeds" if len(names) == 1 else f"{len(names)} outputs exceed"
+    share = f" in {failed:,} of {len(runs):,} cases" if failed else ""
+    return [f"{which} the limits{share} ({limits})."]
+
+
+def _not_compared(comparison: dict[str, Any]) -> list[str]:
+    """A sentence about outputs that are missing or of another size, when there are any."""
+    problems = [item for item in comparison["runs"] if item.get("problem")]
+    if not problems:
+        return []
+    first = problems[0]
+    return [f"{count(len(problems), 'output')} could not be compared, first that of inference "
+            f"{first.get('index')}: {first['problem']}."]
 
 
 def count(number: int, what: str) -> str:
