@@ -20,6 +20,15 @@ def as_written(values, kind):
     return np.array(values, "<f4").tobytes()
 
 
+def record(code):
+    """record.json of a model with one output of a type."""
+    return json.dumps({
+        "displayTimeUnit": "ms", "otherData": {"format": "quilmrun-record", "version": 1,
+                                               "complete": True, "statistics": {}},
+        "traceEvents": [{"name": "quilm_mdl_get_output_data_type", "cat": "model", "ph": "X",
+                         "ts": 1, "dur": 1, "pid": 1, "tid": 1, "args": {"result": code}}]})
+
+
 class CompareTest(CompanionTest):
     name = "quilmrun-compare"
 
@@ -81,7 +90,9 @@ class Measures(CompareTest):
             named = "--type", f"y={kind}"
             code = {"half": 1, "int32": 3}[kind]
             self.write("l", log_text([], [("y", "[4, ]", code, 16, 16)], 1))
+            self.write("r.json", record(code))
             for options, reference in [(named, "b"), (("--log", "l", "--reference-log", "l"), "b"),
+                                       (("--log", "r.json", "--reference-log", "r.json"), "b"),
                                        ((*named, "--reference-type", "y=float"), "c")]:
                 found = self.compare(*options, reference=reference, status=1)["outputs"][0]
                 self.assertEqual((found["max_abs"], found["type"]), ({"half": .5, "int32": 1}[kind],

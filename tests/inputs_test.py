@@ -110,7 +110,7 @@ class Pictures(InputsTest):
         command = "--model-log", "log.txt", "-o", "p", "photos"
         status, out, errors = self.run_companion(*command)
         self.assertEqual((status, out), (2, ""))
-        for text in ("photos/a.png: damaged or cut", "photos/c.jpg: no picture", "2 unreadable"):
+        for text in ("photos/a.png: damaged, cut short", "photos/c.jpg: no picture", "2 unreadable"):
             self.assertIn(text, errors)
         self.assertFalse((self.dir / "p").exists())
         status, out, _ = self.run_companion(*command, "--skip-unreadable")

@@ -8,6 +8,7 @@ import argparse
 import importlib
 import json
 import os
+import signal
 import sys
 import tempfile
 from pathlib import Path
@@ -163,6 +164,7 @@ _PACKAGES = {"numpy": "python3-numpy", "PIL": "python3-pil", "jinja2": "python3-
 def run(module: str) -> NoReturn:
     """Runs a companion, `main()` of the named module, and ends the process with the status that it
     returns; every expected failure becomes one line. All that an entry point has to do."""
+    signal.signal(signal.SIGTERM, lambda *_: sys.exit(128 + signal.SIGTERM))  # and tidy up
     for stream in (sys.stdout, sys.stderr):
         stream.reconfigure(errors="backslashreplace")  # file names may hold any bytes
     try:

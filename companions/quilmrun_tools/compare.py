@@ -27,7 +27,8 @@ keep the other's 1e-5, --cosine and --top1 alone do without both.
 
 Types (half floats and 32-bit integers are stored as patterns of bits) and
 shapes come from the run's log when it is named, or log.txt in the directory
-or above it, names of pictures from inputs.json beside the log's input files."""
+or above it, names of pictures from inputs.json beside the log's input files.
+Without a log, record.json of quilmrun-record tells the types."""
 
 EXAMPLES = """\
   quilmrun-compare board pc
@@ -86,8 +87,8 @@ def parser() -> cli.Parser:
     pairs.add_argument("--scores", action="append", default=[], metavar="NAME",
                        help="an output of scores; default: those that are vectors by the log")
     files = result.add_argument_group("files")
-    files.add_argument("--log", help="what quilmrun printed for OUT; default: log.txt in OUT or "
-                                     "above it")
+    files.add_argument("--log", help="what quilmrun printed for OUT, or its record.json; default: "
+                                     "log.txt in OUT or above it, record.json in OUT")
     files.add_argument("--reference-log", metavar="LOG", help="the same for REFERENCE")
     files.add_argument("--inputs", metavar="FILE",
                        help="inputs.json; default: the one beside the log's input files")

@@ -9,7 +9,7 @@ from quilmrun_tools.log import TYPES, Tensor
 def dtype_of(tensor: Tensor) -> np.dtype:
     """The element type of an input; little-endian, as the files of quilmrun are."""
     if tensor.type_code not in TYPES:
-        raise Unreadable(f"{tensor.name} has elements of the type {tensor.type_code}, which is none "
+        raise Unreadable(f"{tensor.name} has elements of type {tensor.type_code}, which is none "
                          f"of {', '.join(f'{code} ({name})' for code, (_, name) in TYPES.items())}")
     return np.dtype(TYPES[tensor.type_code][0])
 

@@ -9,10 +9,11 @@ from quilmrun_tools import outputs, values
 from quilmrun_tools.cli import Unreadable
 from quilmrun_tools.log import RunLog, Tensor, name_in_files, read_log
 from quilmrun_tools.manifest import FILE_NAME, Manifest, read_manifest
+from quilmrun_tools.record import read_record
 from quilmrun_tools.values import Values
 
 Key = tuple[str, int]  # an output's name in files, and how many of that name come before it
-LOG_NAME = "log.txt"
+LOG_NAME, RECORD_NAME = "log.txt", "record.json"
 _NAMED = 5  # files or runs that a line names
 
 
@@ -22,6 +23,7 @@ class Side:
     path: str
     runs: dict[int, dict[Key, Values]] = field(default_factory=dict)  # in the order of writing
     log: Optional[RunLog] = None
+    type_codes: list[int] = field(default_factory=list)  # by a record, in the order of writing
     inputs: Optional[Manifest] = None
     left_out: list[str] = field(default_factory=list)  # files of earlier runs of the tool
     notes: list[str] = field(default_factory=list)
@@ -41,12 +43,16 @@ def text(key: Key) -> str:
 
 
 def read_side(path: str, log: Optional[str], inputs: Optional[str], types: dict[str, str]) -> Side:
-    """The outputs of the newest run in a folder. `log` and `inputs` are files that the user named;
-    without them, log.txt in the folder or above it, and inputs.json beside the log's input files
-    count."""
+    """The outputs of the newest run in a folder. `log`, which may be a record too, and `inputs` are
+    files that the user named; without them, log.txt in the folder or above it, or else the record
+    there, and inputs.json beside the log's input files count."""
     side = Side(path)
     folder = outputs.scan_folder(path)
-    side.log = read_log(log) if log else _usual_log(Path(path), len(folder.runs))
+    record = Path(log or Path(path) / RECORD_NAME)
+    if not (log and record.suffix == ".json"):
+        side.log = read_log(log) if log else _usual_log(Path(path), len(folder.runs))
+    if not side.log and record.is_file():
+        side.type_codes = _recorded_types(record, required=bool(log))
     side.inputs = _manifest(inputs, side.log)
     last = _last_run(side)
     for run in folder.runs:
@@ -54,8 +60,8 @@ def read_side(path: str, log: Optional[str], inputs: Optional[str], types: dict[
             side.left_out += [str(output.bin_path) for output in run.outputs]
             continue
         side.runs[run.index] = {
-            output.key: values.of_dump(output.bin_path, _coded(output.key, side, types))
-            for output in _in_order(run.outputs, side.log) if output.bin_path}
+            output.key: values.of_dump(output.bin_path, _coded(output.key, at, side, types))
+            for at, output in enumerate(_in_order(run.outputs, side.log)) if output.bin_path}
         side.notes += [f"{output.float_path} has no .bin beside it" for output in run.outputs
                        if not output.bin_path]
     side.left_out = [str(output.bin_path or output.float_path) for output in folder.older
@@ -121,11 +127,27 @@ def _in_order(found: list[outputs.Output], log: Optional[RunLog]) -> list[output
     return sorted(found, key=place)
 
 
-def _coded(key: Key, side: Side, types: dict[str, str]) -> str:
+def _recorded_types(path: Path, required: bool) -> list[int]:
+    """The type codes that the description asked for: those of all outputs, in their order."""
+    try:
+        calls = read_record(path).calls
+    except Unreadable:
+        if required:
+            raise
+        return []
+    return [call.result for call in calls if isinstance(call.result, int)
+            and call.function == "quilm_mdl_get_output_data_type" and call.group is None]
+
+
+def _coded(key: Key, at: int, side: Side, types: dict[str, str]) -> str:
+    """What the files of an output hold, the `at`-th of its inference."""
     if key[0] in types:
         return types[key[0]]
     tensor = side.tensor(key)
-    return values.CODED.get(tensor.type_code, values.FLOAT) if tensor else values.FLOAT
+    if tensor:
+        return values.CODED.get(tensor.type_code, values.FLOAT)
+    return values.CODED.get(side.type_codes[at], values.FLOAT) if at < len(side.type_codes) else \
+        values.FLOAT
 
 
 def read_arrays(path: str, output: Side) -> Optional[Side]:

@@ -23,6 +23,7 @@ _FORMATS = tuple(plugin.format for plugin in (
 SIZES = ("fit", "crop", "stretch", "pad")
 COLORS = {"rgb": 3, "bgr": 3, "gray": 1}
 
+Image.MAX_IMAGE_PIXELS = 1 << 28  # twice as many are refused
 # What Pillow says of odd metadata and of very large pictures does not concern the user.
 warnings.filterwarnings("ignore", module="PIL")
 
@@ -117,7 +118,7 @@ def open_picture(content: bytes) -> Image.Image:
     except Image.UnidentifiedImageError:
         raise Unreadable("no picture in PNG, JPEG, BMP or TIFF") from None
     except Exception as error:  # the decoders raise errors of every kind  # pylint: disable=W0718
-        raise Unreadable(f"damaged or cut short: {error}") from error
+        raise Unreadable(f"damaged, cut short or too large: {error}") from error
 
 
 def picture_shape(tensor: Tensor, options: Options) -> Shape:
