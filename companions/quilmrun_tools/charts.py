@@ -28,7 +28,6 @@ class Marker:
 
     value: float
     label: str
-    series: int = 0
 
 
 @dataclass(frozen=True)
@@ -146,7 +145,7 @@ def _flag(place: float, row: int, marker: Marker) -> str:
     """A marker's text, in a row of its own so that no two can lie over each other."""
     side = "right" if place > 60 else "left"
     position = 100 - place if side == "right" else place
-    return (f'<span class="flag {side} s{marker.series}" style="{side}:{position:.2f}%;--row:{row}">'
+    return (f'<span class="flag {side}" style="{side}:{position:.2f}%;--row:{row}">'
             f'{escape(marker.label)}</span>')
 
 
@@ -210,7 +209,8 @@ def pairs(output: Sequence[float], reference: Sequence[float]) -> Markup:
     up = Axis(low - (margin if low else 0), high + margin, wanted=3)
     places = [(_x(across, index), value, other) for index, (value, other)
               in enumerate(zip(output, reference)) if math.isfinite(value) and math.isfinite(other)]
-    stems = "".join(f"M{x:.1f} {_y(up, value):.1f}V{_y(up, other):.1f}" for x, value, other in places)
+    stems = "".join(f"M{x:.1f} {_y(up, value):.1f}V{_y(up, other):.1f}"
+                    for x, value, other in places)
     rings = "".join(f"M{x:.1f} {_y(up, other):.1f}h0" for x, _, other in places)
     values = "".join(f"M{x:.1f} {_y(up, value):.1f}h0" for x, value, _ in places)
     marks = (f'<path class="stem" d="{stems}"/><path class="ring" d="{rings}"/>'

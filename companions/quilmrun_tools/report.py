@@ -15,19 +15,21 @@ from quilmrun_tools.units import change, milliseconds
 
 MARKER = f'<meta name="generator" content="{GENERATOR}'.encode()
 
+DESCRIPTION = """\
+One self-contained HTML page of a run, made of its log, memory report, record,
+comparison and inputs. What is missing is named there, with the way to get it."""
+
 EXAMPLES = """\
   quilmrun-report run                        writes run/report.html
   quilmrun-report run -o page.html --inputs prepared/inputs.json
   quilmrun-report after --compare-with before
-"""
+exit status: 0, 1 when the run failed or its outputs exceed limits, 2 when
+nothing could be read or written"""
 
 
 def parse() -> argparse.Namespace:
     """The command line."""
-    parser = cli.Parser("quilmrun-report", "One self-contained HTML page of a run, made of its log, "
-                        "memory report, record, comparison and inputs; what is missing is named on "
-                        "the page. Exit status: 0, 1 when the verdict is a failure, 2 when nothing "
-                        "can be read.", EXAMPLES)
+    parser = cli.Parser("quilmrun-report", DESCRIPTION, EXAMPLES)
     parser.add_argument("run", nargs="?", metavar="RUN",
                         help=f"folder with some of {', '.join(USUAL_NAMES.values())}")
     parser.add_argument("-o", "--output", metavar="FILE",

@@ -86,7 +86,8 @@ def calls_table(sides: list[Figures]) -> list[tuple[str, list[FunctionCost | Non
     others = set(names[MOST_FUNCTIONS:])
     if others:
         rows.append((f"{len(others)} other functions", [
-            _sum_of([cost for cost in side.values() if cost.function in others]) for side in costs]))
+            _sum_of([cost for cost in side.values() if cost.function in others])
+            for side in costs]))
     rows.append(("outside of the calls", [_outside(figures) for figures in sides]))
     return rows
 

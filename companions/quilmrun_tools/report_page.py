@@ -57,13 +57,14 @@ def render(sides: list[Side], title: str, most_cases: int) -> str:
     """The whole page."""
     environment = Environment(loader=FileSystemLoader(HERE), autoescape=True, trim_blocks=True,
                               lstrip_blocks=True)
-    environment.filters.update(ms=units.milliseconds, size=units.data_size, number=units.significant,
-                               percent=units.percent, name=lambda path: Path(str(path)).name)
+    environment.filters.update(ms=units.milliseconds, size=units.data_size,
+                               number=units.significant, percent=units.percent)
     environment.globals.update(change=units.change, count=count, limits_in_words=limits_in_words,
                                tally=lambda lines: Counter(lines).most_common())
     main = sides[-1]
     return environment.get_template("report.html.j2").render(
-        title=title or page_title([side.run for side in sides]), generator=f"{GENERATOR} {__version__}",
+        title=title or page_title([side.run for side in sides]),
+        generator=f"{GENERATOR} {__version__}",
         style=Markup((HERE / "report.css").read_text(encoding="utf-8")),
         created=datetime.datetime.now().strftime("%d %B %Y, %H:%M").lstrip("0"), sides=sides,
         main=main, other=sides[0] if len(sides) > 1 else None, phases=PHASES,
@@ -133,8 +134,7 @@ def _markers(sides: list[Side]) -> list[charts.Marker]:
         for name in shown if side.figures.execute else ():
             value = getattr(side.figures.execute, name)
             owner = f"{side.label} " if len(sides) > 1 else ""
-            markers.append(charts.Marker(value, f"{owner}{name} {units.milliseconds(value)}",
-                                         side.series))
+            markers.append(charts.Marker(value, f"{owner}{name} {units.milliseconds(value)}"))
     return markers
 
 
@@ -155,8 +155,8 @@ def model_difference(sides: list[Side]) -> str:
 
 
 def _listed(tensors: list[tuple]) -> str:
-    return "; ".join(f"{name} {kind} {' × '.join(map(str, dims))}" for name, dims, kind in tensors) \
-        or "none"
+    return "; ".join(f"{name} {kind} {' × '.join(map(str, dims))}"
+                     for name, dims, kind in tensors) or "none"
 
 
 def _settings(run: Run) -> list[tuple[str, str]]:

@@ -152,7 +152,8 @@ def collect(folder: str | None, named: dict[str, str | None], label: str = "") -
 def _nothing_there(folder: str | None) -> str:
     if folder is None:
         return "name the folder of a run, or its parts with --log, --record, --comparison, ..."
-    state = "holds none of" if any(Path(folder).iterdir()) else "is empty; a run's folder has some of"
+    empty = not any(Path(folder).iterdir())
+    state = "is empty; a run's folder has some of" if empty else "holds none of"
     return f"{folder} {state} {', '.join(USUAL_NAMES.values())}; {HOW_TO_GET['log']}"
 
 

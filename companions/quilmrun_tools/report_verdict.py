@@ -88,8 +88,8 @@ def _outputs(run: Run) -> tuple[str, str]:
     if verdict == "pass":
         return PASS, f"The outputs agree with the reference ({limits})."
     if verdict == "fail":
-        return FAIL, " ".join([*_beyond(run.comparison, limits), *_not_compared(run.comparison)]) or \
-            "The outputs do not agree with the reference."
+        said = [*_beyond(run.comparison, limits), *_not_compared(run.comparison)]
+        return FAIL, " ".join(said) or "The outputs do not agree with the reference."
     return OPEN, "The outputs were compared without limits."
 
 

@@ -14,6 +14,7 @@ from quilmrun_tools.report_pictures import is_picture, thumbnail
 from quilmrun_tools.report_run import Run
 
 FEW = 32  # outputs with so few values are drawn value by value
+MOST_PICTURES = 4  # of one inference; a batch may have more
 SECTIONS = 400  # of the drawing of a longer one
 
 
@@ -63,9 +64,10 @@ def _worst_case(run: Run, item: dict[str, Any], element_type: str | None) -> Wor
     name = str(item.get("output", "")) + (f" ({duplicate + 1}.)" if duplicate else "")
     case = WorstCase(int(item.get("index") or 0), name, item.get("pass"), item)
     near = run.found["inputs"].parent if "inputs" in run.found else run.folder
-    sources = run.sources(case.index) or [_source_path(source) for source in item.get("sources") or []]
-    case.pictures = [Picture(Path(path).name, path, thumbnail(path, near) if is_picture(path) else "")
-                     for path in sources[:4]]
+    sources = run.sources(case.index) or [str(path) for path in item.get("sources") or []]
+    case.pictures = [Picture(Path(path).name, path,
+                             thumbnail(path, near) if is_picture(path) else "")
+                     for path in sources[:MOST_PICTURES]]
     if item.get("problem"):
         case.remark = str(item["problem"])
         return case
@@ -75,10 +77,6 @@ def _worst_case(run: Run, item: dict[str, Any], element_type: str | None) -> Wor
     except (OSError, ValueError) as error:
         case.remark = f"no drawing: {getattr(error, 'strerror', None) or error}"
     return case
-
-
-def _source_path(source: Any) -> str:
-    return str(source.get("path", "")) if isinstance(source, dict) else str(source)
 
 
 def _located(run: Run, side: str, name: Any) -> Path:

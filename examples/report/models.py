@@ -32,7 +32,8 @@ class Graph:
         graph = helper.make_graph(
             self.nodes, "photographs",
             [helper.make_tensor_value_info("photograph", TensorProto.UINT8, ["N", 3, 48, 48])],
-            [helper.make_tensor_value_info("probabilities", TensorProto.FLOAT, ["N", len(classes)])],
+            [helper.make_tensor_value_info("probabilities", TensorProto.FLOAT,
+                                           ["N", len(classes)])],
             self.constants)
         model = helper.make_model(graph, opset_imports=[helper.make_opsetid("", 13)])
         model.ir_version = 7
@@ -92,7 +93,8 @@ def quantised_model(weights, ranges):
 
 def _level(graph, name, highest):
     """Scale and zero of a layer whose values lie between 0 and `highest`."""
-    return (graph.constant("scale" + name, highest / 255), graph.constant("zero" + name, 0, np.uint8))
+    return (graph.constant("scale" + name, highest / 255),
+            graph.constant("zero" + name, 0, np.uint8))
 
 
 def _weight(graph, name, value, axes):

@@ -16,7 +16,8 @@ from PIL import Image
 HERE = Path(__file__).resolve().parent
 sys.path[:0] = [str(HERE), str(HERE.parent)]
 # pylint: disable=wrong-import-position
-from digits.train import adam_step, convolve, convolve_backward, max_pool, max_pool_backward, softmax
+from digits.train import (adam_step, convolve, convolve_backward, max_pool, max_pool_backward,
+                          softmax)
 from models import save_models
 
 PICTURES = {"brick": "brick.png", "cat": "chelsea.png", "coffee": "coffee.png",
@@ -100,7 +101,8 @@ def gradients(weights, pixels, labels):
     probabilities, (states, shape, features) = forward(weights, pixels)
     error = (probabilities - np.eye(len(PICTURES), dtype=np.float32)[labels]) / len(labels)
     grads = {"wd": features.T @ error, "bd": error.sum(axis=0)}
-    grad = np.broadcast_to((error @ weights["wd"].T)[:, :, None, None], shape) / np.float32(np.prod(shape[2:]))
+    share = (error @ weights["wd"].T) / np.float32(np.prod(shape[2:]))  # of every pixel in the mean
+    grad = np.broadcast_to(share[:, :, None, None], shape)
     for layer, (y, columns, mask) in zip((3, 2), reversed(states)):
         grad, grads[f"w{layer}"], grads[f"b{layer}"] = convolve_backward(
             max_pool_backward(grad, mask), y, columns, weights[f"w{layer}"])
