@@ -1,6 +1,7 @@
 """Runs a companion of the source tree on files of the test's own."""
 
 import pathlib
+import re
 import subprocess
 
 from models import buffers, info_block
@@ -26,6 +27,14 @@ class CompanionTest(ToolTest):
         result = subprocess.run([COMPANIONS / self.name, *map(str, arguments)], cwd=self.dir,
                                 check=False, capture_output=True, text=True, timeout=120)
         return result.returncode, result.stdout, result.stderr
+
+    def check_manual(self):
+        """The manual page has the options that --help names, and no others."""
+        status, shown, _ = self.run_companion("--help")
+        self.assertEqual(status, 0)
+        page = (COMPANIONS.parent / f"docs/{self.name}.1.in").read_text()
+        self.assertEqual(set(re.findall(r"Fl -([\w-]+)", page)),
+                         set(re.findall(r"^ +(?:-\w(?: \w+)?, )?--([\w-]+)", shown, re.M)))
 
     def refused(self, text, *arguments):
         """Status 2, and nothing but one line that holds `text`."""

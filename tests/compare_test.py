@@ -206,6 +206,9 @@ class Pairs(CompareTest):
 
 
 class Refusals(CompareTest):
+    def test_manual(self):
+        self.check_manual()
+
     def test_wrong_input(self):
         self.outputs_of("a", {"y": [1]})
         self.outputs_of("other", {"z": [1]})

@@ -174,6 +174,9 @@ class OtherSources(InputsTest):
 
 
 class Refusals(InputsTest):
+    def test_manual(self):
+        self.check_manual()
+
     def test_wrong_input(self):
         self.write("log.txt", log_text([self.model_log([1, 3, 2, 2], UINT8)]))
         self.write("two.txt", log_text([self.model_log([1, 2], UINT8, name) for name in "ab"]))
