@@ -56,6 +56,7 @@ def main() -> int:
     options = parse()
     if options.worst < 0:
         raise Unreadable("--worst takes a number from 0 on")
+    cli.check_json(options.json, GENERATOR)
     named = {part: getattr(options, part) for part in USUAL_NAMES}
     run = collect(options.run, named, options.name)
     other = collect(options.compare_with, {}, options.other_name) if options.compare_with else None

@@ -22,6 +22,7 @@ from quilmrun_tools.report_worst import worst_cases
 GENERATOR = "quilmrun-report"
 HERE = Path(__file__).resolve().parent
 
+LONGEST_SETTINGS = 4096  # bytes
 # The tool's options, as the settings of the page name them: (option, meaning, default).
 OPTIONS = [("-m", "Model", ""), ("-i", "List of inputs", ""), ("-j", "Settings of the runtime", ""),
            ("-o", "Outputs", "/"), ("-b", "Batch size", "1"), ("-t", "Frames", ""),
@@ -167,6 +168,9 @@ def _settings(run: Run) -> list[tuple[str, str]]:
     if not command and run.log:
         rows += [("Settings of the runtime", run.log.settings_path),
                  ("Batch size", str(run.log.batch_size))]
+    place = next((at for at, row in enumerate(rows, 1) if row[0] == "Settings of the runtime"), 0)
+    if place:
+        rows.insert(place, ("– which say", _settings_text(run, rows[place - 1][1])))
     if run.record:
         cost = run.record.recorder_cost_us
         rows += [("Runtime library", run.record.library),
@@ -175,3 +179,11 @@ def _settings(run: Run) -> list[tuple[str, str]]:
     if run.inputs:
         rows += [("Inputs prepared by", " ".join(run.inputs.command))]
     return [(name, value) for name, value in rows if value]
+
+
+def _settings_text(run: Run, path: str) -> str:
+    """What the file of -j holds, where it is still to be found and short."""
+    for candidate in (Path(path), *([run.folder / Path(path).name] if run.folder else [])):
+        if path and candidate.is_file() and candidate.stat().st_size <= LONGEST_SETTINGS:
+            return candidate.read_text(encoding="utf-8", errors="replace").strip()
+    return ""

@@ -18,6 +18,7 @@ from quilmrun_tools.manifest import FILE_NAME as MANIFEST_NAME
 from quilmrun_tools.manifest import Manifest, read_manifest
 from quilmrun_tools.record import Record, read_record
 
+LOADED_MODEL = "ModelInfoMem Size"  # in the log's summary
 USUAL_NAMES = {"log": "log.txt", "memory": "memory_data.csv", "record": "record.json",
                "comparison": "comparison.json", "inputs": MANIFEST_NAME}
 
@@ -146,6 +147,8 @@ def collect(folder: str | None, named: dict[str, str | None], label: str = "") -
         _read_part(run, part, required=bool(named.get(part)))
     if run.inputs is None and run.log:
         _find_inputs(run)
+    if run.memory and run.log and LOADED_MODEL in run.log.summary:  # with -p 1, and only there
+        run.memory["Model Info Memory Size(KB)"] = run.log.summary[LOADED_MODEL]
     return run
 
 
