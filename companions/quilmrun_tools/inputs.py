@@ -2,6 +2,7 @@
 
 import argparse
 import datetime
+import shlex
 import sys
 from dataclasses import asdict
 from pathlib import Path
@@ -280,6 +281,7 @@ def _print_summary(columns: list[prepare.Column], options: argparse.Namespace, l
     print(f"{result.inferences} {many}{batches}{skipped} in {folder / prepare.LIST_NAME}")
     for column in columns:
         print(_says_of(column))
-    batch = "" if options.batch == 1 else f" -b {options.batch}"
-    print(f"next: quilmrun -m {options.model or log.model_path} -i {folder / prepare.LIST_NAME} "
-          f"-j {options.quilm_json or 'JSON'} -o OUT{batch}")
+    batch = [] if options.batch == 1 else ["-b", str(options.batch)]
+    print("next: " + shlex.join([
+        "quilmrun", "-m", options.model or log.model_path, "-i", str(folder / prepare.LIST_NAME),
+        "-j", options.quilm_json or "JSON", "-o", "OUT", *batch]))

@@ -8,11 +8,11 @@ from PIL import Image, ImageDraw, PngImagePlugin
 LIMIT = 100  # pictures on a sheet
 _CELL = 144  # pixels
 _TEXT = 14  # pixels below a picture
-_MARKER = "quilmrun-inputs"
+MARKER = b"quilmrun-inputs"  # near the start of a sheet, for write_own()
 
 
 def contact_sheet(shown: list[tuple[str, Image.Image]], title: str) -> bytes:
-    """A PNG file with the named pictures in rows, and a line of text above them."""
+    """A PNG file with the named thumbnails in rows, and a line of text above them."""
     columns = min(10, max(math.ceil(math.sqrt(len(shown))), 3))
     rows = math.ceil(len(shown) / columns)
     sheet = Image.new("RGB", (columns * (_CELL + 4) + 4, rows * (_CELL + _TEXT + 4) + _TEXT + 8),
@@ -22,26 +22,17 @@ def contact_sheet(shown: list[tuple[str, Image.Image]], title: str) -> bytes:
     for index, (name, image) in enumerate(shown):
         x = index % columns * (_CELL + 4) + 4
         y = index // columns * (_CELL + _TEXT + 4) + _TEXT + 8
-        cell = _in_cell(image)
-        sheet.paste(cell, (x + (_CELL - cell.width) // 2, y + (_CELL - cell.height) // 2))
+        sheet.paste(image, (x + (_CELL - image.width) // 2, y + (_CELL - image.height) // 2))
         draw.text((x, y + _CELL), _plain(name, _CELL), "black")
     info = PngImagePlugin.PngInfo()
-    info.add_text("Software", _MARKER)
+    info.add_text("Software", MARKER)
     content = io.BytesIO()
     sheet.save(content, "PNG", pnginfo=info)
     return content.getvalue()
 
 
 def thumbnail(image: Image.Image) -> Image.Image:
-    """A copy that takes little memory."""
-    return _in_cell(image)
-
-
-MARKER = _MARKER.encode()
-
-
-def _in_cell(image: Image.Image) -> Image.Image:
-    """As large as a cell allows; enlarged pictures keep their pixels visible."""
+    """A copy as large as a cell allows; enlarged pictures keep their pixels visible."""
     factor = min(_CELL / image.width, _CELL / image.height)
     size = max(round(image.width * factor), 1), max(round(image.height * factor), 1)
     return image.resize(size, Image.Resampling.NEAREST if factor > 1 else Image.Resampling.BILINEAR)

@@ -122,6 +122,11 @@ def find_items(words: list[str], tensor: Tensor, options: pictures.Options,
         if not preparation:
             preparation.append(pictures.Preparation(tensor, options))
         items.append(PictureItem(path, preparation[0], len(items) < previews))
+    # A batch of several pictures would be filled up with whole batches of an array.
+    if preparation and preparation[0].shape.count > 1 and \
+            not all(isinstance(item, PictureItem) for item in items):
+        raise Unreadable(f"{tensor.name} takes {preparation[0].shape.count} pictures at a time: "
+                         "give it either pictures or arrays")
     return items
 
 
