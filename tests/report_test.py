@@ -2,16 +2,14 @@
 
 import html
 import json
-import pathlib
 import re
 import shutil
 import subprocess
 import unittest
 
-import tool
+from companion import COMPANIONS, CompanionTest
 
-ROOT = pathlib.Path(__file__).resolve().parent.parent
-DIGITS = ROOT / "examples/digits"
+DIGITS = COMPANIONS.parent / "examples/digits"
 NAME = "Läufe & <b>co"  # of the run's folder, where it could break a page
 
 # Shows a page in a frame of each width and tells what a reader would miss.
@@ -55,14 +53,9 @@ def record(executions_us, complete=True, start_us=1795388705000000):
             "traceEvents": events}
 
 
-class ReportTest(tool.ToolTest):
+class ReportTest(CompanionTest):
 
-    def run_companion(self, name, *arguments):
-        """(status, standard output, standard error)"""
-        result = subprocess.run([str(ROOT / "companions" / name), *map(str, arguments)],
-                                cwd=self.dir, capture_output=True, check=False, text=True)
-        self.assertNotIn("Traceback", result.stderr)
-        return result.returncode, result.stdout, result.stderr
+    name = "quilmrun-report"
 
     def make_run(self, name=NAME, factor=1):
         """A folder with everything of a run on the digits; 102 executions were recorded. The
@@ -85,9 +78,9 @@ class ReportTest(tool.ToolTest):
         self.write(f"{name}/inputs.json", json.dumps(
             {"format": "quilmrun-inputs", "version": 1, "created": "", "command": [], "options": {},
              "model": {}, "list": "list.txt", "batch": 1, "files": sources}))
-        self.run_companion("quilmrun-compare", folder / "out", folder / "reference", "--log",
-                           folder / "log.txt", "--inputs", folder / "inputs.json", "--json",
-                           folder / "comparison.json")
+        subprocess.run([COMPANIONS / "quilmrun-compare", folder / "out", folder / "reference",
+                        "--log", folder / "log.txt", "--inputs", folder / "inputs.json", "--json",
+                        folder / "comparison.json"], check=False, capture_output=True)
         return folder
 
     def picture(self):
@@ -98,8 +91,7 @@ class ReportTest(tool.ToolTest):
 
     def test_whole_run(self):
         folder = self.make_run()
-        status, said, errors = self.run_companion("quilmrun-report", folder, "--json",
-                                                  "figures.json")
+        status, said, errors = self.run_companion(folder, "--json", "figures.json")
         self.assertEqual((status, errors), (1, ""))
         self.assertIn("Fail: 20 inferences ran without an error. Output probabilities exceeds the "
                       "limits in 2 of 19 cases (", said)
@@ -135,7 +127,7 @@ class ReportTest(tool.ToolTest):
                     (folder / name).unlink()
                     if damage is not None:
                         (folder / name).write_bytes(damage)
-                    status, _, errors = self.run_companion("quilmrun-report", folder)
+                    status, _, errors = self.run_companion(folder)
                     self.assertEqual((status, errors.count("warning: ")),
                                      (int(name != "comparison.json"), int(damage is not None)))
                     self.assertIn(remedy, html.unescape((folder / "report.html").read_text()))
@@ -147,7 +139,7 @@ class ReportTest(tool.ToolTest):
         for content, executions in ((json.dumps(record([1000] * 50, complete=False)), 50),
                                     (whole[:whole.index('"group 20"')], 20)):
             self.write("run/record.json", content)
-            status, said, _ = self.run_companion("quilmrun-report", "run")
+            status, said, _ = self.run_companion("run")
             self.assertEqual(status, 1)
             self.assertIn("cut short: the run ended by a signal or a crash, after "
                           f"{executions} executions", said)
@@ -157,25 +149,29 @@ class ReportTest(tool.ToolTest):
                                   self.write("run/q.json", "{}"))
         self.write("run/log.txt", log)
         self.write("run/record.json", json.dumps(record([])))
-        status, said, _ = self.run_companion("quilmrun-report", "run")
+        status, said, _ = self.run_companion("run")
         self.assertEqual((status, said.split("\n")[0]),
                          (0, "No verdict: The model was loaded, and no inference was run."))
 
     def test_side_by_side(self):
         before, after = self.make_run("before", factor=2), self.make_run("after")
-        _, said, _ = self.run_companion("quilmrun-report", after, "--compare-with", before)
+        _, said, _ = self.run_companion(after, "--compare-with", before)
         self.assertIn("p50 of after against before: −50.0 %", said)
         log = (before / "log.txt").read_text()
         (before / "log.txt").write_text(log.replace("[1, 10, ]", "[1, 12, ]"))
-        self.run_companion("quilmrun-report", after, "--compare-with", before)
+        _, _, errors = self.run_companion(after, "--compare-with", before)
+        self.assertIn("warning: The two runs are of models with different outputs", errors)
         self.assertIn("models with different outputs: probabilities float 1 × 12 in before, "
                       "probabilities float 1 × 10 in after", (after / "report.html").read_text())
+
+    def test_manual(self):
+        self.check_manual()
 
     def test_misuse(self):
         (self.dir / "empty").mkdir()
         self.write("run/record.json", json.dumps(record([10])))
         self.write("mine.html", "<html>not a report</html>")
-        for arguments, expected in (
+        for arguments, text in (
                 ((), "name the folder of a run"),
                 (("nowhere",), "nowhere: no such folder; name the one that holds log.txt"),
                 (("empty",), "empty is empty; a run's folder has some of log.txt"),
@@ -185,9 +181,7 @@ class ReportTest(tool.ToolTest):
                 (("run", "-o", "mine.html"), "mine.html exists, and quilmrun-report did not"),
                 (("run", "-o", "no/page.html"), "cannot write no/page.html")):
             with self.subTest(arguments=arguments):
-                status, said, errors = self.run_companion("quilmrun-report", *arguments)
-                self.assertEqual((status, said, errors.count("\n")), (2, "", 1))
-                self.assertIn(expected, errors)
+                self.refused(text, *arguments)
         self.assertEqual((self.dir / "mine.html").read_text(), "<html>not a report</html>")
 
     def test_in_a_browser(self):
@@ -196,7 +190,7 @@ class ReportTest(tool.ToolTest):
             print(f"skipped: {self.id()}: chromium is not installed")
             self.skipTest("chromium is not installed")
         before, after = self.make_run("before"), self.make_run(NAME)
-        self.run_companion("quilmrun-report", after, "--compare-with", before)
+        self.run_companion(after, "--compare-with", before)
         page = json.dumps((after / "report.html").read_text()).replace("</", "<\\/")
         self.write("harness.html", HARNESS.replace("PAGE", page))
         result = subprocess.run(

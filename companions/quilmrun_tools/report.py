@@ -8,7 +8,7 @@ from pathlib import Path
 from quilmrun_tools import cli
 from quilmrun_tools.cli import Unreadable
 from quilmrun_tools.report_figures import as_json
-from quilmrun_tools.report_page import GENERATOR, Side, render, sides_of
+from quilmrun_tools.report_page import GENERATOR, Side, model_difference, render, sides_of
 from quilmrun_tools.report_run import PART_TITLES, USUAL_NAMES, collect
 from quilmrun_tools.report_verdict import FAIL
 from quilmrun_tools.units import change, milliseconds
@@ -61,6 +61,8 @@ def main() -> int:
     run = collect(options.run, named, options.name)
     other = collect(options.compare_with, {}, options.other_name) if options.compare_with else None
     sides = sides_of(run, other)
+    if model_difference(sides):
+        cli.warn(model_difference(sides))
     target = options.output or str(Path(options.run or ".") / "report.html")
     page = render(sides, options.title, options.worst)
     # File names may hold bytes that are no text; a page has to be text.
