@@ -14,7 +14,7 @@ from quilmrun_tools.pairing import Key, Side
 from quilmrun_tools.values import Reader, Values
 
 _LARGEST_SCORES = 100_000  # a longer vector is no list of classes
-_SEGMENT = 16 * CHUNK  # elements that one thread compares at a time
+_SEGMENT = 32 * CHUNK  # elements that one thread compares at a time
 
 
 @dataclass(frozen=True)
