@@ -117,7 +117,8 @@ class ReportTest(CompanionTest):
         """Every part may be missing or damaged; the page says so, and how to get it."""
         folder = self.make_run("run")
         parts = {"log.txt": "quilmrun -m MODEL", "memory_data.csv": "copy it to RUN",
-                 "record.json": "quilmrun-record -o", "comparison.json": "quilmrun-compare OUT",
+                 "record.json": "By the time stamps of the outputs",
+                 "comparison.json": "quilmrun-compare OUT",
                  "inputs.json": "quilmrun-inputs"}
         for name, remedy in parts.items():
             content = (folder / name).read_bytes()

@@ -6,17 +6,21 @@ import math
 from dataclasses import asdict, dataclass, field
 from typing import Any
 
+from quilmrun_tools.cli import Unreadable
+from quilmrun_tools.outputs import scan
 from quilmrun_tools.record import Distribution, Record
 from quilmrun_tools.report_run import Run
 from quilmrun_tools.report_verdict import judge
 
 MOST_FUNCTIONS = 12  # of the table of runtime calls; the rest is summed up
 
+PACE = "pace"  # by the time stamps of the outputs, where there is no record
 # What the recorder tells apart, and how the page calls it.
 PHASES = {"load": "Model load", "warm_up": "First execution (warm-up)",
           "execute": "All other executions", "execute_first": "– first of an inference",
           "execute_repeated": "– its repetitions (-p 1)", "staging": "Staging of inputs",
-          "write_outputs": "Writing of outputs", "inference": "Whole inferences"}
+          "write_outputs": "Writing of outputs", "inference": "Whole inferences",
+          PACE: "From one inference to the next"}
 
 
 @dataclass(frozen=True)
@@ -62,7 +66,22 @@ def figures_of(run: Run) -> Figures:
         figures.span_ms = run.record.span_ms
         figures.functions = function_costs(run.record)
         figures.peak_memory = run.record.peak_memory
+    elif pace := Distribution.of(_pace(run)):
+        figures.phases = {PACE: pace}
     return figures
+
+
+def _pace(run: Run) -> list[float]:
+    """Milliseconds from the outputs of one inference to those of the next, by their time stamps;
+    outputs are looked for in the run's folder and in `out` below it."""
+    for folder in (run.folder, run.folder / "out") if run.folder else ():
+        try:
+            stamps = [max(output.timestamp_us for output in one.outputs)
+                      for one in scan(str(folder))]
+        except Unreadable:
+            continue
+        return [(after - before) / 1000 for before, after in zip(stamps, stamps[1:])]
+    return []
 
 
 def function_costs(record: Record) -> list[FunctionCost]:
