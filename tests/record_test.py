@@ -128,6 +128,17 @@ class Crashes(OddRuntimeTest):
         self.assertEqual(record.counts()["inference"], 1)
         self.assertEqual(sorted(p.name for p in self.dir.glob("r.json*")), ["r.json"])
 
+    def test_recorder_is_killed_too(self):
+        killed, *_ = self.start_odd("run quilm_mdl_execute 2 kill -KILL $PPID $(ps -o ppid= $PPID)\n" +
+                                    PLAIN, list_text="x.bin\n" * 4, within=(RECORD, "-o", "r.json"))
+        self.assertEqual(killed, -signal.SIGKILL)
+        (left,) = self.dir.glob("r.json.*")
+        subprocess.run([RECORD, "-q", "-o", self.dir / "r.json", "--recover", left], check=True)
+        record = Recording(self.dir / "r.json")
+        self.assertEqual((record.facts["complete"], record.facts["exit_status"]), (False, None))
+        self.assertEqual(record.calls[-1]["args"]["group"], 1)
+        self.assertFalse(left.exists())
+
     def test_exceptions_pass_through(self):
         script = "throw quilm_mdl_execute 1 error\n" + PLAIN
         plain = self.start_odd(script)
@@ -158,11 +169,17 @@ class Refused(HostRuntimeTest):
                  "--csv", "mine.json", "true"),
                 ("out is a directory; name a file", "-o", "out", "true"),
                 ("cannot write to no/such; name a file elsewhere", "-o", "no/such/record.json", "true"),
+                ("record and table need two files, not a twice", "-o", "a", "--csv", "a", "true"),
+                ("--recover runs nothing; leave the command out", "--recover", "mine.json", "true"),
+                ("there is no file none", "--recover", "none"),
                 ("the program did not load libquilm.so", "true"),
                 ("there is no libquilm.so where the tool looks; name its directory in "
                  "LD_LIBRARY_PATH", alone)):
             with self.subTest(message=message):
                 self.check(message, *arguments)
+        self.check("mine.json: no calls were recorded here\n"
+                   "quilmrun-record: the record could not be made from mine.json", "--recover",
+                   "mine.json")
         self.write("libquilm.so", "no library")
         self.check("$D/libquilm.so: file too short", alone)
         self.assertEqual((self.dir / "mine.json").read_text(), '{"traceEvents": []}')

@@ -2,7 +2,6 @@
 // table of calls when CSV is not empty, both in files that are there and empty; prints the
 // statistics. Part of quilmrun-record, which calls it after a run.
 #include <cerrno>
-#include <cstdlib>
 #include <cstring>
 
 #include "companions/recorder/write_record.h"
@@ -51,10 +50,7 @@ int main(int argc, char** argv) {
   }
   const std::optional<Calls> calls = Calls::Open(argv[1]);
   if (!calls.has_value()) {
-    return Fail(argv[1], "no calls were recorded");
+    return Fail(argv[1], "no calls were recorded here");
   }
-  return Convert(
-      *calls,
-      {{argv + kFixedArguments, argv + argc}, static_cast<int>(std::strtol(argv[2], nullptr, 10))},
-      argv[3], argv[4]);
+  return Convert(*calls, {{argv + kFixedArguments, argv + argc}, argv[2]}, argv[3], argv[4]);
 }

@@ -18,8 +18,6 @@ using quilmrun_record::CallEntry;
 
 quilmrun_record::Recording recording;
 
-// Exceptions of the library pass through here on their way to the tool. They may be of another C++
-// library than the one this is built with, so there must be nothing here that notices them.
 template <typename Argument>
 void NoteHandle(CallEntry& entry, Argument argument) {
   if constexpr (std::is_pointer_v<Argument>) {
@@ -56,6 +54,9 @@ void NoteOutcome(CallEntry& entry, Call<Id::quilm_rt_malloc>, void** memory, siz
   NoteHandle(entry, *memory);
 }
 
+// Exceptions of the library pass through here on their way to the tool. They may be of another C++
+// library than the one this is built with, so there must be nothing here that notices them; their
+// calls stay unfinished.
 template <Id kId, typename... Arguments>
 ResultOf<kId> Handle(Call<kId> call, Arguments... arguments) {
   CallEntry entry{};

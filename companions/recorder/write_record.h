@@ -14,7 +14,8 @@ namespace quilmrun_record {
 /// How the tool was run.
 struct RunFacts {
   std::vector<std::string> command;
-  int exitStatus = 0;  // as the shell gives it: 128 and the signal's number when one ended it
+  // As the shell gives it, 128 and the signal's number when one ended it; empty when unknown.
+  std::string exitStatus;
 };
 
 /// Writes a trace in the Chrome trace event format (times in microseconds, of the run's first

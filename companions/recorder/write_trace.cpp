@@ -75,14 +75,14 @@ void WriteFacts(std::FILE* file, const Calls& calls, const RunFacts& facts,
   for (size_t i = 0; i < facts.command.size(); ++i) {
     std::fprintf(file, "%s%s", i == 0 ? "" : ", ", Quote(facts.command[i]).c_str());
   }
-  std::fprintf(file,
-               "],\n \"library\": %s,\n \"complete\": %s, \"exit_status\": %d, \"start_us\": %lld, "
-               "\"recorder_cost_us\": %.4f, \"dropped\": %llu,\n \"statistics\": {",
-               Quote(header.library).c_str(),
-               header.ended != 0 && header.dropped == 0 ? "true" : "false", facts.exitStatus,
-               static_cast<long long>(header.startUs),
-               static_cast<double>(header.costPs) / kPsPerUs,
-               static_cast<unsigned long long>(header.dropped));
+  std::fprintf(
+      file,
+      "],\n \"library\": %s,\n \"complete\": %s, \"exit_status\": %s, \"start_us\": %lld, "
+      "\"recorder_cost_us\": %.4f, \"dropped\": %llu,\n \"statistics\": {",
+      Quote(header.library).c_str(), header.ended != 0 && header.dropped == 0 ? "true" : "false",
+      facts.exitStatus.empty() ? "null" : facts.exitStatus.c_str(),
+      static_cast<long long>(header.startUs), static_cast<double>(header.costPs) / kPsPerUs,
+      static_cast<unsigned long long>(header.dropped));
   const char* separator = "\n  ";
   for (const NamedStatistics& row : statistics) {
     std::fprintf(file, "%s\"%s\": ", separator, row.key);

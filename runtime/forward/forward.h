@@ -47,6 +47,7 @@ struct Call;
 QUILM_CALLS(QUILM_CALL)
 #undef QUILM_CALL
 
+/// What a function of this type returns, and takes as its parameter number kIndex.
 template <typename Function>
 struct Signature;
 
