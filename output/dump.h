@@ -67,10 +67,10 @@ struct OutputRows {
 /// `elementSize` bytes; SIZE_MAX when 64 bits cannot count them.
 size_t BytesNeeded(const OutputRows& rows, size_t elementSize);
 
-/// Appends the valid elements of all rows, stored as T, to `values`. Rows longer than their pitch
-/// overlap; what they share is appended for each. Throws std::bad_alloc or std::length_error, with
-/// `values` as it was, when there are too many. REQUIRES: BytesNeeded(rows, sizeof(T)) <=
-/// rows.size.
+/// Fills `values`, empty before, with the valid elements of all rows, stored as T. Rows longer than
+/// their pitch overlap; what they share is appended for each. Throws std::bad_alloc or
+/// std::length_error, with `values` as it was, when there are too many. REQUIRES: BytesNeeded(rows,
+/// sizeof(T)) <= rows.size.
 template <typename T>
 void AppendRows(const OutputRows& rows, std::vector<float>& values);
 
