@@ -35,8 +35,9 @@ std::string CheckMemory(const std::vector<Tensor>& inputs, const std::vector<Ten
 
 std::string TakeGivenShapes(const Settings& settings, std::vector<Tensor>& outputs) {
   for (const auto& [name, given] : settings.outputShapes) {
-    const auto output = std::find_if(outputs.begin(), outputs.end(),
-                                     [&](const Tensor& tensor) { return tensor.name == name; });
+    const auto output =
+        std::find_if(outputs.begin(), outputs.end(),
+                     [&name = name](const Tensor& tensor) { return tensor.name == name; });
     if (output == outputs.end()) {
       return "\"output_shapes\" names output \"" + name + "\", which the model does not have";
     }

@@ -206,8 +206,8 @@ std::string ReadInputs(const Onnx__GraphProto& graph, std::vector<Input>& inputs
 
 std::string ResolveShapes(std::vector<Input>& inputs, const Settings& settings, Model& model) {
   for (const auto& [name, given] : settings.inputShapes) {
-    const auto input =
-        std::find_if(inputs.begin(), inputs.end(), [&](const Input& i) { return i.name == name; });
+    const auto input = std::find_if(inputs.begin(), inputs.end(),
+                                    [&name = name](const Input& i) { return i.name == name; });
     if (input == inputs.end()) {
       return "\"input_shapes\" names " + Quoted("input", name) + ", which the model does not have";
     }

@@ -43,7 +43,8 @@ extern const void* const* functions;
 template <size_t kPosition, typename Result, typename... Arguments>
 struct Function {
   static Result Call(Arguments... arguments) {
-    return reinterpret_cast<Result (*)(Arguments...)>(functions[kPosition])(arguments...);
+    void* const function = const_cast<void*>(functions[kPosition]);
+    return reinterpret_cast<Result (*)(Arguments...)>(function)(arguments...);
   }
 };
 
