@@ -77,6 +77,11 @@ class Rules(OddRuntimeTest):
                 self.check(status, tail, script, *options)
                 self.assertLessEqual(self.calls().count("quilm_mdl_execute"), 1)
 
+    def test_files_beyond_the_last_whole_group_are_not_read(self):
+        two_inputs = PLAIN.replace("input task", "input z 4 16 8 2 4\ninput task")
+        self.check(0, SUCCESS, two_inputs, list_text="x.bin\nx.bin\nmissing\n")
+        self.assertEqual(self.calls().count("quilm_mdl_execute"), 1)
+
     def test_a_bad_rpn_path_ends_it_before_the_runtime_is_touched(self):
         self.write("rpn", "1 2 3 4")
         status, out, _ = self.start_odd(PLAIN, "-r", "rpn,,rpn")
