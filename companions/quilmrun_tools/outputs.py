@@ -47,11 +47,6 @@ class Folder:
     older: list[Output]  # of earlier ones, oldest first
 
 
-def scan(folder: str) -> list[Run]:
-    """The inferences of the newest run of the tool in an output directory, by number."""
-    return scan_folder(folder).runs
-
-
 def scan_folder(folder: str) -> Folder:
     """All outputs of a directory; raises Unreadable when there are none."""
     root = Path(folder)
