@@ -135,7 +135,7 @@ def write_photographs(rng):
     for label, (name, _, part) in enumerate(sources()):
         for number in range(1, PHOTOGRAPHS + 1):
             crop = random_crop(part, rng, 96, 150).resize((PHOTOGRAPH_SIDE,) * 2, Image.LANCZOS)
-            path = HERE / "photographs" / f"{name} {number}.jpg"
+            path = HERE / "photographs" / f"{name}_{number}.jpg"
             crop.save(path, quality=85)
             small = Image.open(path).resize((SIDE, SIDE), Image.BILINEAR)
             seen.append((np.asarray(small, np.float32).transpose(2, 0, 1), label))
