@@ -147,7 +147,13 @@ class Crashes(OddRuntimeTest):
         self.assertEqual(Recording(self.dir / "record.json").calls[-1]["name"], "quilm_finalize")
 
 
-class Refused(HostRuntimeTest):
+class CommandLine(HostRuntimeTest):
+    def test_manual_has_the_options_that_help_names(self):
+        shown = subprocess.run([RECORD, "--help"], capture_output=True, check=True, text=True).stdout
+        page = pathlib.Path(__file__).parents[1] / "docs/quilmrun-record.1.in"
+        self.assertEqual(set(re.findall(r"(?:Fl|,) -([a-z]+)", page.read_text())),
+                         set(re.findall(r"--([a-z]+)", shown)))
+
     def check(self, message, *arguments, **environment):
         result = subprocess.run([RECORD, *map(str, arguments)], cwd=self.dir, text=True,
                                 capture_output=True, check=False,
