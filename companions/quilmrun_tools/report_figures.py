@@ -7,7 +7,7 @@ from dataclasses import asdict, dataclass, field
 from typing import Any
 
 from quilmrun_tools.cli import Unreadable
-from quilmrun_tools.outputs import scan
+from quilmrun_tools.outputs import scan_folder
 from quilmrun_tools.record import Distribution, Record
 from quilmrun_tools.report_run import Run
 from quilmrun_tools.report_verdict import judge
@@ -77,7 +77,7 @@ def _pace(run: Run) -> list[float]:
     for folder in (run.folder, run.folder / "out") if run.folder else ():
         try:
             stamps = [max(output.timestamp_us for output in one.outputs)
-                      for one in scan(str(folder))]
+                      for one in scan_folder(str(folder)).runs]
         except Unreadable:
             continue
         return [(after - before) / 1000 for before, after in zip(stamps, stamps[1:])]
