@@ -1,18 +1,24 @@
-// A loaded model: what it is like, and the engine that executes it.
+// A loaded model: what it is like, and the engine that executes it. What knows ONNX Runtime stands
+// behind the engine's interface; tests have an engine of their own for emulation, and for sweeps in
+// which a real one would only cost time.
 #ifndef QUILMRUN_RUNTIME_HOST_MODEL_H_
 #define QUILMRUN_RUNTIME_HOST_MODEL_H_
 
-#include <cstddef>
-#include <cstdint>
 #include <memory>
-#include <string>
-#include <vector>
 
-#include "runtime/host/engine.h"
 #include "runtime/host/settings.h"
 #include "runtime/host/tensor.h"
 
 namespace quilm_host {
+
+class Engine {
+ public:
+  virtual ~Engine() = default;
+
+  /// Computes the outputs from the inputs, both in graph order; the first dimension of inputs may
+  /// differ from the described one where the model leaves it open. Refuses with one problem a line.
+  virtual std::vector<Array> Run(const std::vector<Array>& inputs) = 0;
+};
 
 struct Model {
   std::vector<Tensor> inputs;   // the graph's, then task buffer and work buffer
@@ -29,16 +35,23 @@ constexpr int32_t kRecurrent = 2;
 /// Inputs that are no graph inputs: task buffer and work buffer.
 constexpr size_t kBuffersAfterInputs = 2;
 
-/// Decodes the ONNX file of `size` bytes at `data`: fills in the inputs that are no initializers,
-/// the outputs' names and types, and the net type. Dimensions of inputs that the file leaves open
-/// come from `settings`; a first one counts as 1 otherwise. `encoded` is the file with these
-/// numbers in it. Returns an empty string, or why the file cannot serve as a model.
-std::string ReadOnnxFile(const void* data, size_t size, const Settings& settings, Model& model,
-                         std::vector<uint8_t>& encoded);
+/// The model in the ONNX file of `size` bytes at `data`. Refuses what the engine cannot execute.
+Model LoadModel(const void* data, size_t size, const Settings& settings);
 
-/// Makes `model` from the ONNX file. Returns an empty string, or what is in the way, one problem a
-/// line.
-std::string LoadModel(const void* data, size_t size, const Settings& settings, Model& model);
+/// Its first step fills in the inputs that are no initializers, the outputs' names, and the net
+/// type. Dimensions of inputs that the file leaves open come from `settings`; a first one counts as
+/// 1 otherwise. Returns the file with these numbers in it.
+std::vector<uint8_t> ReadOnnxFile(const void* data, size_t size, const Settings& settings,
+                                  Model& model);
+
+/// The second builds the engine of the encoded model, which is not needed afterwards. The outputs'
+/// types are filled in, and their dimensions as far as the engine knows them.
+std::unique_ptr<Engine> CreateEngine(const std::vector<uint8_t>& encoded,
+                                     const std::vector<Tensor>& inputs,
+                                     std::vector<Tensor>& outputs, size_t threads);
+
+/// Bytes of memory that the machine has.
+size_t PhysicalMemory();
 
 }  // namespace quilm_host
 

@@ -1,16 +1,164 @@
-// The engine: ONNX Runtime.
+// The engine: ONNX Runtime, by its C interface. The library exports one function, which hands out a
+// table of function pointers; the table only ever grows at its end, so that a position keeps its
+// meaning.
+#include <dlfcn.h>
 #include <signal.h>
 
 #include <algorithm>
-#include <cstring>
+#include <cstdlib>
+#include <filesystem>
+#include <mutex>
 
-#include "runtime/host/engine.h"
-#include "runtime/host/onnx_runtime.h"
+#include "runtime/host/diagnostics.h"
+#include "runtime/host/model.h"
 
 namespace quilm_host {
 namespace {
 
-// The engine's threads are born with all signals blocked: they are the tool's to receive.
+constexpr uint32_t kInterfaceVersion = 17;
+const void* const* functions = nullptr;  // null until the library is loaded
+
+// Positions in the table.
+enum Function : size_t {
+  kGetErrorMessage = 2,
+  kCreateEnvWithCustomLogger = 4,
+  kCreateSessionFromArray = 8,
+  kRun = 9,
+  kCreateSessionOptions = 10,
+  kSetIntraOpNumThreads = 24,
+  kSessionGetOutputTypeInfo = 34,
+  kCreateTensorWithDataAsOrtValue = 49,
+  kGetTensorMutableData = 51,
+  kCastTypeInfoToTensorInfo = 55,
+  kGetTensorElementType = 60,
+  kGetDimensionsCount = 61,
+  kGetDimensions = 62,
+  kGetTensorTypeAndShape = 65,
+  kCreateCpuMemoryInfo = 69,
+  kReleaseStatus = 93,
+  kReleaseMemoryInfo = 94,
+  kReleaseSession = 95,
+  kReleaseValue = 96,
+  kReleaseTypeInfo = 98,
+  kReleaseTensorTypeAndShapeInfo = 99,
+  kReleaseSessionOptions = 100,
+};
+
+// The arguments have to be of the very types that the function takes; handles are void*.
+template <typename Result, typename... Arguments>
+Result Call(Function function, Arguments... arguments) {
+  return reinterpret_cast<Result (*)(Arguments...)>(functions[function])(arguments...);
+}
+
+template <Function kRelease>
+struct Releaser {
+  void operator()(void* handle) const { Call<void>(kRelease, handle); }
+};
+template <Function kRelease>
+using Owner = std::unique_ptr<void, Releaser<kRelease>>;
+
+// What the library reports, by results and as warnings and errors in its log; the latest first.
+std::vector<std::string> problems;
+std::mutex problemsMutex;  // its threads report too
+
+// Results and log often say the same, one of them with more words.
+void Keep(std::string text) {
+  std::replace(text.begin(), text.end(), '\n', ' ');
+  const std::lock_guard<std::mutex> lock(problemsMutex);
+  for (std::string& known : problems) {
+    if (known.find(text) != std::string::npos || text.find(known) != std::string::npos) {
+      known = text.size() > known.size() ? text : known;
+      return;
+    }
+  }
+  problems.insert(problems.begin(), std::move(text));
+}
+
+void Log(void*, int, const char*, const char*, const char*, const char* message) {
+  Keep(message);
+}
+
+std::string TakeProblems() {
+  const std::lock_guard<std::mutex> lock(problemsMutex);
+  std::string text;
+  for (const std::string& problem : problems) {
+    text += (text.empty() ? "" : "\n") + problem;
+  }
+  problems.clear();
+  return text;
+}
+
+// Calls a function that can fail.
+template <typename... Arguments>
+void Do(Function function, Arguments... arguments) {
+  const Owner<kReleaseStatus> status(Call<void*>(function, arguments...));
+  if (status != nullptr) {
+    Keep(Call<const char*>(kGetErrorMessage, status.get()));
+    Refuse(kEngineFailed, TakeProblems());
+  }
+}
+
+// Calls a function that hands out a handle by its last argument.
+template <Function kRelease, typename... Arguments>
+Owner<kRelease> Make(Function function, Arguments... arguments) {
+  void* made = nullptr;
+  Do(function, arguments..., &made);
+  return Owner<kRelease>(made);
+}
+
+// The library stands beside the host runtime; otherwise wherever the system has one.
+void* OpenLibrary() {
+  constexpr char kName[] = "libonnxruntime.so.1";
+  Dl_info self{};
+  dladdr(&functions, &self);
+  const auto folder = std::filesystem::path(self.dli_fname).parent_path() / "quilmrun-engine";
+  void* library = dlopen((folder / kName).c_str(), RTLD_NOW | RTLD_LOCAL);
+  return library != nullptr ? library : dlopen(kName, RTLD_NOW | RTLD_LOCAL);
+}
+
+const void* const* LoadFunctions() {
+  struct ApiBase {
+    const void* const* (*getApi)(uint32_t version);
+    const char* (*getVersion)();
+  };
+  // It would keep usage figures in the user's home and send them to its maker.
+  setenv("ORT_DISABLE_TELEMETRY", "1", 1);
+  void* library = OpenLibrary();
+  void* getBase = library == nullptr ? nullptr : dlsym(library, "OrtGetApiBase");
+  if (getBase == nullptr) {
+    Refuse(kBadModel, "there is no engine: ", dlerror());
+  }
+  const ApiBase* base = reinterpret_cast<const ApiBase* (*)()>(getBase)();
+  const void* const* found = base->getApi(kInterfaceVersion);
+  if (found == nullptr) {
+    Refuse(kBadModel, "ONNX Runtime ", base->getVersion(), " is too old, 1.",
+           std::to_string(kInterfaceVersion), " or newer is needed");
+  }
+  return found;
+}
+
+// One for the whole process, not before there is a model to load, as it takes most of the time of a
+// short run.
+void* Environment() {
+  constexpr int kWarning = 2;
+  static void* environment = nullptr;
+  if (environment == nullptr) {
+    functions = LoadFunctions();
+    Do(kCreateEnvWithCustomLogger, &Log, static_cast<void*>(nullptr), kWarning, "quilm",
+       &environment);
+  }
+  return environment;
+}
+
+std::vector<int64_t> ReadDims(void* info) {
+  size_t count = 0;
+  Do(kGetDimensionsCount, info, &count);
+  std::vector<int64_t> dims(count);
+  Do(kGetDimensions, info, dims.data(), count);
+  return dims;
+}
+
+// The engine's threads inherit that all signals are blocked: they are the tool's to receive.
 class BlockedSignals {
  public:
   BlockedSignals() {
@@ -26,143 +174,94 @@ class BlockedSignals {
   sigset_t before_{};
 };
 
-bool ReadDims(const OrtTensorInfo* info, std::vector<int64_t>& dims) {
-  size_t count = 0;
-  if (!ort::Succeeded(ort::GetDimensionsCount::Call(info, &count))) {
-    return false;
-  }
-  dims.resize(count);
-  return ort::Succeeded(ort::GetDimensions::Call(info, dims.data(), count));
-}
-
 class OnnxEngine : public Engine {
  public:
-  bool Create(const std::vector<uint8_t>& encoded, size_t threads) {
-    ort::SessionOptions options;
-    return ort::Make<ort::CreateCpuMemoryInfo>(memory_, 0, 0) &&
-           ort::Make<ort::CreateSessionOptions>(options) &&
-           ort::Succeeded(ort::SetIntraOpThreads::Call(options.get(), static_cast<int>(threads))) &&
-           ort::Make<ort::CreateSession>(session_, ort::environment, encoded.data(), encoded.size(),
-                                         options.get());
-  }
-
-  bool Describe(const std::vector<Tensor>& inputs, std::vector<Tensor>& outputs) {
-    for (const Tensor& input : inputs) {
-      inputs_.push_back({input.name, input.type->onnx, input.type->modelBytes});
-    }
+  OnnxEngine(const std::vector<uint8_t>& encoded, const std::vector<Tensor>& inputs,
+             std::vector<Tensor>& outputs, size_t threads)
+      : inputs_(inputs) {
+    const BlockedSignals blocked;
+    void* environment = Environment();
+    const auto options = Make<kReleaseSessionOptions>(kCreateSessionOptions);
+    Do(kSetIntraOpNumThreads, options.get(), static_cast<int>(threads));
+    TakeProblems();  // what was said of the machine's devices
+    session_ = Make<kReleaseSession>(kCreateSessionFromArray, environment, encoded.data(),
+                                     encoded.size(), options.get());
+    memory_ = Make<kReleaseMemoryInfo>(kCreateCpuMemoryInfo, 0, 0);
     for (size_t i = 0; i < outputs.size(); ++i) {
-      if (!DescribeOutput(i, outputs[i])) {
-        return false;
-      }
-      outputs_.push_back({outputs[i].name, outputs[i].type->onnx, outputs[i].type->modelBytes});
+      DescribeOutput(i, outputs[i]);
     }
-    return true;
+    outputs_ = outputs;
+    TakeProblems();  // warnings that came to nothing
   }
 
-  std::string Run(const std::vector<Array>& inputs, std::vector<Array>& outputs) override {
-    return Compute(inputs, outputs) ? std::string() : ort::TakeProblems();
+  std::vector<Array> Run(const std::vector<Array>& inputs) override {
+    std::vector<Owner<kReleaseValue>> owners;
+    std::vector<void*> values;
+    std::vector<const char*> names;
+    for (size_t i = 0; i < inputs.size(); ++i) {
+      owners.push_back(Make<kReleaseValue>(kCreateTensorWithDataAsOrtValue, memory_.get(),
+                                           inputs[i].bytes.data(), inputs[i].bytes.size(),
+                                           inputs[i].dims.data(), inputs[i].dims.size(),
+                                           inputs_[i].type->onnx));
+      values.push_back(owners.back().get());
+      names.push_back(inputs_[i].name.c_str());
+    }
+    for (const Tensor& output : outputs_) {
+      names.push_back(output.name.c_str());
+    }
+    std::vector<void*> results(outputs_.size());
+    Do(kRun, session_.get(), static_cast<void*>(nullptr), names.data(), values.data(),
+       values.size(), names.data() + values.size(), results.size(), results.data());
+    const std::vector<Owner<kReleaseValue>> resultOwners(results.begin(), results.end());
+    TakeProblems();  // warnings that came to nothing
+    std::vector<Array> outputs;
+    for (size_t i = 0; i < results.size(); ++i) {
+      outputs.push_back(CopyResult(results[i], outputs_[i].type->modelBytes));
+    }
+    return outputs;
   }
 
  private:
-  struct Slot {
-    std::string name;
-    int elementType;
-    size_t elementBytes;
-  };
-
-  bool DescribeOutput(size_t index, Tensor& output) {
-    ort::TypeInfo type;
-    const OrtTensorInfo* info = nullptr;
+  void DescribeOutput(size_t index, Tensor& output) {
+    const auto type = Make<kReleaseTypeInfo>(kSessionGetOutputTypeInfo, session_.get(), index);
+    void* info = nullptr;  // of a tensor, owned by the type
     int elementType = 0;
-    if (!ort::Make<ort::GetOutputTypeInfo>(type, session_.get(), index) ||
-        !ort::Succeeded(ort::CastToTensorInfo::Call(type.get(), &info)) ||
-        (info != nullptr && (!ort::Succeeded(ort::GetElementType::Call(info, &elementType)) ||
-                             !ReadDims(info, output.dims)))) {
-      return false;
+    Do(kCastTypeInfoToTensorInfo, type.get(), &info);
+    if (info != nullptr) {
+      Do(kGetTensorElementType, info, &elementType);
+      output.dims = ReadDims(info);
     }
     output.type = FindElementType(elementType);
     if (output.type == nullptr) {
-      ort::Keep("output \"" + output.name + "\" has a type that the interface cannot carry");
+      Refuse(kBadModel, "output", Quoted(output.name), " is of a type that has no code");
     }
-    return output.type != nullptr;
   }
 
-  bool Compute(const std::vector<Array>& inputs, std::vector<Array>& outputs) {
-    std::vector<ort::Value> owners(inputs.size());
-    std::vector<const OrtValue*> values;
-    std::vector<const char*> inputNames;
-    for (size_t i = 0; i < inputs.size(); ++i) {
-      // The library reads through a pointer that is not const.
-      auto* data = const_cast<unsigned char*>(inputs[i].bytes.data());
-      if (!ort::Make<ort::CreateTensorWithData>(owners[i], memory_.get(), data,
-                                                inputs[i].bytes.size(), inputs[i].dims.data(),
-                                                inputs[i].dims.size(), inputs_[i].elementType)) {
-        return false;
-      }
-      values.push_back(owners[i].get());
-      inputNames.push_back(inputs_[i].name.c_str());
+  static Array CopyResult(void* result, size_t elementBytes) {
+    const auto info = Make<kReleaseTensorTypeAndShapeInfo>(kGetTensorTypeAndShape, result);
+    Array output{ReadDims(info.get()), {}};
+    auto size = static_cast<int64_t>(elementBytes);
+    for (const int64_t dim : output.dims) {
+      size *= dim;
     }
-    return ComputeNamed(inputNames, values, outputs);
+    unsigned char* data = nullptr;
+    Do(kGetTensorMutableData, result, &data);
+    output.bytes.assign(data, data + size);
+    return output;
   }
 
-  bool ComputeNamed(const std::vector<const char*>& inputNames,
-                    const std::vector<const OrtValue*>& values, std::vector<Array>& outputs) {
-    std::vector<const char*> outputNames;
-    for (const Slot& output : outputs_) {
-      outputNames.push_back(output.name.c_str());
-    }
-    std::vector<OrtValue*> results(outputs_.size());
-    const bool succeeded = ort::Succeeded(
-        ort::Run::Call(session_.get(), nullptr, inputNames.data(), values.data(), values.size(),
-                       outputNames.data(), outputNames.size(), results.data()));
-    const std::vector<ort::Value> owners(results.begin(), results.end());
-    outputs.assign(outputs_.size(), {});
-    for (size_t i = 0; succeeded && i < outputs.size(); ++i) {
-      if (!CopyResult(results[i], outputs_[i].elementBytes, outputs[i])) {
-        return false;
-      }
-    }
-    return succeeded;
-  }
-
-  static bool CopyResult(OrtValue* result, size_t elementBytes, Array& output) {
-    ort::TensorInfo info;
-    size_t count = 0;
-    void* data = nullptr;
-    if (!ort::Make<ort::GetTensorInfo>(info, result) || !ReadDims(info.get(), output.dims) ||
-        !ort::Succeeded(ort::GetElementCount::Call(info.get(), &count)) ||
-        !ort::Succeeded(ort::GetTensorData::Call(result, &data))) {
-      return false;
-    }
-    const auto* bytes = static_cast<const unsigned char*>(data);
-    output.bytes.assign(bytes, bytes + count * elementBytes);
-    return true;
-  }
-
-  std::vector<Slot> inputs_;
-  std::vector<Slot> outputs_;
-  ort::MemoryInfo memory_;
-  ort::Session session_;
+  std::vector<Tensor> inputs_;
+  std::vector<Tensor> outputs_;
+  Owner<kReleaseMemoryInfo> memory_;
+  Owner<kReleaseSession> session_;
 };
 
 }  // namespace
 
 std::unique_ptr<Engine> CreateEngine(const std::vector<uint8_t>& encoded,
                                      const std::vector<Tensor>& inputs,
-                                     std::vector<Tensor>& outputs, size_t threads,
-                                     std::string& problem) {
-  const BlockedSignals blocked;
-  problem = ort::Load();
-  if (!problem.empty()) {
-    return nullptr;
-  }
-  auto engine = std::make_unique<OnnxEngine>();
-  if (!engine->Create(encoded, threads) || !engine->Describe(inputs, outputs)) {
-    problem = ort::TakeProblems();
-    return nullptr;
-  }
-  ort::TakeProblems();  // warnings that did not come to anything
-  return engine;
+                                     std::vector<Tensor>& outputs, size_t threads) {
+  return std::make_unique<OnnxEngine>(encoded, inputs, outputs, threads);
 }
 
 }  // namespace quilm_host

@@ -3,13 +3,12 @@
 #include <charconv>
 #include <cstdlib>
 #include <map>
-#include <memory>
 #include <set>
 #include <string_view>
 
 #include "onnx.pb-c.h"
+#include "runtime/host/diagnostics.h"
 #include "runtime/host/model.h"
-#include "runtime/host/nesting.h"
 
 namespace quilm_host {
 namespace {
@@ -21,7 +20,6 @@ struct ModelProtoDeleter {
     onnx__model_proto__free_unpacked(proto, nullptr);
   }
 };
-using ModelProto = std::unique_ptr<Onnx__ModelProto, ModelProtoDeleter>;
 
 constexpr int64_t kOpen = -1;
 
@@ -29,278 +27,233 @@ std::string Text(const char* text) {
   return text == nullptr ? "" : text;
 }
 
-std::string Quoted(const char* kind, const std::string& name) {
-  return std::string(kind) + " \"" + name + "\"";
-}
-
-std::string NameOfElementType(int32_t onnxType) {
+// The tensor type of an input or output. Others are refused by the names of ONNX's schema.
+const Onnx__TypeProto__Tensor& TensorType(const Onnx__TypeProto* type) {
+  const int kind = type == nullptr ? 0 : type->value_case;
+  std::string name = "value without a type";
+  for (unsigned i = 0; i < onnx__type_proto__descriptor.n_fields; ++i) {
+    const ProtobufCFieldDescriptor& field = onnx__type_proto__descriptor.fields[i];
+    name = field.id == static_cast<uint32_t>(kind) ? field.name : name;
+  }
+  if (kind != ONNX__TYPE_PROTO__VALUE_TENSOR_TYPE) {
+    Refuse(kBadModel, "it is a ", name, ", only tensors can be inputs and outputs");
+  }
+  const int32_t elementType = type->tensor_type->elem_type;
   const ProtobufCEnumDescriptor& types = onnx__tensor_proto__data_type__descriptor;
   for (unsigned i = 0; i < types.n_values; ++i) {
-    if (types.values[i].value == onnxType) {
-      return types.values[i].name;
-    }
+    name = types.values[i].value == elementType ? types.values[i].name : name;
   }
-  return "number " + std::to_string(onnxType);
-}
-
-// The tensor type of an input or output; null, with the reason, for anything else.
-Onnx__TypeProto__Tensor* TensorType(const Onnx__ValueInfoProto& info, std::string& problem) {
-  constexpr const char* kKinds[] = {
-      "value without a type", "tensor",  "", "", "sequence", "map", "", "",
-      "sparse tensor",        "optional"};
-  const auto kind = info.type == nullptr ? ONNX__TYPE_PROTO__VALUE__NOT_SET : info.type->value_case;
-  if (kind != ONNX__TYPE_PROTO__VALUE_TENSOR_TYPE) {
-    problem = std::string("a ") + (kind < std::size(kKinds) ? kKinds[kind] : "value of its type") +
-              " cannot be an input or output";
-    return nullptr;
-  }
-  const int32_t elementType = info.type->tensor_type->elem_type;
   if (FindElementType(elementType) == nullptr) {
-    problem = "element type " + NameOfElementType(elementType) + " cannot be an input or output";
-    return nullptr;
+    Refuse(kBadModel, "element type ", name, " has no code");
   }
-  return info.type->tensor_type;
+  return *type->tensor_type;
 }
 
 // An input of the graph with the shape that the file gives it.
 struct Input {
-  std::string name;
-  Onnx__TensorShapeProto* shape = nullptr;
-  std::vector<int64_t> dims;
+  Tensor& tensor;
+  Onnx__TensorShapeProto& shape;
 
-  const char* Symbol(size_t index) const {
-    const Dimension& dim = *shape->dim[index];
+  std::string Symbol(size_t index) const {
+    const Dimension& dim = *shape.dim[index];
     return dim.value_case == ONNX__TENSOR_SHAPE_PROTO__DIMENSION__VALUE_DIM_PARAM ? dim.dim_param
                                                                                   : "";
   }
-  bool IsOpen(size_t index) const {
-    const Dimension& dim = *shape->dim[index];
-    return dim.value_case != ONNX__TENSOR_SHAPE_PROTO__DIMENSION__VALUE_DIM_VALUE ||
-           dim.dim_value < 0;
+  int64_t Number(size_t index) const {
+    const Dimension& dim = *shape.dim[index];
+    const bool isNumber = dim.value_case == ONNX__TENSOR_SHAPE_PROTO__DIMENSION__VALUE_DIM_VALUE;
+    return isNumber && dim.dim_value >= 0 ? dim.dim_value : kOpen;
   }
-  bool HasOpen() const { return std::find(dims.begin(), dims.end(), kOpen) != dims.end(); }
 };
 
-std::string TakeGiven(Input& input, const std::vector<int64_t>& given) {
-  bool fits = given.size() == input.dims.size();
-  for (size_t i = 0; fits && i < given.size(); ++i) {
-    fits = input.IsOpen(i) || input.dims[i] == given[i];
+void TakeGiven(const std::vector<int64_t>& given, std::vector<int64_t>& dims) {
+  const auto fits = [](int64_t own, int64_t number) { return own == kOpen || own == number; };
+  if (!std::equal(dims.begin(), dims.end(), given.begin(), given.end(), fits)) {
+    Refuse(kBadModel, "\"input_shapes\" has ", ShapeText(given), ", the model ", ShapeText(dims),
+           ", where -1 may be any number");
   }
-  if (!fits) {
-    return "\"input_shapes\" has " + ShapeText(given) + ", the model " + ShapeText(input.dims) +
-           ", where -1 may be any number";
-  }
-  input.dims = given;
-  return {};
+  dims = given;
 }
 
 // Open dimensions of the same name are the same number. First those that are given count, then the
 // first dimensions that stand for a batch.
-void InferFromNames(std::vector<Input>& inputs) {
+void InferFromNames(const std::vector<Input>& inputs) {
   std::map<std::string, int64_t> numbers;
   for (const bool firstIsOne : {false, true, false}) {
-    for (Input& input : inputs) {
-      for (size_t i = 0; i < input.dims.size(); ++i) {
+    for (const Input& input : inputs) {
+      for (size_t i = 0; i < input.tensor.dims.size(); ++i) {
+        int64_t& dim = input.tensor.dims[i];
         const std::string symbol = input.Symbol(i);
         const auto known = numbers.find(symbol);
-        if (input.dims[i] == kOpen && known != numbers.end()) {
-          input.dims[i] = known->second;
-        } else if (input.dims[i] == kOpen && firstIsOne && i == 0) {
-          input.dims[i] = 1;
+        if (dim == kOpen) {
+          dim = known != numbers.end() ? known->second : firstIsOne && i == 0 ? 1 : kOpen;
         }
-        if (input.dims[i] != kOpen && !symbol.empty()) {
-          numbers.emplace(symbol, input.dims[i]);
+        if (dim != kOpen && !symbol.empty()) {
+          numbers.emplace(symbol, dim);
         }
       }
     }
   }
 }
 
-// The entry of the settings file that is missing, with the model's names for the missing numbers.
-std::string MissingEntry(const std::vector<Input>& inputs) {
+// The entry that the settings file lacks, with the model's names for the missing numbers; empty
+// when there is none missing.
+std::string MissingEntry(const Input& input) {
+  const std::vector<int64_t>& dims = input.tensor.dims;
   std::string entry;
-  for (const Input& input : inputs) {
-    if (!input.HasOpen()) {
-      continue;
-    }
-    entry += (entry.empty() ? "\"" : ", \"") + input.name + "\": [";
-    for (size_t i = 0; i < input.dims.size(); ++i) {
-      const std::string symbol = *input.Symbol(i) == '\0' ? "?" : input.Symbol(i);
-      entry +=
-          (i == 0 ? "" : ", ") + (input.dims[i] == kOpen ? symbol : std::to_string(input.dims[i]));
-    }
-    entry += "]";
+  for (size_t i = 0; i < dims.size(); ++i) {
+    const std::string symbol = input.Symbol(i).empty() ? "?" : input.Symbol(i);
+    entry += (i == 0 ? "" : ", ") + (dims[i] == kOpen ? symbol : std::to_string(dims[i]));
   }
-  return entry;
+  const bool isMissing = std::find(dims.begin(), dims.end(), kOpen) != dims.end();
+  return isMissing ? "\"" + input.tensor.name + "\": [" + entry + "]" : "";
 }
 
 // Whether a batch can be the first dimension: of all inputs, and of nothing else.
 bool CanBatchAsOne(const std::vector<Input>& inputs) {
-  std::set<std::string> first;
   std::set<std::string> others;
   for (const Input& input : inputs) {
-    if (input.dims.empty() || !input.IsOpen(0) || input.dims[0] != 1) {
-      return false;
-    }
-    for (size_t i = 0; i < input.dims.size(); ++i) {
-      (i == 0 ? first : others).insert(input.Symbol(i));
+    for (size_t i = 1; i < input.tensor.dims.size(); ++i) {
+      others.insert(input.Symbol(i));
     }
   }
-  first.erase("");
-  return std::none_of(first.begin(), first.end(),
-                      [&](const std::string& name) { return others.count(name) != 0; });
+  others.erase("");
+  return std::all_of(inputs.begin(), inputs.end(), [&](const Input& input) {
+    return !input.tensor.dims.empty() && input.Number(0) == kOpen && input.tensor.dims[0] == 1 &&
+           others.count(input.Symbol(0)) == 0;
+  });
 }
 
 void WriteDims(const Input& input, bool leaveFirstOpen) {
-  for (size_t i = leaveFirstOpen ? 1 : 0; i < input.dims.size(); ++i) {
-    Dimension& dim = *input.shape->dim[i];
+  for (size_t i = leaveFirstOpen ? 1 : 0; i < input.tensor.dims.size(); ++i) {
+    Dimension& dim = *input.shape.dim[i];
     if (dim.value_case == ONNX__TENSOR_SHAPE_PROTO__DIMENSION__VALUE_DIM_PARAM) {
       std::free(dim.dim_param);
     }
     dim.value_case = ONNX__TENSOR_SHAPE_PROTO__DIMENSION__VALUE_DIM_VALUE;
-    dim.dim_value = input.dims[i];
+    dim.dim_value = input.tensor.dims[i];
   }
 }
 
-std::string ReadInput(Onnx__ValueInfoProto& info, Input& input, Tensor& tensor) {
-  std::string problem;
-  const Onnx__TypeProto__Tensor* type = TensorType(info, problem);
-  if (type == nullptr) {
-    return problem;
+void ResolveShapes(const std::vector<Input>& inputs, const Settings& settings, Model& model) {
+  for (const auto& [name, given] : settings.inputShapes) {
+    const auto input =
+        std::find_if(inputs.begin(), inputs.end(),
+                     [&, &wanted = name](const Input& i) { return i.tensor.name == wanted; });
+    if (input == inputs.end()) {
+      Refuse(kBadModel, "it has no input", Quoted(name), " as \"input_shapes\" has");
+    }
+    About("input" + Quoted(name), [&, &shape = given] { TakeGiven(shape, input->tensor.dims); });
   }
-  if (type->shape == nullptr) {
-    return "the model does not even give it a number of dimensions";
+  InferFromNames(inputs);
+  model.batchesAsOne = CanBatchAsOne(inputs) && model.netType != kRecurrent;
+  std::string missing;
+  for (const Input& input : inputs) {
+    const std::string entry = MissingEntry(input);
+    missing += (missing.empty() || entry.empty() ? "" : ", ") + entry;
+    WriteDims(input, model.batchesAsOne);
   }
-  input = {Text(info.name), type->shape, {}};
-  for (size_t i = 0; i < type->shape->n_dim; ++i) {
-    input.dims.push_back(input.IsOpen(i) ? kOpen : type->shape->dim[i]->dim_value);
+  if (!missing.empty()) {
+    Refuse(kBadModel, "it leaves shapes open: write \"input_shapes\": {", missing,
+           "}, with numbers for names, into the settings file");
   }
-  tensor.name = input.name;
-  tensor.type = FindElementType(type->elem_type);
-  return {};
 }
 
 // Inputs whose numbers stand in the file as initializers are none of the model's.
-std::string ReadInputs(const Onnx__GraphProto& graph, std::vector<Input>& inputs, Model& model) {
+void ReadInputs(const Onnx__GraphProto& graph, const Settings& settings, Model& model) {
   std::set<std::string> initializers;
   for (size_t i = 0; i < graph.n_initializer; ++i) {
-    const Onnx__TensorProto& initializer = *graph.initializer[i];
-    initializers.insert(Text(initializer.name));
-    if (initializer.data_location == ONNX__TENSOR_PROTO__DATA_LOCATION__EXTERNAL) {
-      return Quoted("initializer", Text(initializer.name)) +
-             ": its data lie in another file; the model has to be one file";
+    const std::string name = Text(graph.initializer[i]->name);
+    initializers.insert(name);
+    if (graph.initializer[i]->data_location == ONNX__TENSOR_PROTO__DATA_LOCATION__EXTERNAL) {
+      Refuse(kBadModel, "initializer", Quoted(name), " lies in another file; models are one file");
     }
   }
+  std::vector<Input> inputs;
+  model.inputs.reserve(graph.n_input);  // for the references to them
   for (size_t i = 0; i < graph.n_input; ++i) {
     const std::string name = Text(graph.input[i]->name);
-    if (initializers.count(name) == 0) {
-      std::string problem =
-          ReadInput(*graph.input[i], inputs.emplace_back(), model.inputs.emplace_back());
-      if (!problem.empty()) {
-        return Quoted("input", name) + ": " + problem;
-      }
-    }
-  }
-  return {};
-}
-
-std::string ResolveShapes(std::vector<Input>& inputs, const Settings& settings, Model& model) {
-  for (const auto& [name, given] : settings.inputShapes) {
-    const auto input = std::find_if(inputs.begin(), inputs.end(),
-                                    [&name = name](const Input& i) { return i.name == name; });
-    if (input == inputs.end()) {
-      return "\"input_shapes\" names " + Quoted("input", name) + ", which the model does not have";
-    }
-    std::string problem = TakeGiven(*input, given);
-    if (!problem.empty()) {
-      return Quoted("input", name) + ": " + problem;
-    }
-  }
-  InferFromNames(inputs);
-  if (const std::string missing = MissingEntry(inputs); !missing.empty()) {
-    return "the model leaves shapes open; write \"input_shapes\": {" + missing +
-           "} with numbers for names into the settings file";
-  }
-  model.batchesAsOne = CanBatchAsOne(inputs) && model.netType != kRecurrent;
-  for (size_t i = 0; i < inputs.size(); ++i) {
-    model.inputs[i].dims = inputs[i].dims;
-    WriteDims(inputs[i], model.batchesAsOne);
-  }
-  return {};
-}
-
-std::string ReadOutputs(const Onnx__GraphProto& graph, Model& model) {
-  for (size_t i = 0; i < graph.n_output; ++i) {
-    Tensor& output = model.outputs.emplace_back();
-    output.name = Text(graph.output[i]->name);
-    std::string problem;
-    if (graph.output[i]->type != nullptr && TensorType(*graph.output[i], problem) == nullptr) {
-      return Quoted("output", output.name) + ": " + problem;
-    }
-  }
-  return model.outputs.empty() ? "the model has no outputs" : "";
-}
-
-std::string ReadNetType(const Onnx__ModelProto& proto, int32_t& netType) {
-  constexpr char kKey[] = "quilm.net_type";
-  for (size_t i = 0; i < proto.n_metadata_props; ++i) {
-    const Onnx__StringStringEntryProto& entry = *proto.metadata_props[i];
-    if (Text(entry.key) != kKey) {
+    if (initializers.count(name) != 0) {
       continue;
     }
-    const std::string_view value = entry.value == nullptr ? "" : entry.value;
-    const auto [end, error] = std::from_chars(value.begin(), value.end(), netType);
-    if (error != std::errc() || end != value.end()) {
-      return std::string(kKey) + " \"" + std::string(value) + "\" is not a number";
+    About("input" + Quoted(name), [&] {
+      const Onnx__TypeProto__Tensor& type = TensorType(graph.input[i]->type);
+      if (type.shape == nullptr) {
+        Refuse(kBadModel, "it does not even have a number of dimensions");
+      }
+      model.inputs.push_back({name, FindElementType(type.elem_type), {}, 0, 0});
+      inputs.push_back({model.inputs.back(), *type.shape});
+    });
+    for (size_t dim = 0; dim < inputs.back().shape.n_dim; ++dim) {
+      model.inputs.back().dims.push_back(inputs.back().Number(dim));
     }
   }
-  return {};
+  ResolveShapes(inputs, settings, model);
 }
 
-std::string CheckNetType(const Model& model) {
-  const auto& inputs = model.inputs;
+void ReadOutputs(const Onnx__GraphProto& graph, Model& model) {
+  for (size_t i = 0; i < graph.n_output; ++i) {
+    model.outputs.emplace_back().name = Text(graph.output[i]->name);
+    if (graph.output[i]->type != nullptr) {
+      About("output" + Quoted(model.outputs.back().name),
+            [&] { TensorType(graph.output[i]->type); });
+    }
+  }
+  if (model.outputs.empty()) {
+    Refuse(kBadModel, "it has no outputs");
+  }
+}
+
+int32_t ReadNetType(const Onnx__ModelProto& proto) {
+  int32_t netType = 0;
+  for (size_t i = 0; i < proto.n_metadata_props; ++i) {
+    const std::string value = Text(proto.metadata_props[i]->value);
+    const char* end = value.data() + value.size();
+    if (Text(proto.metadata_props[i]->key) == "quilm.net_type" &&
+        std::from_chars(value.data(), end, netType).ptr != end) {
+      Refuse(kBadModel, "quilm.net_type", Quoted(value), " is not a number");
+    }
+  }
+  return netType;
+}
+
+void CheckNetType(const Model& model) {
+  const std::vector<Tensor>& inputs = model.inputs;
   if (model.netType == kRecurrent &&
       (inputs.size() < 2 || inputs[0].dims.empty() || inputs[1].dims.empty() ||
        inputs[0].dims.front() != inputs[1].dims.back())) {
-    return "a recurrent model's input 0 has as many frames, its first dimension, as input 1 has "
-           "marks, its last";
+    Refuse(kBadModel, "a recurrent model's input 0 has as many frames, its first dimension, as ",
+           "input 1 has marks, its last");
   }
-  return {};
 }
 
-std::string ReadProto(const Onnx__ModelProto& proto, const Settings& settings, Model& model) {
-  std::vector<Input> inputs;
-  std::string problem = ReadNetType(proto, model.netType);
-  if (problem.empty()) {
-    problem = ReadInputs(*proto.graph, inputs, model);
-  }
-  if (problem.empty()) {
-    problem = ReadOutputs(*proto.graph, model);
-  }
-  if (problem.empty()) {
-    problem = ResolveShapes(inputs, settings, model);
-  }
-  return problem.empty() ? CheckNetType(model) : problem;
+// Memory for the decoder, which calls itself for each message in a message. It gets none any more
+// before it runs out of stack.
+void* AllocateForDecoder(void* outermost, size_t size) {
+  constexpr std::ptrdiff_t kMostStack = 2 << 20;  // bytes, of 8 MB on most systems
+  const auto* innermost = static_cast<const char*>(__builtin_frame_address(0));
+  return static_cast<const char*>(outermost) - innermost > kMostStack ? nullptr : std::malloc(size);
 }
 
 }  // namespace
 
-std::string ReadOnnxFile(const void* data, size_t size, const Settings& settings, Model& model,
-                         std::vector<uint8_t>& encoded) {
-  const auto* bytes = static_cast<const uint8_t*>(data);
-  if (IsNestedTooDeeply(onnx__model_proto__descriptor, bytes, size)) {
-    return "its parts are nested in each other more deeply than ONNX Runtime reads";
-  }
-  const ModelProto proto(onnx__model_proto__unpack(nullptr, size, bytes));
+std::vector<uint8_t> ReadOnnxFile(const void* data, size_t size, const Settings& settings,
+                                  Model& model) {
+  ProtobufCAllocator allocator = {AllocateForDecoder,
+                                  [](void*, void* memory) { std::free(memory); },
+                                  __builtin_frame_address(0)};
+  const std::unique_ptr<Onnx__ModelProto, ModelProtoDeleter> proto(
+      onnx__model_proto__unpack(&allocator, size, static_cast<const uint8_t*>(data)));
   if (proto == nullptr || proto->graph == nullptr || proto->graph->n_node == 0) {
-    return "it is not an ONNX file";
+    Refuse(kBadModel, "it is not an ONNX file");
   }
-  std::string problem = ReadProto(*proto, settings, model);
-  if (problem.empty()) {
-    encoded.resize(onnx__model_proto__get_packed_size(proto.get()));
-    onnx__model_proto__pack(proto.get(), encoded.data());
-  }
-  return problem;
+  model.netType = ReadNetType(*proto);
+  ReadInputs(*proto->graph, settings, model);
+  ReadOutputs(*proto->graph, model);
+  CheckNetType(model);
+  std::vector<uint8_t> encoded(onnx__model_proto__get_packed_size(proto.get()));
+  onnx__model_proto__pack(proto.get(), encoded.data());
+  return encoded;
 }
 
 }  // namespace quilm_host

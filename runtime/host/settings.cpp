@@ -3,142 +3,105 @@
 #include <dlfcn.h>
 
 #include <fstream>
-#include <map>
 #include <nlohmann/json.hpp>
-#include <stdexcept>
+
+#include "runtime/host/diagnostics.h"
 
 namespace quilm_host {
 namespace {
 
 using Json = nlohmann::json;
 
-[[noreturn]] void Refuse(const std::string& problem) {
-  throw std::runtime_error(problem);
-}
-
-uint64_t Number(const Json& value, const std::string& key, uint64_t least, uint64_t most) {
-  if (!value.is_number_unsigned() || value.get<uint64_t>() < least ||
-      value.get<uint64_t>() > most) {
-    Refuse("\"" + key + "\" takes a whole number from " + std::to_string(least) + " to " +
-           std::to_string(most));
-  }
-  return value.get<uint64_t>();
-}
-
-// The interface itself is the list of functions that can go wrong.
-bool IsRuntimeFunction(const std::string& name) {
-  return name.rfind("quilm_", 0) == 0 && dlsym(RTLD_DEFAULT, name.c_str()) != nullptr;
-}
-
-using Setter = std::function<void(const Json& value)>;
-
-void ReadObject(const Json& object, const std::map<std::string, Setter>& setters) {
-  if (!object.is_object()) {
-    Refuse("a JSON object is expected, not " + object.dump());
-  }
-  for (const auto& [key, value] : object.items()) {
-    const auto setter = setters.find(key);
-    if (setter == setters.end()) {
-      Refuse("unknown key \"" + key + "\"");
-    }
-    setter->second(value);
-  }
-}
-
-Fault ReadFault(const Json& object) {
-  Fault fault;
-  ReadObject(
-      object,
-      {{"function",
-        [&](const Json& value) {
-          if (!value.is_string() || !IsRuntimeFunction(value)) {
-            Refuse("no such function: " + value.dump());
-          }
-          fault.function = value;
-        }},
-       {"call", [&](const Json& value) { fault.call = Number(value, "call", 1, UINT32_MAX); }},
-       {"code", [&](const Json& value) {
-          if (!value.is_number_integer() && !value.is_null()) {
-            Refuse("\"code\" takes a whole number or null");
-          }
-          fault.code = value.is_null() ? 0 : value.get<int64_t>();
-        }}});
-  if (fault.function.empty() || fault.call == 0) {
-    Refuse("a fault needs \"function\" and \"call\"");
-  }
-  return fault;
-}
-
-// The elements of a list, or the entries of an object; `kind` is what is expected.
-const Json& Container(const Json& value, const std::string& key, bool isRight, const char* kind) {
+const Json& Expect(const Json& value, bool isRight, const std::string& key, const char* expected) {
   if (!isRight) {
-    Refuse("\"" + key + "\" takes " + kind);
+    Refuse(kBadSettings, "\"", key, "\" takes ", expected);
   }
   return value;
 }
 
-Shapes ReadShapes(const Json& value, const std::string& key) {
-  constexpr char kExample[] = "shapes by name, such as {\"x\": [1, 3, 48, 192]}";
-  Shapes shapes;
-  for (const auto& [name, dims] : Container(value, key, value.is_object(), kExample).items()) {
-    for (const Json& dim : Container(dims, key, dims.is_array(), kExample)) {
-      shapes[name].push_back(static_cast<int64_t>(Number(dim, key, 1, INT32_MAX)));
-    }
+uint64_t Number(const Json& value, const std::string& key, uint64_t least) {
+  constexpr uint64_t kMost = INT32_MAX;
+  const std::string expected =
+      "a whole number from " + std::to_string(least) + " to " + std::to_string(kMost);
+  const bool isRight = value.is_number_unsigned() && value >= least && value <= kMost;
+  return Expect(value, isRight, key, expected.c_str());
+}
+
+Fault ReadFault(const Json& object) {
+  const Json code = object.value("code", Json());
+  const std::string function = object.at("function");
+  // The interface itself is the list of functions that can go wrong.
+  if (function.rfind("quilm_", 0) != 0 || dlsym(RTLD_DEFAULT, function.c_str()) == nullptr) {
+    Refuse(kBadSettings, "no such function:", Quoted(function));
   }
-  return shapes;
+  if (object.size() != (object.contains("code") ? 3 : 2)) {
+    Refuse(kBadSettings, "a fault has \"function\", \"call\" and \"code\" only");
+  }
+  Expect(code, code.is_null() || code.is_number_integer(), "code", "a whole number or null");
+  return {function, Number(object.at("call"), "call", 1), code.is_null() ? 0 : code.get<int64_t>()};
 }
 
-Setter SetNumber(const std::string& key, size_t& target, uint64_t least) {
-  return
-      [key, &target, least](const Json& value) { target = Number(value, key, least, INT32_MAX); };
+std::vector<int64_t> ReadShape(const Json& dims, const std::string& key) {
+  std::vector<int64_t> shape;
+  for (const Json& dim :
+       Expect(dims, dims.is_array(), key, "shapes by name, such as {\"x\": [1, 3, 48, 192]}")) {
+    shape.push_back(static_cast<int64_t>(Number(dim, key, 1)));
+  }
+  return shape;
 }
 
-Setter SetShapes(const std::string& key, Shapes& target) {
-  return [key, &target](const Json& value) { target = ReadShapes(value, key); };
+void ReadEntry(const std::string& key, const Json& value, Settings& settings) {
+  if (key == "row_alignment") {
+    settings.rowAlignment = Number(value, key, 1);
+  } else if (key == "task_buffer_size") {
+    settings.taskBufferSize = Number(value, key, 0);
+  } else if (key == "work_buffer_size") {
+    settings.workBufferSize = Number(value, key, 0);
+  } else if (key == "run_mode") {
+    settings.runMode = static_cast<uint32_t>(Number(value, key, 0));
+  } else if (key == "threads") {
+    settings.threads = Number(value, key, 1);
+  } else if (key == "trace") {
+    settings.trace = Expect(value, value.is_boolean(), key, "true or false");
+  } else if (key == "faults") {
+    for (const Json& fault : Expect(value, value.is_array(), key, "a list")) {
+      settings.faults.push_back(ReadFault(fault));
+    }
+  } else if (key == "input_shapes") {
+    for (const auto& [name, dims] : Expect(value, value.is_object(), key, "an object").items()) {
+      settings.inputShapes[name] = ReadShape(dims, key);
+    }
+  } else {
+    Refuse(kBadSettings, "unknown key", Quoted(key));
+  }
 }
 
-void ReadAll(const Json& object, Settings& settings) {
-  ReadObject(object,
-             {{"row_alignment", SetNumber("row_alignment", settings.rowAlignment, 1)},
-              {"task_buffer_size", SetNumber("task_buffer_size", settings.taskBufferSize, 0)},
-              {"work_buffer_size", SetNumber("work_buffer_size", settings.workBufferSize, 0)},
-              {"run_mode", SetNumber("run_mode", settings.runMode, 0)},
-              {"threads", SetNumber("threads", settings.threads, 1)},
-              {"input_shapes", SetShapes("input_shapes", settings.inputShapes)},
-              {"output_shapes", SetShapes("output_shapes", settings.outputShapes)},
-              {"trace",
-               [&](const Json& value) {
-                 settings.trace = Container(value, "trace", value.is_boolean(), "true or false");
-               }},
-              {"faults", [&](const Json& value) {
-                 for (const Json& fault : Container(value, "faults", value.is_array(), "a list")) {
-                   settings.faults.push_back(ReadFault(fault));
-                 }
-               }}});
-}
-
-// Whatever reads or shows JSON calls itself for each level.
-bool LimitDepth(int depth, Json::parse_event_t, const Json&) {
-  constexpr int kMaxDepth = 8;
-  if (depth > kMaxDepth) {
-    Refuse("it is nested more than " + std::to_string(kMaxDepth) + " levels deep");
+// What builds, shows or deletes JSON may call itself for each level.
+bool CheckDepth(int depth, Json::parse_event_t, const Json&) {
+  if (depth > 8) {
+    Refuse(kBadSettings, "its parts lie in each other too deeply");
   }
   return true;
 }
 
 }  // namespace
 
-std::string ReadSettings(const std::string& path, Settings& settings) {
+Settings ReadSettings(const std::string& path) {
+  Settings settings;
   std::ifstream file(path);
   if (!file) {
-    return "cannot be opened";
+    Refuse(kBadSettings, "cannot be opened");
   }
   try {
-    ReadAll(Json::parse(file, LimitDepth), settings);
-  } catch (const std::exception& problem) {
-    return problem.what();
+    const Json object = Json::parse(file, CheckDepth);
+    for (const auto& [key, value] :
+         Expect(object, object.is_object(), "", "a JSON object").items()) {
+      ReadEntry(key, value, settings);
+    }
+  } catch (const Json::exception& problem) {
+    Refuse(kBadSettings, problem.what());
   }
-  return {};
+  return settings;
 }
 
 }  // namespace quilm_host

@@ -11,30 +11,27 @@
 
 namespace quilm_host {
 
-/// Makes the `call`-th call of `function` return `code` without doing anything.
+/// Makes the `call`-th call of `function`, from 1, return `code` without doing anything.
 struct Fault {
   std::string function;
-  uint64_t call = 0;  // counts from 1
-  int64_t code = 0;   // without a meaning for functions that return a pointer: null
+  uint64_t call = 0;
+  int64_t code = 0;
 };
-
-using Shapes = std::map<std::string, std::vector<int64_t>>;
 
 struct Settings {
   size_t rowAlignment = 32;      // bytes that strides are rounded up to
   size_t taskBufferSize = 1024;  // bytes
   size_t workBufferSize = 4096;  // bytes
-  size_t runMode = 0;            // what quilm_rt_get_run_mode() reports
+  uint32_t runMode = 0;          // what quilm_rt_get_run_mode() reports
   size_t threads = 0;            // of the engine; 0: as many as the machine has cores
   bool trace = false;            // every call is named on standard error
   std::vector<Fault> faults;
-  Shapes inputShapes;   // of inputs that the model leaves open
-  Shapes outputShapes;  // of outputs whose size depends on the data: the largest they can have
+  std::map<std::string, std::vector<int64_t>> inputShapes;  // of inputs that the model leaves open
 };
 
-/// Fills `settings` from the file at `path`. Returns an empty string, or what is wrong with it:
-/// unreadable, no JSON, an unknown key, a value of the wrong type, an unknown function.
-std::string ReadSettings(const std::string& path, Settings& settings);
+/// Reads the file at `path`. Refuses one that is unreadable or no JSON, an unknown key, a value of
+/// the wrong type, an unknown function.
+Settings ReadSettings(const std::string& path);
 
 }  // namespace quilm_host
 

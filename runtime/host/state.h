@@ -2,34 +2,18 @@
 #ifndef QUILMRUN_RUNTIME_HOST_STATE_H_
 #define QUILMRUN_RUNTIME_HOST_STATE_H_
 
-#include <cstddef>
-#include <cstdint>
-#include <cstdlib>
-#include <exception>
-#include <map>
-#include <memory>
-#include <optional>
-#include <set>
-#include <string>
 #include <unordered_map>
-#include <vector>
 
 #include "runtime/host/diagnostics.h"
 #include "runtime/host/model.h"
-#include "runtime/host/settings.h"
 #include "runtime/quilm.h"
 
 namespace quilm_host {
 
 struct MemoryBlock {
-  struct Deleter {
-    void operator()(void* memory) const { std::free(memory); }
-  };
-  std::unique_ptr<void, Deleter> memory;
+  std::shared_ptr<void> memory;
   size_t size = 0;  // bytes
 };
-
-struct ExecutionHandle {};  // contexts and streams mean nothing on a PC
 
 }  // namespace quilm_host
 
@@ -51,18 +35,6 @@ struct quilm_mdl_dataset {
 
 namespace quilm_host {
 
-enum ErrorCode : quilm_error {
-  kOk = 0,
-  kNotInitialized = 100,
-  kBadArgument = 101,
-  kUnknownHandle = 102,
-  kOutOfMemory = 103,
-  kBadSettings = 104,
-  kBadModel = 105,
-  kBadDataset = 106,
-  kEngineFailed = 107,
-};
-
 /// The interface function being executed, for explanations.
 extern const char* currentCall;
 
@@ -78,33 +50,29 @@ class HandleTable {
   }
 
   /// A new object whose address is its handle.
-  Object* Create() {
-    auto object = std::make_shared<Object>();
+  Object* Create(Object content = {}) {
+    auto object = std::make_shared<Object>(std::move(content));
     Add(object.get(), object);
     return object.get();
   }
 
-  /// Null, with an explanation, when there is no such object.
-  std::shared_ptr<Object> Find(Handle handle) {
+  const std::shared_ptr<Object>& Find(Handle handle) const {
     const auto found = objects_.find(handle);
     if (found == objects_.end()) {
-      Explain("%s: %s does not exist (any more)", currentCall, kind_);
-      return nullptr;
+      Refuse(kUnknownHandle, currentCall, ": ", kind_, " does not exist (any more)");
     }
     return found->second;
   }
 
   quilm_error Remove(Handle handle) {
-    if (Find(handle) == nullptr) {
-      return kUnknownHandle;
-    }
+    Find(handle);
     objects_.erase(handle);
     return kOk;
   }
 
   void ReportAndClear() {
     if (!objects_.empty()) {
-      Explain("still there at quilm_finalize: %zu x %s", objects_.size(), kind_);
+      Explain("still there at quilm_finalize: " + std::to_string(objects_.size()) + " x " + kind_);
       objects_.clear();
     }
   }
@@ -125,8 +93,8 @@ struct State {
   std::map<std::string, uint64_t> callCounts;
   long openFiles = 0;  // of the process, at the end of quilm_init()
   uint32_t lastModelId = 0;
-  ObjectTable<ExecutionHandle> contexts{"context"};
-  ObjectTable<ExecutionHandle> streams{"stream"};
+  ObjectTable<char> contexts{"context"};  // means nothing on a PC, as a stream
+  ObjectTable<char> streams{"stream"};
   ObjectTable<MemoryBlock> memory{"block of device memory"};
   HandleTable<uint32_t, Model> models{"model"};
   ObjectTable<quilm_mdl_desc> descriptions{"model description"};
@@ -136,46 +104,8 @@ struct State {
 
 extern State state;
 
-/// The code of the fault that is due for the current call, which is counted and, if wanted, traced;
-/// usually none.
-std::optional<int64_t> TakeFault();
-
-/// True when calls other than quilm_init() are in order; explains when not.
-bool CheckInitialized();
-
-/// What an interface function returns that was not executed.
-template <typename Result>
-constexpr Result Failure() {
-  if constexpr (std::is_pointer_v<Result>) {
-    return nullptr;
-  } else {
-    return static_cast<Result>(std::is_same_v<Result, size_t> ? 0 : kNotInitialized);
-  }
-}
-
-/// Runs the body of the interface function that calls this: not when a fault is due, not before
-/// quilm_init(), and with exceptions turned into a failure. The result of a failure is `failure`.
-template <typename Body, typename Result = decltype(std::declval<Body>()())>
-Result Perform(const Body& body, Result failure = Failure<Result>(),
-               const char* call = __builtin_FUNCTION()) {
-  currentCall = call;
-  try {
-    if (!CheckInitialized()) {
-      return failure;
-    }
-    if (const std::optional<int64_t> code = TakeFault()) {
-      if constexpr (std::is_pointer_v<Result>) {
-        return nullptr;
-      } else {
-        return static_cast<Result>(*code);
-      }
-    }
-    return body();
-  } catch (const std::exception& problem) {
-    Explain("%s: %s", call, problem.what());
-    return failure;
-  }
-}
+/// Executes the model on the datasets: batches at once where it can, one at a time otherwise.
+void Execute(const Model& model, const quilm_mdl_dataset& input, const quilm_mdl_dataset& output);
 
 }  // namespace quilm_host
 

@@ -24,7 +24,7 @@ struct ElementType {
   Converter toDevice;
 };
 
-/// Null for a type that has no code and does not appear as one that has.
+/// Null for a type that the interface cannot carry.
 const ElementType* FindElementType(int32_t onnxType);
 
 /// Bits of one element in device memory; 0 for an unknown code.
@@ -38,6 +38,9 @@ struct Tensor {
   std::vector<int64_t> dims;  // outermost first; -1 for one that is not known yet
   size_t stride = 0;          // bytes
   size_t size = 0;            // bytes of one batch, row padding included
+
+  size_t RowElements() const { return dims.empty() ? 1 : static_cast<size_t>(dims.back()); }
+  size_t Elements() const { return size / stride * RowElements(); }
 };
 
 /// A tensor as an engine takes and gives it: packed, in the model's element type.
@@ -46,18 +49,13 @@ struct Array {
   std::vector<unsigned char> bytes;
 };
 
-size_t RowElements(const Tensor& tensor);
-size_t RowCount(const Tensor& tensor);
 std::string ShapeText(const std::vector<int64_t>& dims);
 
-/// Sets stride and size from type and dimensions: rows rounded up to `rowAlignment` bytes. Returns
-/// an empty string, or why the tensor cannot be laid out.
-std::string LayOut(Tensor& tensor, size_t rowAlignment);
+/// Sets stride and size from type and dimensions: rows rounded up to `rowAlignment` bytes. Refuses
+/// what cannot be laid out.
+void LayOut(Tensor& tensor, size_t rowAlignment);
 
-/// A tensor without structure, of `size` bytes in one row.
-Tensor PlainBuffer(const std::string& name, size_t size);
-
-/// `batches` batches that follow each other at `device`, as one array whose first dimension they
+/// The batches that follow each other at `device`, as one array whose first dimension they
 /// multiply.
 Array TakeFromDevice(const Tensor& tensor, const unsigned char* device, size_t batches);
 

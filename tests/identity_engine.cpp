@@ -4,7 +4,8 @@
 #include <map>
 
 #include "onnx.pb-c.h"
-#include "runtime/host/engine.h"
+#include "runtime/host/diagnostics.h"
+#include "runtime/host/model.h"
 
 namespace quilm_host {
 namespace {
@@ -14,11 +15,12 @@ class IdentityEngine : public Engine {
   /// Output i shows input `sources[i]`.
   explicit IdentityEngine(std::vector<size_t> sources) : sources_(std::move(sources)) {}
 
-  std::string Run(const std::vector<Array>& inputs, std::vector<Array>& outputs) override {
+  std::vector<Array> Run(const std::vector<Array>& inputs) override {
+    std::vector<Array> outputs;
     for (const size_t source : sources_) {
       outputs.push_back(inputs[source]);
     }
-    return {};
+    return outputs;
   }
 
  private:
@@ -45,26 +47,23 @@ const Onnx__NodeProto* FollowInputs(const Onnx__GraphProto& graph,
 
 std::unique_ptr<Engine> CreateEngine(const std::vector<uint8_t>& encoded,
                                      const std::vector<Tensor>& inputs,
-                                     std::vector<Tensor>& outputs, size_t, std::string& problem) {
+                                     std::vector<Tensor>& outputs, size_t) {
   Onnx__ModelProto* proto = onnx__model_proto__unpack(nullptr, encoded.size(), encoded.data());
   std::map<std::string, size_t> sourcesByName;
   for (size_t i = 0; i < inputs.size(); ++i) {
     sourcesByName.emplace(inputs[i].name, i);
   }
-  if (FollowInputs(*proto->graph, sourcesByName) != nullptr) {
-    problem = "this host runtime has no engine, it runs graphs of Identity nodes only";
-  }
+  const bool followed = FollowInputs(*proto->graph, sourcesByName) == nullptr;
   onnx__model_proto__free_unpacked(proto, nullptr);
   std::vector<size_t> sources;
   for (Tensor& output : outputs) {
     const auto source = sourcesByName.find(output.name);
-    if (source == sourcesByName.end()) {
-      problem = "no node has output \"" + output.name + "\"";
-      return nullptr;
+    if (!followed || source == sourcesByName.end()) {
+      Refuse(kBadModel, "this host runtime has no engine, it runs graphs of Identity nodes only");
     }
     sources.push_back(source->second);
-    output.type = inputs[sources.back()].type;
-    output.dims = inputs[sources.back()].dims;
+    output.type = inputs[source->second].type;
+    output.dims = inputs[source->second].dims;
   }
   return std::make_unique<IdentityEngine>(std::move(sources));
 }
