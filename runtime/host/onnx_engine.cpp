@@ -16,7 +16,7 @@ namespace quilm_host {
 namespace {
 
 constexpr uint32_t kInterfaceVersion = 17;
-const void* const* functions = nullptr;  // null until the library is loaded
+void* const* functions = nullptr;  // null until the library is loaded
 
 // Positions in the table.
 enum Function : size_t {
@@ -116,9 +116,9 @@ void* OpenLibrary() {
   return library != nullptr ? library : dlopen(kName, RTLD_NOW | RTLD_LOCAL);
 }
 
-const void* const* LoadFunctions() {
+void* const* LoadFunctions() {
   struct ApiBase {
-    const void* const* (*getApi)(uint32_t version);
+    void* const* (*getApi)(uint32_t version);
     const char* (*getVersion)();
   };
   // It would keep usage figures in the user's home and send them to its maker.
@@ -129,7 +129,7 @@ const void* const* LoadFunctions() {
     Refuse(kBadModel, "there is no engine: ", dlerror());
   }
   const ApiBase* base = reinterpret_cast<const ApiBase* (*)()>(getBase)();
-  const void* const* found = base->getApi(kInterfaceVersion);
+  void* const* found = base->getApi(kInterfaceVersion);
   if (found == nullptr) {
     Refuse(kBadModel, "ONNX Runtime ", base->getVersion(), " is too old, 1.",
            std::to_string(kInterfaceVersion), " or newer is needed");
