@@ -65,8 +65,13 @@ elseif(NOT QUILMRUN_RUNTIME_LIBRARY)
           REGEX "/(show|train|make)\\.py$"
           PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ
                       WORLD_EXECUTE)
-  install(CODE "file(CREATE_LINK ../../quilmrun/examples
-    \"\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/share/doc/quilmrun/examples\" SYMBOLIC)")
+  # Documentation and examples link to each other as in the source tree.
+  foreach(link "../../quilmrun/examples;doc/quilmrun/examples" "../doc/quilmrun/docs;quilmrun/docs")
+    list(GET link 0 target)
+    list(GET link 1 name)
+    install(CODE "file(CREATE_LINK ${target}
+      \"\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/share/${name}\" SYMBOLIC)")
+  endforeach()
   install(PROGRAMS scripts/run-example DESTINATION share/quilmrun/scripts)
   install_legal(quilmrun quilmrun copyright.tool)
   install_legal(quilmrun-host-runtime runtime copyright.host-runtime)

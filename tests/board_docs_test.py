@@ -56,7 +56,7 @@ class Quoted(tool.ToolTest):
 
     def test_options_of_the_manual(self):
         options = (SOURCE / "app/options.cpp").read_text()
-        known = re.search(r'kOptionString\[\] = "([\w:]+)"', options).group(1).replace(":", "")
+        known = re.search(r'kOptionString\[\] = "-?([\w:]+)"', options).group(1).replace(":", "")
         manual = (SOURCE / "docs/quilmrun.1.in").read_text()
         for pattern in (r"^(?:\.Op |\.)Fl (\w)", r"^\.It Fl (\w)"):
             self.assertEqual(sorted(re.findall(pattern, manual, re.M)), sorted(known))
