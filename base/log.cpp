@@ -17,7 +17,7 @@
 namespace quilmrun {
 namespace {
 
-// Of a line that is longer; that much needs no memory.
+// Most lines fit a buffer of this size, so that printing them takes no memory.
 constexpr size_t kUsualSize = 2048;
 
 // `line` has one more character than `size`, for the newline. Standard output may be non-blocking,
@@ -29,7 +29,8 @@ void WriteLine(char* line, size_t size) {
   WriteWaiting(STDOUT_FILENO, line, size + 1);
 }
 
-// The characters that the line has without its newline; only `room - 1` of them are in `line`.
+// Returns the characters that the line has without its newline; `line` holds `room - 1` of them at
+// most.
 __attribute__((format(printf, 4, 0))) size_t FormatLine(char* line, size_t room, const char* prefix,
                                                         const char* format, va_list arguments) {
   const size_t prefixSize = std::strlen(prefix);

@@ -22,7 +22,7 @@ using PathBuffer = std::array<char, kMaxPathLength + 1>;
 // Sizes have to fit signed 32-bit counts.
 constexpr int64_t kMaxFileSize = std::numeric_limits<int32_t>::max();
 
-// A path may have 4096 bytes, a name of a model input 127: a longer line is none of theirs.
+// A path has at most 4096 bytes and a name of a model input 127, so that no useful line is longer.
 constexpr size_t kLongestLine = size_t{1} << 20;
 
 void ReportTooLarge(const std::string& path) {
