@@ -77,11 +77,17 @@ void* dlsym_of_2_17(void*, const char*);
 char* dlerror_of_2_17(void);
 int dlinfo_of_2_17(void*, int, void*);
 
-INSIDE void* dlopen(const char* path, int flags) { return dlopen_of_2_17(path, flags); }
+INSIDE void* dlopen(const char* path, int flags) {
+  return dlopen_of_2_17(path, flags);
+}
 
-INSIDE void* dlsym(void* handle, const char* name) { return dlsym_of_2_17(handle, name); }
+INSIDE void* dlsym(void* handle, const char* name) {
+  return dlsym_of_2_17(handle, name);
+}
 
-INSIDE char* dlerror(void) { return dlerror_of_2_17(); }
+INSIDE char* dlerror(void) {
+  return dlerror_of_2_17();
+}
 
 INSIDE int dlinfo(void* handle, int request, void* answer) {
   return dlinfo_of_2_17(handle, request, answer);

@@ -35,6 +35,8 @@ function(install_documentation)
 endfunction()
 
 install_manual(quilmrun)
+install(FILES ${PROJECT_SOURCE_DIR}/companions/completion/quilmrun
+        DESTINATION share/bash-completion/completions)
 
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "run a compiled model on an accelerator board")
 set(CPACK_PACKAGE_CONTACT

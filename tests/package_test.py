@@ -52,6 +52,8 @@ class Packages(HostRuntimeTest):
             lint = subprocess.run(["mandoc", "-T", "lint", "-W", "warning"], input=page, check=False,
                                   stdout=subprocess.PIPE)
             self.assertEqual(lint.stdout.decode(), "")
+            completion = prefix / "share/bash-completion/completions" / program.name
+            self.assertIn(f" {program.name}\n", completion.read_text())
         for package in (prefix / "share/doc").iterdir():
             self.assertTrue((package / "copyright").read_text().startswith("Format: "))
         for page in prefix.rglob("*.md"):
