@@ -23,8 +23,10 @@ void LayOutAll(const char* kind, std::vector<Tensor>& tensors, size_t rowAlignme
   }
 }
 
+// The engine tells a shape of any number of dimensions like that of a scalar.
 bool IsKnown(const Tensor& tensor) {
-  return std::find(tensor.dims.begin(), tensor.dims.end(), -1) == tensor.dims.end();
+  return !tensor.dims.empty() &&
+         std::find(tensor.dims.begin(), tensor.dims.end(), -1) == tensor.dims.end();
 }
 
 // What the engine cannot tell from the model it shows by a run on zeros.

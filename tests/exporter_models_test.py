@@ -1,0 +1,184 @@
+"""Models as exporters write them, with symbolic shapes, run unmodified and compared with NumPy."""
+
+import os
+import re
+import unittest
+
+import numpy as np
+from onnx import TensorProto, helper, numpy_helper
+
+from models import HostRuntimeTest, copies, floats, relu, tensor
+
+FLOAT, INT64, BOOL, DOUBLE = (TensorProto.FLOAT, TensorProto.INT64, TensorProto.BOOL,
+                              TensorProto.DOUBLE)
+RANDOM = np.random.RandomState(3)
+KERNEL = RANDOM.randn(2, 3, 1, 1).astype("f4")
+TABLE = RANDOM.randn(10, 4).astype("f4")
+IMAGE = RANDOM.randn(1, 3, 4, 6).astype("f4")
+
+
+def node(operator, inputs, outputs, **attributes):
+    return helper.make_node(operator, inputs.split(), outputs.split(), **attributes)
+
+
+def model(nodes, inputs, outputs, opset=13, **constants):
+    """Of inputs and outputs {name: (type, shape)}; an output's shape may be None."""
+    values = [[tensor(name, shape, kind) for name, (kind, shape) in group.items()]
+              for group in (inputs, outputs)]
+    graph = helper.make_graph(nodes, "g", *values, [
+        numpy_helper.from_array(np.asarray(value), name) for name, value in constants.items()])
+    proto = helper.make_model(graph, opset_imports=[helper.make_opsetid("", opset)])
+    proto.ir_version = 8
+    return proto.SerializeToString()
+
+
+def convolution(**attributes):
+    return model([node("Conv", "x k", "y", **attributes)], {"x": (FLOAT, ["N", 3, "H", "W"])},
+                 {"y": (FLOAT, ["N", 2, "H", "W"])}, k=KERNEL)
+
+
+def flattened():
+    return model([node("Shape", "x", "s"), node("Cast", "s", "f", to=FLOAT),
+                  node("Cast", "f", "i", to=INT64),
+                  node("Slice", "i zero one", "b"), node("Concat", "b rest", "t", axis=0),
+                  node("Reshape", "x t", "y")],
+                 {"x": (FLOAT, ["N", 3, "H", "W"])}, {"y": (FLOAT, None)},
+                 zero=np.array([0]), one=np.array([1]), rest=np.array([-1]))
+
+
+def upsampled():
+    return model([node("Resize", "x roi scales", "r", mode="nearest",
+                       coordinate_transformation_mode="asymmetric"),
+                  node("ConvTranspose", "r k", "y", strides=[2, 2])],
+                 {"x": (FLOAT, ["N", 3, "H", "W"])}, {"y": (FLOAT, None)},
+                 roi=np.zeros(0, "f4"), scales=np.array([1, 1, 2, 2], "f4"),
+                 k=np.ones((3, 1, 2, 2), "f4"))
+
+
+def quantized():
+    weights = np.arange(-3, 3).reshape(2, 3, 1, 1).astype("i1")
+    return model([node("QuantizeLinear", "x a za", "q"),
+                  node("QLinearConv", "q a za w a zw b za", "c"),
+                  node("DequantizeLinear", "c b za", "y")], {"x": (FLOAT, [1, 3, 4, 6])},
+                 {"y": (FLOAT, [1, 2, 4, 6])}, a=np.float32(0.5), b=np.float32(0.25),
+                 za=np.uint8(128), zw=np.int8(0), w=weights), weights
+
+
+def doubled_by_a_loop():
+    body = helper.make_graph([node("Add", "v v", "w"), node("Identity", "c", "d")], "body",
+                             [tensor("i", [], INT64), tensor("c", [], BOOL),
+                              tensor("v", None)], [tensor("d", [], BOOL), tensor("w", None)])
+    return model([node("Loop", "three true x", "y", body=body)], {"x": (FLOAT, ["N", 4])},
+                 {"y": (FLOAT, None)}, three=np.int64(3), true=np.bool_(True))
+
+
+class ExporterModels(HostRuntimeTest):
+    def run_arrays(self, model_bytes, arrays, *options, **settings):
+        for index, array in enumerate(arrays):
+            self.write(f"{index}", array.tobytes())
+        names = "".join(f"{index}\n" for index in range(len(arrays)))
+        return self.run_model(model_bytes, names, *options, settings=settings)
+
+    def output(self, name="y", dtype="<f4"):
+        return np.frombuffer(self.outputs()[f"0/{name}.0.S.bin"], "<f4").view(dtype)
+
+    def test_run_unmodified(self):
+        shapes = {"input_shapes": {"x": [1, 3, 4, 6]}}
+        convolved = np.einsum("oc,nchw->nohw", KERNEL[:, :, 0, 0], IMAGE)
+        large = np.kron(IMAGE, np.ones((2, 2))).sum(1)
+        quantized_model, weights = quantized()
+        steps = np.clip(np.rint(IMAGE / 0.5), -128, 127)
+        products = np.einsum("oc,nchw->nohw", weights[:, :, 0, 0] * 0.5, steps * 0.5)
+        tokens = np.array([[7, 0, 9, 3]], "<i4")
+        line = np.arange(4, dtype="f4")
+        rows = [
+            ("Conv without kernel_shape", convolution(), [IMAGE], shapes, convolved),
+            ("shape chain", flattened(), [IMAGE], shapes, IMAGE),
+            ("Resize and ConvTranspose", upsampled(), [IMAGE], shapes,
+             np.kron(large, np.ones((2, 2)))),
+            ("tokens", model([node("Gather", "t x", "y")], {"x": (INT64, ["N", "L"])},
+                             {"y": (FLOAT, None)}, t=TABLE), [tokens],
+             {"input_shapes": {"x": [1, 4]}}, TABLE[tokens]),
+            ("quantized", quantized_model, [IMAGE], {}, np.rint(products / 0.25) * 0.25),
+            ("opset 20", model([node("Gelu", "x", "y")], {"x": (FLOAT, ["N", 4])},
+                               {"y": (FLOAT, ["N", 4])}, 20), [line], {},
+             [0, 0.8413447, 1.9544997, 2.9959502]),
+            ("Loop", doubled_by_a_loop(), [line], {}, 8 * line),
+            ("double", model([node("Neg", "x", "y")], {"x": (DOUBLE, [4])}, {"y": (DOUBLE, [4])}),
+             [line], {}, -line),
+            ("truth values", model([node("Not", "x", "y")], {"x": (BOOL, [3])}, {"y": (BOOL, [3])}),
+             [np.array([0, 1, 200], "u1")], {}, [1, 0, 0]),
+            ("scalar", model([node("ReduceSum", "x", "y", keepdims=0)], {"x": (FLOAT, ["N", 4])},
+                             {"y": (FLOAT, [])}), [line, line][:1], {}, [6])]
+        for name, model_bytes, arrays, settings, expected in rows:
+            with self.subTest(name):
+                status, _, err = self.run_arrays(model_bytes, arrays, **settings)
+                self.assertEqual((status, err), (0, ""))
+                np.testing.assert_allclose(self.output(), np.ravel(expected), 1e-4, 1e-5)
+            self.setUp()
+
+    def test_batches(self):
+        """As one where the first dimension is symbolic, one by one where it does not stay so."""
+        batch = np.arange(24, dtype="f4")
+        fixed = model([node("Reshape", "x one", "y")], {"x": (FLOAT, ["N", 8])},
+                      {"y": (FLOAT, None)}, one=np.array([1, 8]))
+        mean = model([node("ReduceMean", "x", "y", axes=[0], keepdims=1)],
+                     {"x": (FLOAT, ["N", 8])}, {"y": (FLOAT, None)})
+        for model_bytes in (relu(["N", 8]), relu([1, 8]), fixed, mean):
+            status, _, err = self.run_arrays(model_bytes, [batch], "-b", "3")
+            self.assertEqual((status, err), (0, ""))
+            np.testing.assert_array_equal(self.output(), batch)
+            self.setUp()
+
+    def test_refusals(self):
+        open_shapes = ('the model cannot be loaded: it leaves shapes open: write "input_shapes": '
+                       '{"x": [1, 3, H, W]}, with numbers for names, into the settings file')
+        identity64 = copies({"x": [1]}, INT64)
+        squared = model([node("Mul", "x x", "y")], {"x": (INT64, [1])}, {"y": (INT64, [1])})
+        nonzero = model([node("NonZero", "x", "y")], {"x": (FLOAT, [4])}, {"y": (INT64, [1, 2])})
+        huge = model([node("ConstantOfShape", "s", "c"), node("ReduceMax", "c", "m", keepdims=0),
+                      node("Add", "x m", "y")], {"x": (FLOAT, [4]), "s": (INT64, [2])},
+                     {"y": (FLOAT, [4])})
+        line = np.arange(4, dtype="f4")
+        rows = [
+            (convolution(), [IMAGE], {}, open_shapes),
+            (convolution(), [IMAGE], {"input_shapes": {"x": [1, 4, 4, 6]}},
+             'the model cannot be loaded: input "x": "input_shapes" has [1, 4, 4, 6], the model '
+             "[-1, 3, -1, -1], where -1 may be any number"),
+            (convolution(), [IMAGE], {"input_shapes": {"z": [1]}},
+             'the model cannot be loaded: it has no input "z" as "input_shapes" has'),
+            (copies({"x": [1]}, TensorProto.UINT64), [line],
+             {}, 'the model cannot be loaded: input "x": element type UINT64 has no code'),
+            (model([node("Identity", "x", "y")], {"x": (FLOAT, [4])}, {}), [line], {},
+             "the model cannot be loaded: it has no outputs"),
+            (squared, [np.array([65536], "<i4")], {},
+             'execution failed: output "y" holds a number that does not fit 32 bits'),
+            (nonzero, [line], {}, 'execution failed: output "y" came out with shape [1, 3], '
+             "described is [1, 2]; sizes that depend on the data are not supported"),
+            (huge, [line, np.array([2**31 - 1, 2**31 - 1], "<i4")], {},
+             "execution failed: .*ConstantOfShape.*"),
+            (b"\x3a\x7f" * 20000, [line], {}, "the model cannot be loaded: it is not an ONNX file")]
+        for model_bytes, arrays, settings, expected in rows:
+            with self.subTest(expected):
+                status, _, err = self.run_arrays(model_bytes, arrays, **settings)
+                self.assertEqual(status, 1)
+                expected = expected if ".*" in expected else re.escape(expected)
+                self.assertRegex(err, f"^host runtime: {expected}\n$")
+        self.run_arrays(identity64, [np.array([-2**31], "<i4")])
+        np.testing.assert_array_equal(self.output("x'", "<i4"), [-2**31])
+
+    def test_infinity_nan_and_zero_signs_are_shown(self):
+        values = np.array([np.inf, -np.inf, np.nan, -0.0, 1e-40], "<f4")
+        self.run_arrays(copies({"x": [5]}), [values])
+        self.assertEqual(self.output("x'").tobytes(), values.tobytes())
+
+    def test_the_engine_leaves_nothing_in_the_home_directory(self):
+        home = self.dir / "home"
+        home.mkdir()
+        self.write("x", floats(*range(8)))
+        status, *_ = self.run_model(relu([1, 8]), "x", within=("env", f"HOME={home}"))
+        self.assertEqual((status, os.listdir(home)), (0, []))
+
+
+if __name__ == "__main__":
+    unittest.main()
