@@ -46,8 +46,9 @@ inline OddTensor TakeTensor(FuzzedDataProvider& data) {
 inline bool IsTestable(uint32_t batches, uint64_t size) {
   constexpr uint64_t kMost = uint64_t{1} << 12;
   constexpr uint64_t kRefused = uint64_t{1} << 40;  // by the odd runtime
-  const uint64_t bytes = quilmrun::BatchedSize(batches, size);
-  return bytes <= kMost || bytes >= kRefused;
+  uint64_t bytes = 0;
+  const bool wraps = __builtin_mul_overflow(batches, size, &bytes);
+  return !wraps && (bytes <= kMost || bytes >= kRefused);
 }
 
 /// Makes the odd runtime describe a model with just these inputs and outputs.
