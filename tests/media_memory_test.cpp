@@ -11,6 +11,7 @@ namespace {
 TEST(ParseMediaMemUsed, TakesTheFirstFigure) {
   const std::pair<const char*, int32_t> rows[] = {
       {"a=1KB\nused=10KB\nused=20KB\n", 10},
+      {"used=1KB used=2KB\n", 1},
       {"used= 512 KB", 512},
       {"used=77", 77},
       {"total=9KB, used=8KB, free=1KB\n", 8},
