@@ -57,7 +57,7 @@ class Packages(HostRuntimeTest):
         for package in (prefix / "share/doc").iterdir():
             self.assertTrue((package / "copyright").read_text().startswith("Format: "))
         for page in prefix.rglob("*.md"):
-            for target in re.findall(r"\]\(([^):#]+)", page.read_text()):
+            for target in re.findall(r"\]\(([^):#]+)[)#]", page.read_text()):
                 self.assertTrue((page.parent / target).exists(), f"{page}: {target}")
 
     def check_board(self, prefix):
