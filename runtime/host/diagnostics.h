@@ -20,7 +20,7 @@ enum ErrorCode : quilm_error {
   kBadSettings = 104,
   kBadModel = 105,
   kBadDataset = 106,
-  kEngineFailed = 107,
+  kEngineFailed = 107
 };
 
 struct Refusal : std::runtime_error {

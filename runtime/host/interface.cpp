@@ -152,11 +152,6 @@ quilm_error Load(const void* data, size_t size, uint32_t* modelId) {
   return kOk;
 }
 
-quilm_error FillDescription(quilm_mdl_desc& desc, const std::shared_ptr<Model>& model) {
-  desc.model = model;
-  return kOk;
-}
-
 using TensorList = std::vector<Tensor> Model::*;
 
 const std::vector<Tensor>& TensorsOf(const quilm_mdl_desc* desc, TensorList list) {
@@ -189,11 +184,6 @@ quilm_data_buffer* CreateBuffer(void* pointer, size_t size, size_t stride) {
   return state.buffers.Create({pointer, size, stride});
 }
 
-quilm_error AddBuffer(quilm_mdl_dataset& dataset, quilm_data_buffer& buffer) {
-  dataset.buffers.push_back(&buffer);
-  return kOk;
-}
-
 quilm_data_buffer* FindEntry(const quilm_mdl_dataset& dataset, size_t index) {
   Require(index < dataset.buffers.size(), "entry ", std::to_string(index), ", but there are ",
           std::to_string(dataset.buffers.size()));
@@ -204,12 +194,6 @@ quilm_error SetBatchSize(const Model&, quilm_mdl_dataset& input, size_t index, u
   Require(batchSize > 0 && index == 0, "batch size ", std::to_string(batchSize), " at index ",
           std::to_string(index), ": it is 1 or more, at index 0");
   input.batchSize = batchSize;
-  return kOk;
-}
-
-quilm_error GetNetType(const Model& model, int32_t* netType) {
-  Require(netType != nullptr, "nowhere to put the net type");
-  *netType = model.netType;
   return kOk;
 }
 
@@ -258,7 +242,8 @@ ACTION(quilm_rt_destroy_context, (quilm_rt_context context), state.contexts.Remo
 ACTION(quilm_rt_create_stream, (quilm_rt_stream * stream),
        CreateExecutionHandle(state.streams, stream))
 ACTION(quilm_rt_destroy_stream, (quilm_rt_stream stream), state.streams.Remove(stream))
-ACTION(quilm_rt_get_run_mode, (uint32_t * run_mode), (*run_mode = state.settings.runMode, kOk))
+ACTION(quilm_rt_get_run_mode, (uint32_t * run_mode),
+       (Require(run_mode != nullptr, "nowhere to put it"), *run_mode = state.settings.runMode, kOk))
 
 ACTION(quilm_rt_malloc, (void** pointer, size_t size, int32_t), Allocate(pointer, size))
 ACTION(quilm_rt_free, (void* pointer), state.memory.Remove(pointer))
@@ -269,7 +254,7 @@ ACTION(quilm_mdl_unload, (uint32_t model_id), state.models.Remove(model_id))
 QUERY(quilm_mdl_desc*, nullptr, quilm_mdl_create_desc, (void), state.descriptions.Create())
 ACTION(quilm_mdl_destroy_desc, (quilm_mdl_desc * desc), state.descriptions.Remove(desc))
 ACTION(quilm_mdl_get_desc, (quilm_mdl_desc * desc, uint32_t model_id),
-       FillDescription(*state.descriptions.Find(desc), state.models.Find(model_id)))
+       (state.descriptions.Find(desc)->model = state.models.Find(model_id), kOk))
 QUERY(size_t, 0, quilm_mdl_get_num_inputs, (const quilm_mdl_desc* desc),
       TensorsOf(desc, &Model::inputs).size())
 QUERY(size_t, 0, quilm_mdl_get_num_outputs, (const quilm_mdl_desc* desc),
@@ -303,7 +288,7 @@ QUERY(const char*, nullptr, quilm_mdl_get_output_name_by_index,
 QUERY(quilm_mdl_dataset*, nullptr, quilm_mdl_create_dataset, (void), state.datasets.Create())
 ACTION(quilm_mdl_destroy_dataset, (quilm_mdl_dataset * dataset), state.datasets.Remove(dataset))
 ACTION(quilm_mdl_add_dataset_buffer, (quilm_mdl_dataset * dataset, quilm_data_buffer* buffer),
-       AddBuffer(*state.datasets.Find(dataset), *state.buffers.Find(buffer)))
+       (state.datasets.Find(dataset)->buffers.push_back(state.buffers.Find(buffer).get()), kOk))
 QUERY(size_t, 0, quilm_mdl_get_dataset_num_buffers, (const quilm_mdl_dataset* dataset),
       state.datasets.Find(dataset)->buffers.size())
 QUERY(quilm_data_buffer*, nullptr, quilm_mdl_get_dataset_buffer,
@@ -322,7 +307,8 @@ ACTION(quilm_mdl_set_dynamic_batch_size,
        (uint32_t model_id, quilm_mdl_dataset* input, size_t index, uint64_t batch_size),
        SetBatchSize(*state.models.Find(model_id), *state.datasets.Find(input), index, batch_size))
 ACTION(quilm_ext_get_mdl_net_type, (uint32_t model_id, int32_t* net_type),
-       GetNetType(*state.models.Find(model_id), net_type))
+       (Require(net_type != nullptr, "nowhere to put it"),
+        *net_type = state.models.Find(model_id)->netType, kOk))
 ACTION(quilm_mdl_set_total_t, (uint32_t model_id, quilm_mdl_dataset* input, int64_t total_t),
        SetTotalT(*state.models.Find(model_id), *state.datasets.Find(input), total_t))
 ACTION(quilm_mdl_execute,

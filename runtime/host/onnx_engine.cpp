@@ -41,7 +41,7 @@ enum Function : size_t {
   kReleaseValue = 96,
   kReleaseTypeInfo = 98,
   kReleaseTensorTypeAndShapeInfo = 99,
-  kReleaseSessionOptions = 100,
+  kReleaseSessionOptions = 100
 };
 
 // The arguments have to be of the very types that the function takes; handles are void*.
@@ -158,28 +158,11 @@ std::vector<int64_t> ReadDims(void* info) {
   return dims;
 }
 
-// The engine's threads inherit that all signals are blocked: they are the tool's to receive.
-class BlockedSignals {
- public:
-  BlockedSignals() {
-    sigset_t all;
-    sigfillset(&all);
-    pthread_sigmask(SIG_BLOCK, &all, &before_);
-  }
-  ~BlockedSignals() { pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
-  BlockedSignals(const BlockedSignals&) = delete;
-  BlockedSignals& operator=(const BlockedSignals&) = delete;
-
- private:
-  sigset_t before_{};
-};
-
 class OnnxEngine : public Engine {
  public:
   OnnxEngine(const std::vector<uint8_t>& encoded, const std::vector<Tensor>& inputs,
              std::vector<Tensor>& outputs, size_t threads)
       : inputs_(inputs) {
-    const BlockedSignals blocked;
     void* environment = Environment();
     const auto options = Make<kReleaseSessionOptions>(kCreateSessionOptions);
     Do(kSetIntraOpNumThreads, options.get(), static_cast<int>(threads));
@@ -261,6 +244,13 @@ class OnnxEngine : public Engine {
 std::unique_ptr<Engine> CreateEngine(const std::vector<uint8_t>& encoded,
                                      const std::vector<Tensor>& inputs,
                                      std::vector<Tensor>& outputs, size_t threads) {
+  // The engine's threads inherit that all signals are blocked: they are the tool's to receive.
+  sigset_t before;
+  sigset_t all;
+  sigfillset(&all);
+  pthread_sigmask(SIG_BLOCK, &all, &before);
+  const auto unblock = [](sigset_t* mask) { pthread_sigmask(SIG_SETMASK, mask, nullptr); };
+  const std::unique_ptr<sigset_t, decltype(unblock)> blocked(&before, unblock);
   return std::make_unique<OnnxEngine>(encoded, inputs, outputs, threads);
 }
 
