@@ -41,7 +41,7 @@ INSIDE int fstat64(int descriptor, struct stat64* status) {
 }
 #endif
 
-// ---- Since 2.34, in libpthread or libdl before that --------------------------------------------
+// ---- Since 2.34, in libpthread before that -----------------------------------------------------
 
 enum { kOnceDone = 2, kOnceRunning = 1 };
 
@@ -67,32 +67,6 @@ INSIDE int __pthread_key_create(pthread_key_t* key, void (*destroy)(void*)) {
 }
 
 #if defined(__aarch64__) && __GLIBC_PREREQ(2, 34)
-// Whoever loads libraries at run time names libdl.so.2 too, see older_libc.cmake.
-__asm__(".symver dlopen_of_2_17, dlopen@GLIBC_2.17");
-__asm__(".symver dlsym_of_2_17, dlsym@GLIBC_2.17");
-__asm__(".symver dlerror_of_2_17, dlerror@GLIBC_2.17");
-__asm__(".symver dlinfo_of_2_17, dlinfo@GLIBC_2.17");
-void* dlopen_of_2_17(const char*, int);
-void* dlsym_of_2_17(void*, const char*);
-char* dlerror_of_2_17(void);
-int dlinfo_of_2_17(void*, int, void*);
-
-INSIDE void* dlopen(const char* path, int flags) {
-  return dlopen_of_2_17(path, flags);
-}
-
-INSIDE void* dlsym(void* handle, const char* name) {
-  return dlsym_of_2_17(handle, name);
-}
-
-INSIDE char* dlerror(void) {
-  return dlerror_of_2_17();
-}
-
-INSIDE int dlinfo(void* handle, int request, void* answer) {
-  return dlinfo_of_2_17(handle, request, answer);
-}
-
 // Before 2.34 the executable brought the function that runs its constructors, and handed it over;
 // since then libc does that itself, where none is handed over. The old version does either.
 __asm__(".symver start_main_of_2_17, __libc_start_main@GLIBC_2.17");

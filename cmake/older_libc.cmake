@@ -9,6 +9,7 @@ target_link_options(older_libc INTERFACE -static-libstdc++ -static-libgcc -Wl,--
 
 # On top for what loads libraries at run time: until 2.34 the functions for that were in libdl.so.2,
 # which later versions keep, though empty; so the linker has to be told not to leave it out.
-add_library(older_libdl INTERFACE)
+add_library(older_libdl OBJECT cmake/older_libdl.c)
+target_link_libraries(older_libdl PRIVATE quilmrun_warnings)
 target_link_options(older_libdl INTERFACE
                     "LINKER:--push-state,--no-as-needed,-l:libdl.so.2,--pop-state")
