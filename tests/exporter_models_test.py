@@ -167,6 +167,18 @@ class ExporterModels(HostRuntimeTest):
         self.run_arrays(identity64, [np.array([-2**31], "<i4")])
         np.testing.assert_array_equal(self.output("x'", "<i4"), [-2**31])
 
+    def test_hints_at_input_data_of_other_kinds(self):
+        pixels = RANDOM.randint(1, 256, 256).astype("u1")
+        eight_bit = ("holds mostly tiny or huge numbers: 8-bit data? The file seems to have a "
+                     "quarter of what 1 batch takes")
+        png = "begins like a PNG picture, but a file of bare numbers is expected"
+        for data, hint in [(pixels.tobytes(), eight_bit), (b"\x89PNG\r\n\x1a\n" + bytes(1016), png),
+                           (pixels.astype("<f4").tobytes(), None), (bytes(1024), None)]:
+            self.write("x", data)
+            status, _, err = self.run_model(relu([1, 256]), "x\nx\n")
+            self.assertEqual((status, err),
+                             (0, f'host runtime: input "x" {hint}\n' if hint else ""))
+
     def test_infinity_nan_and_zero_signs_are_shown(self):
         values = np.array([np.inf, -np.inf, np.nan, -0.0, 1e-40], "<f4")
         self.run_arrays(copies({"x": [5]}), [values])

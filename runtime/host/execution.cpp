@@ -1,5 +1,7 @@
 // Execution: batches at once where the model can, one at a time otherwise.
 #include <algorithm>
+#include <cmath>
+#include <cstring>
 
 #include "runtime/host/state.h"
 
@@ -42,6 +44,51 @@ struct Batches {
   }
 };
 
+// What input data look like that are no numbers of the input's type; empty when nothing is odd.
+std::string LooksLike(const Array& array, bool isFloat) {
+  constexpr std::pair<const char*, const char*> kMagicNumbers[] = {
+      {"\x89PNG", "a PNG picture"},
+      {"\xFF\xD8\xFF", "a JPEG picture"},
+      {"\x93NUMPY", "an .npy file"}};
+  const std::string start(
+      array.bytes.begin(),
+      array.bytes.begin() +
+          std::min<std::ptrdiff_t>(8, std::distance(array.bytes.begin(), array.bytes.end())));
+  for (const auto& [magicNumber, kind] : kMagicNumbers) {
+    if (start.rfind(magicNumber, 0) == 0) {
+      return std::string("begins like ") + kind + ", but a file of bare numbers is expected";
+    }
+  }
+  const size_t count = isFloat ? array.bytes.size() / sizeof(float) : 0;
+  size_t numbers = 0;
+  size_t odd = 0;
+  for (size_t i = 0; i < std::min<size_t>(count, 4096); ++i) {
+    float number;
+    std::memcpy(&number, array.bytes.data() + i * sizeof(float), sizeof(float));
+    const bool isOdd = !(std::fabs(number) > 1e-12F && std::fabs(number) < 1e12F);
+    numbers += static_cast<size_t>(number != 0);
+    odd += static_cast<size_t>(number != 0 && isOdd);
+  }
+  if (count < 64 || odd * 2 <= numbers) {
+    return "";
+  }
+  const bool isQuarter =
+      std::all_of(array.bytes.begin() + static_cast<std::ptrdiff_t>(count), array.bytes.end(),
+                  [](unsigned char byte) { return byte == 0; });
+  return std::string("holds mostly tiny or huge numbers: 8-bit data?") +
+         (isQuarter ? " The file seems to have a quarter of what 1 batch takes" : "");
+}
+
+// Says once what may be wrong with an input; it is computed all the same.
+void GiveHint(const Tensor& tensor, const Array& array) {
+  constexpr int32_t kFloat = 1;  // as in ONNX files
+  const std::string found = LooksLike(array, tensor.type->onnx == kFloat);
+  const std::string hint = "input" + Quoted(tensor.name) + " " + found;
+  if (!found.empty() && state.hints.insert(hint).second) {
+    Explain(hint);
+  }
+}
+
 // Frames that do not count are zeros, whatever the buffer holds.
 void ClearFrames(const Tensor& frames, int64_t totalT, Array& array) {
   const size_t frameBytes = array.bytes.size() / static_cast<size_t>(frames.dims.front());
@@ -67,6 +114,7 @@ void RunBatches(const Model& model, const quilm_mdl_dataset& input, const quilm_
   for (size_t i = 0; i + kBuffersAfterInputs < model.inputs.size(); ++i) {
     const unsigned char* data = batches.In(*input.buffers[i], model.inputs[i]);
     inputs.push_back(TakeFromDevice(model.inputs[i], data, batches.count));
+    GiveHint(model.inputs[i], inputs.back());
   }
   if (input.totalT > 0) {
     ClearFrames(model.inputs[0], input.totalT, inputs[0]);

@@ -2,6 +2,7 @@
 #ifndef QUILMRUN_RUNTIME_HOST_STATE_H_
 #define QUILMRUN_RUNTIME_HOST_STATE_H_
 
+#include <set>
 #include <unordered_map>
 
 #include "runtime/host/diagnostics.h"
@@ -91,7 +92,8 @@ struct State {
   bool deviceOpen = false;
   Settings settings;
   std::map<std::string, uint64_t> callCounts;
-  long openFiles = 0;  // of the process, at the end of quilm_init()
+  std::set<std::string> hints;  // that have been given
+  long openFiles = 0;           // of the process, at the end of quilm_init()
   uint32_t lastModelId = 0;
   ObjectTable<char> contexts{"context"};  // means nothing on a PC, as a stream
   ObjectTable<char> streams{"stream"};
