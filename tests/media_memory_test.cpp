@@ -1,9 +1,9 @@
+#include "profile/media_memory.h"
+
 #include <gtest/gtest.h>
 
 #include <sstream>
 #include <string>
-
-#include "profile/media_memory.h"
 
 namespace quilmrun {
 namespace {

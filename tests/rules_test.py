@@ -5,7 +5,7 @@ import unittest
 import unittest.mock
 
 from odd import FAILURE, PLAIN, SUCCESS, TASK_AND_WORK, OddRuntimeTest
-from tool import TEARDOWN, ToolTest
+from tool import NO_MEDIA_MEMORY, TEARDOWN, ToolTest
 
 RPN = PLAIN.replace("input task", "input r 0 32 32 {}\ninput task")
 NOT_DONE = "[ERROR] Set rpn data failed\n" + FAILURE
@@ -81,6 +81,14 @@ class Rules(OddRuntimeTest):
         two_inputs = PLAIN.replace("input task", "input z 4 16 8 2 4\ninput task")
         self.check(0, SUCCESS, two_inputs, list_text="x.bin\nx.bin\nmissing\n")
         self.assertEqual(self.calls().count("quilm_mdl_execute"), 1)
+
+    def test_a_model_file_that_disappears_while_it_is_loaded(self):
+        self.check(1, f"[ERROR] open file $D/m.om failed\n{NO_MEDIA_MEMORY}"
+                   "[ERROR] load model from file failed, model file is $D/m.om\n"
+                   "[ERROR] execute LoadModelFromFileWithMem failed\n"
+                   "[WARN]  no model had been loaded, unload failed\n"
+                   "[ERROR] sample process failed\n" + TEARDOWN,
+                   "run quilm_mdl_load_from_mem 1 rm m.om\n" + PLAIN, complaint=".* 1 x .*model.*")
 
     def test_a_bad_rpn_path_ends_it_before_the_runtime_is_touched(self):
         self.write("rpn", "1 2 3 4")
