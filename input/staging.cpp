@@ -103,11 +103,12 @@ int CopyFile(const Staging& staging, const InputFile& file, uint32_t batchSize, 
   RowLayout layout;
   layout.rowBytes = RowBytes(staging.elementSize, LastDimension(staging.dims));
   layout.stride = staging.stride;
-  layout.rows = WholeParts(staging.singleBatchSize, staging.stride);
+  // Memory of a size that has wrapped ends within the first batch: the rows before its end count.
+  layout.rows =
+      WholeParts(std::min(staging.singleBatchSize, staging.allocationSize), staging.stride);
   layout.batchSize = staging.singleBatchSize;
-  // Reconciling never raises the batch size above what was allocated, unless it came in as 0.
-  layout.batches =
-      std::min<size_t>(batchSize, WholeParts(staging.allocationSize, staging.singleBatchSize));
+  const size_t allocated = WholeParts(staging.allocationSize, staging.singleBatchSize);
+  layout.batches = std::min<size_t>(batchSize, std::max<size_t>(allocated, 1));
   if (layout.rows > 0 && layout.rowBytes > layout.stride) {
     LogError("row of input %zu has %zu bytes, its stride only %zu", staging.index, layout.rowBytes,
              layout.stride);

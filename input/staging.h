@@ -26,8 +26,8 @@ struct RowLayout {
 };
 
 /// Copies rows from the file's current position to `memory`, in file order, each byte read once and
-/// straight into the memory; stops where the file ends. REQUIRES: memory of batches * batchSize
-/// bytes, all 0.
+/// straight into the memory; stops where the file ends. REQUIRES: memory to the end of the last
+/// batch's rows, padding included, all bytes 0.
 void CopyRows(const InputFile& file, const RowLayout& layout, void* memory);
 
 /// Reports an element size of 0, which nothing can be staged with.
