@@ -1,6 +1,5 @@
 """Bad input, faults and limits on the host runtime: messages, exit status, and nothing left over."""
 
-import json
 import os
 import pathlib
 import resource
@@ -10,7 +9,7 @@ from onnx import TensorProto, helper
 
 from models import (FAILURE, SHAPE_WARNING, SUCCESS, HostRuntimeTest, copies, executed,
                     identity, model, tensor)
-from tool import BRING_UP, NO_MEDIA_MEMORY, QUILMRUN, TEARDOWN
+from tool import NO_MEDIA_MEMORY, QUILMRUN, TEARDOWN
 
 
 class BadInput(HostRuntimeTest):

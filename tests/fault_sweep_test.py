@@ -6,7 +6,7 @@ import re
 import shutil
 import unittest
 
-from fault_table import PROCESS, Run, calls
+from fault_table import Run, calls
 from models import HostRuntimeTest, copies, floats
 
 

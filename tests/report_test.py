@@ -78,9 +78,9 @@ class ReportTest(CompanionTest):
         self.write(f"{name}/inputs.json", json.dumps(
             {"format": "quilmrun-inputs", "version": 1, "created": "", "command": [], "options": {},
              "model": {}, "list": "list.txt", "batch": 1, "files": sources}))
-        subprocess.run([COMPANIONS / "quilmrun-compare", folder / "out", folder / "reference",
-                        "--log", folder / "log.txt", "--inputs", folder / "inputs.json", "--json",
-                        folder / "comparison.json"], check=False, capture_output=True)
+        self.run_companion(folder / "out", folder / "reference", "--log", folder / "log.txt",
+                           "--inputs", folder / "inputs.json", "--json",
+                           folder / "comparison.json", name="quilmrun-compare")
         return folder
 
     def picture(self):
