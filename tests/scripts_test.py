@@ -28,9 +28,10 @@ class RunExample(tool.ToolTest):
                 (("digits", "pictures", "new"), "there is no quilmrun in pictures\n"),
                 (("digits", BUILD, "pictures"), "$D/pictures holds files that are not "),
                 (("digits", BUILD, "."), "$D holds files that are not "),
-                (("digits", BUILD, "link"), "$D/link holds files that are not "),
+                (("digits", BUILD, "link"), "$D/link is not a directory: "),
                 (("digits", BUILD, "link/below"), "nothing can be written to $D/link/below\n"),
-                (("digits", BUILD), "usage: "), (("digits", BUILD, "a", "b"), "usage: ")]:
+                (("digits", BUILD), "usage: "), (("digits", BUILD, ""), "usage: "),
+                 (("digits", BUILD, "a", "b"), "usage: ")]:
             with self.subTest(arguments=arguments):
                 status, errors = self.run_example(*arguments)
                 self.assertEqual((status, errors.count("\n")), (2, 1))
