@@ -85,8 +85,8 @@ elseif(NOT QUILMRUN_RUNTIME_LIBRARY)
   set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${PROJECT_BINARY_DIR})
   set(CPACK_COMPONENT_QUILMRUN_DESCRIPTION
       "Loads libquilm.so: that of a board, or of quilmrun-host-runtime, which runs
- ONNX models. With companions that prepare inputs, record, compare and report,
- and with examples.")
+ONNX models. With companions that prepare inputs, record, compare and report,
+and with examples.")
   set(CPACK_DEBIAN_QUILMRUN_PACKAGE_NAME quilmrun)
   set(CPACK_DEBIAN_QUILMRUN_PACKAGE_DEPENDS "python3:any")
   # Each companion names what it lacks, the tool needs none of them.
@@ -94,7 +94,7 @@ elseif(NOT QUILMRUN_RUNTIME_LIBRARY)
 python3-pil, python3-jinja2, python3-tqdm")
   set(CPACK_COMPONENT_RUNTIME_DESCRIPTION
       "The host runtime: a libquilm.so for PCs that runs ONNX models with ONNX
- Runtime, which comes with it.")
+Runtime, which comes with it.")
   set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME quilmrun-host-runtime)
   set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION libs)
   set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA ${PROJECT_SOURCE_DIR}/docs/debian/triggers)
