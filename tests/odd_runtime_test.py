@@ -237,7 +237,7 @@ class Outputs(OddRuntimeTest):
         self.assertEqual(files, {"0/short.0.S.float": b"", "0/short.0.S.bin": b""})
 
     def test_full_disk(self):
-        def limit():  # writes behind the 40th byte of a file fail, as on a full disk
+        def limit():  # writes past the 40th byte of a file fail, as on a full disk
             signal.signal(signal.SIGXFSZ, signal.SIG_IGN)
             resource.setrlimit(resource.RLIMIT_FSIZE, (40, 40))
         self.write("m.om", "model")

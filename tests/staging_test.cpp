@@ -55,7 +55,7 @@ std::vector<char> Actual(const RowLayout& layout, const std::string& path) {
 }
 
 // Rows next to each other, close, wide, and more than one system call takes; with and without a gap
-// behind a batch.
+// after a batch.
 constexpr RowLayout kLayouts[] = {
     {3, 3, 2, 6, 2},
     {3, 8, 2, 16, 1},

@@ -34,7 +34,7 @@ class Sequence:
         self.samples = samples
         self.frames = len(samples) // FRAME
         self.predicted = predictions[: self.frames - 1]
-        self.behind_end = predictions[self.frames :]
+        self.after_end = predictions[self.frames :]
         frame_ends = samples[FRAME - 1 :: FRAME]
         self.wanted = frame_ends[1:]
         self.last_value = frame_ends[:-1]
@@ -92,10 +92,10 @@ def print_plot(sequence):
 
 
 def check_marks(sequences):
-    """Raises OutputError if there is a prediction for frames behind a sequence's end."""
+    """Raises OutputError if there is a prediction for frames after a sequence's end."""
     for number, sequence in enumerate(sequences):
-        if any(sequence.behind_end):
-            raise OutputError(f"sequence {number} has predictions behind its last frame")
+        if any(sequence.after_end):
+            raise OutputError(f"sequence {number} has predictions after its last frame")
 
 
 def show(outdir):

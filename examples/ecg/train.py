@@ -125,7 +125,7 @@ def initializers(lstm, readout):
 def onnx_model(lstm, readout):
     """Returns the predictor as ONNX: frames (T, 1, F), marks (1, T) -> prediction (1, T).
 
-    The marks are 1 for the frames of the sequence and 0 behind its end; they blank the
+    The marks are 1 for the frames of the sequence and 0 after its end; they blank the
     predictions which the read-out's offset and the fading state would still make there.
     """
     nodes = [

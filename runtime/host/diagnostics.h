@@ -41,7 +41,7 @@ template <typename... Texts>
   throw Refusal(code, (std::string() + ... + texts));
 }
 
-/// Calls `body`; the reason of a Refusal is put behind what it is about.
+/// Calls `body`; the reason of a Refusal is put after what it is about.
 template <typename Body>
 void About(const std::string& subject, const Body& body) {
   try {
