@@ -7,7 +7,7 @@ chunks with NaN or infinity, are done again in 64 bits.
 
 import math
 from dataclasses import dataclass, field, fields
-from typing import Any, Optional
+from typing import Any, Optional, Sequence
 
 import numpy as np
 
@@ -101,6 +101,7 @@ class Meter:
         self._atol, self._rtol = atol, rtol
         self._difference = np.empty(CHUNK, np.float32)
         self._size = np.empty(CHUNK, np.float32)
+        self._rows = np.zeros((4, CHUNK // _ROW), np.float32)  # sums of rows, of up to four sums
 
     def equal(self, values: np.ndarray, tally: Tally) -> None:
         """Takes in decoded values that are equal to their reference, bit by bit."""
@@ -108,7 +109,7 @@ class Meter:
             self._exact(values, values, tally)
             return
         with np.errstate(all="ignore"):
-            energy = _energy(values)
+            energy, = self._sums([values])
         if not _usable(energy, values):
             self._exact(values, values, tally)
             return
@@ -127,17 +128,17 @@ class Meter:
         """In 32 bits; returns False, with nothing taken in, when these do not suffice."""
         difference = self._difference[:len(values)]
         np.subtract(values, reference, out=difference)
-        arrays = (values, reference, difference)
-        energies = [_energy(array) for array in arrays]
+        np.abs(difference, out=difference)
+        arrays = values, reference, difference
+        *energies, sum_abs = self._sums(arrays, difference)
         if not all(map(_usable, energies, arrays)):
             return False
-        np.abs(difference, out=difference)
-        max_abs = float(difference.max())
+        max_abs = float(np.maximum.reduce(difference))
         tally.elements += len(values)
         # As integers they are counted several times as fast, and 0.0 is 0.
         tally.differing += int(np.count_nonzero(difference.view(np.int32)))
         tally.max_abs = max(tally.max_abs, max_abs)
-        tally.sum_abs += _sum(difference)
+        tally.sum_abs += sum_abs
         tally.energy += energies[0]
         tally.reference_energy += energies[1]
         tally.error_energy += energies[2]
@@ -153,13 +154,28 @@ class Meter:
 
     def _largest_ratio(self, difference: np.ndarray, reference: np.ndarray) -> float:
         """The largest difference / |reference|; `difference` is overwritten."""
-        size = np.abs(reference, out=self._size[:len(reference)])
-        largest = float(np.fmax.reduce(np.divide(difference, size, out=size)))
+        ratio = np.divide(difference, reference, out=self._size[:len(reference)])
+        largest = _farthest(ratio)
         if not math.isfinite(largest):  # references of 0, which become NaN and do not count
             np.multiply(difference, reference != 0, out=difference)
-            np.divide(difference, np.abs(reference, out=size), out=size)
-            largest = float(np.fmax.reduce(size))
+            largest = _farthest(np.divide(difference, reference, out=ratio))
         return 0.0 if math.isnan(largest) else largest
+
+    def _sums(self, squared: Sequence[np.ndarray], *plain: np.ndarray) -> list[float]:
+        """The sum of squares of each, then the sum of each of the others."""
+        count = len(squared[0]) // _ROW
+        rows = self._rows[:len(squared) + len(plain), :count]
+        for array, sums in zip(squared, rows):
+            whole = array[:count * _ROW].reshape(count, _ROW)
+            np.einsum("ij,ij->i", whole, whole, out=sums)
+        for array, sums in zip(plain, rows[len(squared):]):
+            np.einsum("ij->i", array[:count * _ROW].reshape(count, _ROW), out=sums)
+        result = np.add.reduce(rows, axis=1, dtype=np.float64)
+        if count * _ROW < len(squared[0]):
+            rest = slice(count * _ROW, None)
+            result += [*(np.square(array[rest], dtype=np.float64).sum() for array in squared),
+                       *(array[rest].sum(dtype=np.float64) for array in plain)]
+        return result.tolist()
 
     def _exact(self, values: np.ndarray, reference: np.ndarray, tally: Tally) -> None:
         """In 64 bits, with NaN and infinity counted and left out of the sums."""
@@ -189,23 +205,9 @@ class Meter:
         tally.error_energy += float(np.square(difference).sum())
 
 
-def _split(array: np.ndarray) -> tuple[np.ndarray, np.ndarray]:
-    """Rows that are summed in 32 bits, and the rest."""
-    whole = len(array) // _ROW * _ROW
-    return array[:whole].reshape(-1, _ROW), array[whole:]
-
-
-def _sum(array: np.ndarray) -> float:
-    rows, rest = _split(array)
-    return float(np.einsum("ij->i", rows).sum(dtype=np.float64)) + \
-        float(rest.sum(dtype=np.float64))
-
-
-def _energy(array: np.ndarray) -> float:
-    """Sum of squares."""
-    rows, rest = _split(array)
-    return float(np.einsum("ij,ij->i", rows, rows).sum(dtype=np.float64)) + \
-        float(np.square(rest, dtype=np.float64).sum())
+def _farthest(array: np.ndarray) -> float:
+    """The largest magnitude, without NaN."""
+    return float(max(np.fmax.reduce(array), -np.fmin.reduce(array)))
 
 
 def same_bytes(one: np.ndarray, other: np.ndarray) -> bool:
