@@ -69,9 +69,9 @@ class CompanionTest(ToolTest):
             said = [file.seek(0) or file.read().decode() for file in (out, errors)]
         return status, *said
 
-    def run_executable(self, *arguments):
-        """The same of the executable, as users start it."""
-        result = subprocess.run([COMPANIONS / self.name, *map(str, arguments)], cwd=self.dir,
+    def run_executable(self, *arguments, within=()):
+        """The same of the executable, as users start it; by the command `within` if any."""
+        result = subprocess.run([*within, COMPANIONS / self.name, *map(str, arguments)], cwd=self.dir,
                                 check=False, capture_output=True, text=True, timeout=120)
         return result.returncode, result.stdout, result.stderr
 
@@ -83,9 +83,10 @@ class CompanionTest(ToolTest):
         self.assertEqual(set(re.findall(r"Fl -([\w-]+)", page)),
                          set(re.findall(r"^ +(?:-\w(?: \w+)?, )?--([\w-]+)", shown, re.M)))
 
-    def refused(self, text, *arguments):
+    def refused(self, text, *arguments, within=()):
         """Status 2, and nothing but one line that holds `text`."""
-        status, out, errors = self.run_companion(*arguments)
+        status, out, errors = self.run_executable(*arguments, within=within) if within else \
+            self.run_companion(*arguments)
         self.assertEqual((status, out, errors.count("\n")), (2, "", 1), errors)
         self.assertTrue(errors.startswith(f"{self.name}: "), errors)
         self.assertIn(text, errors)

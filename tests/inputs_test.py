@@ -224,6 +224,15 @@ class Refusals(InputsTest):
                 self.assertEqual(self.outputs("."), before)
                 self.assertFalse((self.dir / "p").exists())
 
+    def test_no_room(self):
+        self.write("log.txt", log_text([self.model_log([1, 1000], UINT8)]))
+        command = "--model-log", "log.txt", "-o", "p", "--random", "1"
+        self.refused("cannot write to p: File too large", *command,
+                     within=("prlimit", "--fsize=500"))
+        self.assertFalse((self.dir / "p").exists())
+        self.refused("cannot write: No space left", *command,
+                     within=("sh", "-c", 'exec "$@" > /dev/full', "sh"))
+
     def test_only_its_own_files_are_replaced(self):
         self.prepare([1, 2], UINT8, "--random", 3)
         self.write("p/notes", "mine")

@@ -157,6 +157,11 @@ def read_json(path: str, expected: str) -> dict:
     return value
 
 
+def _drop_output() -> None:
+    """What standard output could not take would be an error once more at the end."""
+    os.dup2(os.open(os.devnull, os.O_WRONLY), sys.stdout.fileno())
+
+
 # Debian's package of each Python package that a companion may lack.
 _PACKAGES = {"numpy": "python3-numpy", "PIL": "python3-pil", "jinja2": "python3-jinja2"}
 
@@ -178,8 +183,12 @@ def run(module: str) -> NoReturn:
     except MemoryError:
         fail("there is not enough memory")
     except BrokenPipeError:  # nobody reads on
-        os.dup2(os.open(os.devnull, os.O_WRONLY), sys.stdout.fileno())
+        _drop_output()
         status = NO
+    except OSError as error:
+        _drop_output()
+        fail(f"cannot use {error.filename}: {error.strerror}" if error.filename else
+             f"cannot write: {error.strerror}")
     except KeyboardInterrupt:
         status = 130
     raise SystemExit(status)

@@ -31,10 +31,12 @@ class TargetFolder:
     def __enter__(self) -> "TargetFolder":
         return self
 
-    def __exit__(self, *_: object) -> None:
+    def __exit__(self, kind: object, error: object, *_: object) -> None:
         shutil.rmtree(self.waiting, ignore_errors=True)
         if self._made and not os.listdir(self.path):
             self.path.rmdir()
+        if isinstance(error, OSError):
+            raise cli.Unreadable(f"cannot write to {self.path}: {error.strerror}") from error
 
     def _earlier(self) -> Optional[manifest.Manifest]:
         if self._made:
