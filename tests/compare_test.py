@@ -133,10 +133,10 @@ class Verdicts(CompareTest):
 
     def test_worst_runs_by_their_pictures(self):
         self.outputs_of("a", {"y": [1]}, {"y": [2]}, {"y": [1.5]})
-        self.outputs_of("b", {"y": [1]}, {"y": [1]}, {"y": [1]})
+        self.outputs_of("b", *[{"y": [1]}] * 4)
         files = [{"inference": run, "input": "x", "file": f"{run}.bin", "bytes": 1, "sha256": "",
                   "sources": [{"path": f"/photos/{name}", "sha256": "", "width": 1, "height": 1}]}
-                 for run, name in enumerate(("café.jpg", "b.jpg", "c.jpg"))]
+                 for run, name in enumerate(("café.jpg", "b.jpg", "c.jpg", "d.jpg"))]
         self.write("p/inputs.json", json.dumps({
             "format": "quilmrun-inputs", "version": 1, "created": "", "command": [], "options": {},
             "model": {}, "list": "list.txt", "batch": 1, "files": files}))
@@ -146,7 +146,8 @@ class Verdicts(CompareTest):
         worst = out.partition("worst runs:\n")[2].splitlines()[1:3]
         self.assertEqual([(line.split()[0], line.split()[-1]) for line in worst],
                          [("1", "b.jpg"), ("2", "c.jpg")])
-        self.assertEqual(self.compare(status=1)["runs"][0]["sources"], ["/photos/b.jpg"])
+        self.assertIn("\n3/y: missing; d.jpg\n", out)
+        self.assertEqual(self.compare(status=1)["runs"][1]["sources"], ["/photos/b.jpg"])
 
 
 class Pairs(CompareTest):
@@ -215,12 +216,17 @@ class Refusals(CompareTest):
         self.outputs_of("two", {"y": [1], "z": [1]})
         (self.dir / "empty").mkdir()
         self.write("notes/a.txt", "mine")
+        log = log_text([], [("y", "[1, ]", 0, 4, 4)])
+        self.write("zero/log.txt", log)
+        self.write("failed/log.txt", log + "[ERROR] execute model failed\n")
         self.write("text", "mine")
         self.write("cut.npy", b"\x93NUMPY")
         for text, arguments in [
                 ("required: OUT, REFERENCE", ()), ("required: REFERENCE", ("a",)),
                 ("No such file or directory; name the dir", ("none", "a")),
                 ("there is no none", ("a", "none")), ("directory is empty", ("a", "empty")),
+                ("the run had no inferences", ("zero", "a")),
+                ('failed with "execute model failed"', ("a", "failed")),
                 ("no outputs in notes", ("notes", "a")), ("name the one above", ("a/0", "a")),
                 ("neither a folder nor an .npy", ("a", "text")), ("cut short", ("a", "cut.npy")),
                 ("different models, or a compiler", ("a", "other")),

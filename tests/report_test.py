@@ -137,13 +137,15 @@ class ReportTest(CompanionTest):
     def test_cut_short(self):
         """A record counts up to where it ends, and fails the run."""
         whole = json.dumps(record([1000] * 50))
-        for content, executions in ((json.dumps(record([1000] * 50, complete=False)), 50),
-                                    (whole[:whole.index('"group 20"')], 20)):
+        stopped = json.dumps(record([1000] * 50, complete=False))
+        ended = "cut short: the run ended by a signal or a crash, after "
+        for content, text in ((stopped, ended + "50 executions"),
+                              (stopped[:stopped.index('"group 20"')], ended + "20 executions"),
+                              (whole[:whole.index('"group 20"')], "breaks off after 20 exec")):
             self.write("run/record.json", content)
             status, said, _ = self.run_companion("run")
             self.assertEqual(status, 1)
-            self.assertIn("cut short: the run ended by a signal or a crash, after "
-                          f"{executions} executions", said)
+            self.assertIn(text, said)
 
     def test_no_inferences(self):
         _, log, _ = self.run_tool("-m", DIGITS / "digits.onnx", "-i", "none", "-j",

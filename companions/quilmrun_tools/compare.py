@@ -111,7 +111,8 @@ def main() -> int:
     if Path(options.output).resolve() == Path(options.reference).resolve():
         notes.append("both are the same directory")
     inputs = output.inputs or reference.inputs
-    sources = {run: inputs.sources_of(run) for run in output.runs} if inputs else {}
+    sources = {run: inputs.sources_of(run) for run in output.runs | reference.runs} \
+        if inputs else {}
     if options.json:
         cli.write_json(options.json, comparison.to_json(result, output, reference, notes, sources))
     if options.json != "-":

@@ -47,7 +47,11 @@ def read_side(path: str, log: Optional[str], inputs: Optional[str], types: dict[
     files that the user named; without them, log.txt in the folder or above it, or else the record
     there, and inputs.json beside the log's input files count."""
     side = Side(path)
-    folder = outputs.scan_folder(path)
+    try:
+        folder = outputs.scan_folder(path)
+    except Unreadable as error:
+        reason = _why_none(Path(log or Path(path) / LOG_NAME), path)
+        raise Unreadable(reason or str(error)) from error
     record = Path(log or Path(path) / RECORD_NAME)
     if not (log and record.suffix == ".json"):
         side.log = read_log(log) if log else _usual_log(Path(path), len(folder.runs))
@@ -74,6 +78,20 @@ def read_side(path: str, log: Optional[str], inputs: Optional[str], types: dict[
         raise Unreadable(f"{path} holds no outputs of the run that its log describes: fetch both "
                          "of the same run")
     return side
+
+
+def _why_none(log: Path, path: str) -> str:
+    """What the log, if there is one, says of a run without outputs."""
+    try:
+        found = read_log(str(log)) if log.is_file() else None
+    except Unreadable:
+        found = None
+    if not found or found.executed:
+        return ""
+    if found.errors:
+        return f'no outputs in {path}: by {log}, the run failed with "{found.errors[0]}"'
+    return (f"no outputs in {path}: by {log}, the run had no inferences; give quilmrun a list (-i) "
+            "that names input files")
 
 
 def shortened(names: list[str]) -> str:

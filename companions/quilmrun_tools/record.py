@@ -88,6 +88,7 @@ class Record:
     command: list[str] = field(default_factory=list)
     library: str = ""
     complete: bool = False
+    part: bool = False  # of a record that was complete when it was written
     exit_status: int | None = None
     start_us: int = 0  # microseconds since 1970
     recorder_cost_us: float | None = None
@@ -140,6 +141,7 @@ def read_record(path: Path) -> Record:
     if not isinstance(header, dict) or header.get("format") != FORMAT:
         raise Unreadable(f"{path}: not a record of quilmrun-record; give the file of its option -o")
     record = _read_header(path, header)
+    record.part = record.complete and not whole
     record.complete = record.complete and whole
     _read_events(record, document.get("traceEvents") or [])
     return record

@@ -56,6 +56,9 @@ def _short(value: float) -> str:
 def _course(run: Run) -> tuple[str, str]:
     """Whether the run itself succeeded."""
     log, record = run.log, run.record
+    if record and record.part and not (log and log.succeeded):
+        return FAIL, (f"The record breaks off after {count(len(record.executions), 'execution')}: "
+                      "it is only a part of what was written, so fetch it again.")
     if record and not record.complete and not (log and log.succeeded):
         within = f" within {record.unfinished}" if record.unfinished else ""
         return FAIL, (f"The record was cut short: the run ended by a signal or a crash{within}, "
