@@ -72,6 +72,19 @@ def doubled_by_a_loop():
                  {"y": (FLOAT, None)}, three=np.int64(3), true=np.bool_(True))
 
 
+def branching():
+    """Which branch runs depends on data; with numbers for names the other one is malformed."""
+    def branch(name, *nodes):
+        return helper.make_graph(nodes, name, [], [tensor(name, None)])
+    squeezed = branch("e", node("Squeeze", "x", "s"), node("ReduceSum", "s one", "r", keepdims=0),
+                      node("Concat", "r r", "e", axis=1))
+    return model([node("Equal", "n zero", "b"),
+                  node("If", "b", "y", else_branch=branch("t", node("Neg", "x", "t")),
+                       then_branch=squeezed)],
+                 {"x": (FLOAT, ["H", "W"]), "n": (INT64, [])}, {"y": (FLOAT, None)},
+                 one=np.array([1]), zero=np.int64(0))
+
+
 class ExporterModels(HostRuntimeTest):
     def run_arrays(self, model_bytes, arrays, *options, **settings):
         for index, array in enumerate(arrays):
@@ -108,6 +121,8 @@ class ExporterModels(HostRuntimeTest):
              [line], {}, -line),
             ("truth values", model([node("Not", "x", "y")], {"x": (BOOL, [3])}, {"y": (BOOL, [3])}),
              [np.array([0, 1, 200], "u1")], {}, [1, 0, 0]),
+            ("branches", branching(), [line, np.array([1], "<i4")],
+             {"input_shapes": {"x": [1, 4]}, "output_shapes": {"y": [1, 4]}}, -line),
             ("scalar", model([node("ReduceSum", "x", "y", keepdims=0)], {"x": (FLOAT, ["N", 4])},
                              {"y": (FLOAT, [])}), [line, line][:1], {}, [6])]
         for name, model_bytes, arrays, settings, expected in rows:

@@ -45,10 +45,9 @@ const Onnx__NodeProto* FollowInputs(const Onnx__GraphProto& graph,
 
 }  // namespace
 
-std::unique_ptr<Engine> CreateEngine(const std::vector<uint8_t>& encoded,
-                                     const std::vector<Tensor>& inputs,
+std::unique_ptr<Engine> CreateEngine(Bytes file, const std::vector<Tensor>& inputs,
                                      std::vector<Tensor>& outputs, size_t) {
-  Onnx__ModelProto* proto = onnx__model_proto__unpack(nullptr, encoded.size(), encoded.data());
+  Onnx__ModelProto* proto = onnx__model_proto__unpack(nullptr, file.size, file.data);
   std::map<std::string, size_t> sourcesByName;
   for (size_t i = 0; i < inputs.size(); ++i) {
     sourcesByName.emplace(inputs[i].name, i);
@@ -58,9 +57,8 @@ std::unique_ptr<Engine> CreateEngine(const std::vector<uint8_t>& encoded,
   std::vector<size_t> sources;
   for (Tensor& output : outputs) {
     const auto source = sourcesByName.find(output.name);
-    if (!followed || source == sourcesByName.end()) {
-      Refuse(kBadModel, "this host runtime has no engine, it runs graphs of Identity nodes only");
-    }
+    Require(followed && source != sourcesByName.end(),
+            "this host runtime has no engine, it runs graphs of Identity nodes only");
     sources.push_back(source->second);
     output.type = inputs[source->second].type;
     output.dims = inputs[source->second].dims;

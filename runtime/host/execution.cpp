@@ -11,23 +11,16 @@ namespace {
 void CheckEntry(const Tensor& tensor, uint64_t batchSize, const quilm_data_buffer* entry) {
   const auto buffer = state.buffers.Find(entry);
   state.memory.Find(buffer->pointer);
-  size_t needed = 0;
-  if (__builtin_mul_overflow(batchSize, tensor.size, &needed) || buffer->size < needed) {
-    Refuse(kBadDataset, "its buffer has ", std::to_string(buffer->size), " bytes, ",
-           std::to_string(batchSize), " x ", std::to_string(tensor.size), " are needed");
-  }
-  if (buffer->stride != tensor.stride) {
-    Refuse(kBadDataset, "its buffer has stride ", std::to_string(buffer->stride), ", the model ",
-           std::to_string(tensor.stride));
-  }
+  Require(batchSize <= buffer->size / tensor.size, "its buffer has ", buffer->size, " bytes, ",
+          batchSize, " x ", tensor.size, " are needed");
+  Require(buffer->stride == tensor.stride, "its buffer has stride ", buffer->stride, ", the model ",
+          tensor.stride);
 }
 
 void CheckDataset(const std::string& kind, const quilm_mdl_dataset& dataset,
                   const std::vector<Tensor>& tensors, uint64_t batchSize) {
-  if (dataset.buffers.size() != tensors.size()) {
-    Refuse(kBadDataset, "the ", kind, " dataset has ", std::to_string(dataset.buffers.size()),
-           " entries, the model ", std::to_string(tensors.size()));
-  }
+  Require(dataset.buffers.size() == tensors.size(), "the ", kind, " dataset has ",
+          dataset.buffers.size(), " entries, the model ", tensors.size());
   for (size_t i = 0; i < tensors.size(); ++i) {
     About(kind + " " + std::to_string(i) + Quoted(tensors[i].name),
           [&] { CheckEntry(tensors[i], batchSize, dataset.buffers[i]); });
@@ -50,31 +43,26 @@ std::string LooksLike(const Array& array, bool isFloat) {
       {"\x89PNG", "a PNG picture"},
       {"\xFF\xD8\xFF", "a JPEG picture"},
       {"\x93NUMPY", "an .npy file"}};
-  const std::string start(
-      array.bytes.begin(),
-      array.bytes.begin() +
-          std::min<std::ptrdiff_t>(8, std::distance(array.bytes.begin(), array.bytes.end())));
+  const std::string_view bytes(reinterpret_cast<const char*>(array.bytes.data()),
+                               array.bytes.size());
   for (const auto& [magicNumber, kind] : kMagicNumbers) {
-    if (start.rfind(magicNumber, 0) == 0) {
+    if (bytes.rfind(magicNumber, 0) == 0) {
       return std::string("begins like ") + kind + ", but a file of bare numbers is expected";
     }
   }
-  const size_t count = isFloat ? array.bytes.size() / sizeof(float) : 0;
-  size_t numbers = 0;
-  size_t odd = 0;
-  for (size_t i = 0; i < std::min<size_t>(count, 4096); ++i) {
-    float number;
-    std::memcpy(&number, array.bytes.data() + i * sizeof(float), sizeof(float));
-    const bool isOdd = !(std::fabs(number) > 1e-12F && std::fabs(number) < 1e12F);
-    numbers += static_cast<size_t>(number != 0);
-    odd += static_cast<size_t>(number != 0 && isOdd);
-  }
-  if (count < 64 || odd * 2 <= numbers) {
+  const size_t quarter = bytes.size() / sizeof(float);
+  std::vector<float> numbers(isFloat ? std::min<size_t>(quarter, 4096) : 0);
+  std::copy_n(bytes.begin(), numbers.size() * sizeof(float),
+              reinterpret_cast<char*>(numbers.data()));
+  const auto zeros = std::count(numbers.begin(), numbers.end(), 0.0F);
+  const auto usual = std::count_if(numbers.begin(), numbers.end(), [](float number) {
+    return std::fabs(number) > 1e-12F && std::fabs(number) < 1e12F;
+  });
+  const auto others = static_cast<std::ptrdiff_t>(numbers.size()) - zeros;
+  if (numbers.size() < 64 || usual * 2 >= others) {
     return "";
   }
-  const bool isQuarter =
-      std::all_of(array.bytes.begin() + static_cast<std::ptrdiff_t>(count), array.bytes.end(),
-                  [](unsigned char byte) { return byte == 0; });
+  const bool isQuarter = bytes.find_first_not_of('\0', quarter) == bytes.npos;
   return std::string("holds mostly tiny or huge numbers: 8-bit data?") +
          (isQuarter ? " The file seems to have a quarter of what 1 batch takes" : "");
 }
@@ -101,11 +89,9 @@ void CheckShape(const Tensor& output, uint64_t batches, const Array& result) {
   if (!dims.empty()) {
     dims.front() *= static_cast<int64_t>(batches);
   }
-  if (result.dims != dims || (dims.empty() && batches > 1)) {
-    Refuse(kEngineFailed, "output", Quoted(output.name), " came out with shape ",
-           ShapeText(result.dims), ", described is ", ShapeText(dims),
-           "; sizes that depend on the data are not supported");
-  }
+  Require(result.dims == dims && (!dims.empty() || batches == 1), "output", Quoted(output.name),
+          " came out with shape ", ShapeText(result.dims), ", described is ", ShapeText(dims),
+          "; sizes that depend on the data are not supported");
 }
 
 void RunBatches(const Model& model, const quilm_mdl_dataset& input, const quilm_mdl_dataset& output,
@@ -125,10 +111,8 @@ void RunBatches(const Model& model, const quilm_mdl_dataset& input, const quilm_
   }
   for (size_t i = 0; i < results.size(); ++i) {
     const Tensor& tensor = model.outputs[i];
-    if (!PutToDevice(results[i], tensor, batches.In(*output.buffers[i], tensor))) {
-      Refuse(kEngineFailed, "output", Quoted(tensor.name),
-             " holds a number that does not fit 32 bits");
-    }
+    Require(PutToDevice(results[i], tensor, batches.In(*output.buffers[i], tensor)), "output",
+            Quoted(tensor.name), " holds a number that does not fit 32 bits");
   }
 }
 

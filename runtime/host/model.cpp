@@ -17,16 +17,13 @@ void LayOutAll(const char* kind, std::vector<Tensor>& tensors, size_t rowAlignme
     About(kind + Quoted(tensor.name), [&] { LayOut(tensor, rowAlignment); });
     needed += tensor.size + tensor.Elements() * tensor.type->modelBytes;
   }
-  if (needed > PhysicalMemory()) {
-    Refuse(kBadModel, "its ", kind, "s take ", std::to_string(needed), " bytes, the machine has ",
-           std::to_string(PhysicalMemory()));
-  }
+  Require(needed <= PhysicalMemory(), "its ", kind, "s take ", needed, " bytes, the machine has ",
+          PhysicalMemory());
 }
 
 // The engine tells a shape of any number of dimensions like that of a scalar.
-bool IsKnown(const Tensor& tensor) {
-  return !tensor.dims.empty() &&
-         std::find(tensor.dims.begin(), tensor.dims.end(), -1) == tensor.dims.end();
+bool IsKnown(const Tensor& output) {
+  return !output.dims.empty() && !output.IsOpen();
 }
 
 // What the engine cannot tell from the model it shows by a run on zeros.
@@ -38,8 +35,46 @@ void LearnShapes(Model& model) {
   }
   const std::vector<Array> results = model.engine->Run(zeros);
   for (size_t i = 0; i < results.size(); ++i) {
-    model.outputs[i].dims = IsKnown(model.outputs[i]) ? model.outputs[i].dims : results[i].dims;
+    Tensor& output = model.outputs[i];
+    output.dims = IsKnown(output) ? output.dims : results[i].dims;
+    Require(std::count(output.dims.begin(), output.dims.end(), 0) == 0, "output",
+            Quoted(output.name), " came out with shape ", ShapeText(output.dims));
   }
+}
+
+void DescribeOutputs(Model& model, const Settings& settings) {
+  TakeShapes("output", settings.outputShapes, model.outputs);
+  std::vector<std::string> unknown;
+  for (const Tensor& output : model.outputs) {
+    if (!IsKnown(output)) {
+      unknown.push_back("\"" + output.name + "\": " + ShapeText(output.dims));
+    }
+  }
+  if (!unknown.empty()) {
+    About("a run on zeros does not show the shapes of outputs: write \"output_shapes\": {" +
+              Joined(unknown) + "}, with whole shapes for these, into the settings file",
+          [&] { LearnShapes(model); });
+  }
+}
+
+// With given shapes written into the file, the engine may find fault with a branch that they rule
+// out. The file as it is then may still do, with tensors of these shapes.
+void CreateEngineOfEither(const std::vector<Bytes>& files, const Settings& settings, Model& model) {
+  const size_t threads =
+      settings.threads > 0 ? settings.threads : std::thread::hardware_concurrency();
+  std::vector<std::string> problems;
+  for (const Bytes& file : files) {
+    try {
+      model.engine = CreateEngine(file, model.inputs, model.outputs, threads);
+      DescribeOutputs(model, settings);
+      return;
+    } catch (const Refusal& refusal) {
+      problems.emplace_back(refusal.what());
+    }
+  }
+  // Mostly they are the same.
+  problems.erase(std::unique(problems.begin(), problems.end()), problems.end());
+  Refuse(Joined(problems, "\n"));
 }
 
 // A tensor without structure: one row of bytes.
@@ -54,17 +89,15 @@ size_t PhysicalMemory() {
   return static_cast<size_t>(sysconf(_SC_PHYS_PAGES)) * static_cast<size_t>(sysconf(_SC_PAGESIZE));
 }
 
-Model LoadModel(const void* data, size_t size, const Settings& settings) {
+Model LoadModel(Bytes file, const Settings& settings) {
   Model model;
-  const std::vector<uint8_t> encoded = ReadOnnxFile(data, size, settings, model);
+  const std::vector<uint8_t> changed = ReadOnnxFile(file, settings, model);
   LayOutAll("input", model.inputs, settings.rowAlignment);
-  model.engine =
-      CreateEngine(encoded, model.inputs, model.outputs,
-                   settings.threads > 0 ? settings.threads : std::thread::hardware_concurrency());
-  if (!std::all_of(model.outputs.begin(), model.outputs.end(), IsKnown)) {
-    About("a run on zeros, to learn the shapes of its outputs, failed",
-          [&] { LearnShapes(model); });
+  std::vector<Bytes> files = {file};
+  if (!changed.empty()) {
+    files.insert(files.begin(), {changed.data(), changed.size()});
   }
+  CreateEngineOfEither(files, settings, model);
   LayOutAll("output", model.outputs, settings.rowAlignment);
   model.inputs.push_back(PlainBuffer("task_buffer", settings.taskBufferSize));
   model.inputs.push_back(PlainBuffer("work_buffer", settings.workBufferSize));

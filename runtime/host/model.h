@@ -35,19 +35,23 @@ constexpr int32_t kRecurrent = 2;
 /// Inputs that are no graph inputs: task buffer and work buffer.
 constexpr size_t kBuffersAfterInputs = 2;
 
-/// The model in the ONNX file of `size` bytes at `data`. Refuses what the engine cannot execute.
-Model LoadModel(const void* data, size_t size, const Settings& settings);
+/// Of a file in memory, which stays the caller's.
+struct Bytes {
+  const uint8_t* data;
+  size_t size;
+};
+
+/// The model in the ONNX file. Refuses what the engine cannot execute.
+Model LoadModel(Bytes file, const Settings& settings);
 
 /// Its first step fills in the inputs that are no initializers, the outputs' names, and the net
 /// type. Dimensions of inputs that the file leaves open come from `settings`; a first one counts as
-/// 1 otherwise. Returns the file with these numbers in it.
-std::vector<uint8_t> ReadOnnxFile(const void* data, size_t size, const Settings& settings,
-                                  Model& model);
+/// 1 otherwise. Returns the file with these numbers in it, or nothing when it is the same.
+std::vector<uint8_t> ReadOnnxFile(Bytes file, const Settings& settings, Model& model);
 
-/// The second builds the engine of the encoded model, which is not needed afterwards. The outputs'
-/// types are filled in, and their dimensions as far as the engine knows them.
-std::unique_ptr<Engine> CreateEngine(const std::vector<uint8_t>& encoded,
-                                     const std::vector<Tensor>& inputs,
+/// The second builds the engine of the file, which is not needed afterwards. The outputs' types are
+/// filled in, and their dimensions as far as the engine knows them.
+std::unique_ptr<Engine> CreateEngine(Bytes file, const std::vector<Tensor>& inputs,
                                      std::vector<Tensor>& outputs, size_t threads);
 
 /// Bytes of memory that the machine has.

@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <mutex>
+#include <utility>
 
 #include "runtime/host/diagnostics.h"
 #include "runtime/host/model.h"
@@ -80,12 +81,7 @@ void Log(void*, int, const char*, const char*, const char*, const char* message)
 
 std::string TakeProblems() {
   const std::lock_guard<std::mutex> lock(problemsMutex);
-  std::string text;
-  for (const std::string& problem : problems) {
-    text += (text.empty() ? "" : "\n") + problem;
-  }
-  problems.clear();
-  return text;
+  return Joined(std::exchange(problems, {}), "\n");
 }
 
 // Calls a function that can fail.
@@ -94,7 +90,7 @@ void Do(Function function, Arguments... arguments) {
   const Owner<kReleaseStatus> status(Call<void*>(function, arguments...));
   if (status != nullptr) {
     Keep(Call<const char*>(kGetErrorMessage, status.get()));
-    Refuse(kEngineFailed, TakeProblems());
+    Refuse(TakeProblems());
   }
 }
 
@@ -126,14 +122,12 @@ void* const* LoadFunctions() {
   void* library = OpenLibrary();
   void* getBase = library == nullptr ? nullptr : dlsym(library, "OrtGetApiBase");
   if (getBase == nullptr) {
-    Refuse(kBadModel, "there is no engine: ", dlerror());
+    Refuse("there is no engine: ", dlerror());  // which forgets what it has told
   }
   const ApiBase* base = reinterpret_cast<const ApiBase* (*)()>(getBase)();
   void* const* found = base->getApi(kInterfaceVersion);
-  if (found == nullptr) {
-    Refuse(kBadModel, "ONNX Runtime ", base->getVersion(), " is too old, 1.",
-           std::to_string(kInterfaceVersion), " or newer is needed");
-  }
+  Require(found != nullptr, "ONNX Runtime ", base->getVersion(), " is too old, 1.",
+          kInterfaceVersion, " or newer is needed");
   return found;
 }
 
@@ -160,15 +154,15 @@ std::vector<int64_t> ReadDims(void* info) {
 
 class OnnxEngine : public Engine {
  public:
-  OnnxEngine(const std::vector<uint8_t>& encoded, const std::vector<Tensor>& inputs,
-             std::vector<Tensor>& outputs, size_t threads)
+  OnnxEngine(Bytes file, const std::vector<Tensor>& inputs, std::vector<Tensor>& outputs,
+             size_t threads)
       : inputs_(inputs) {
     void* environment = Environment();
     const auto options = Make<kReleaseSessionOptions>(kCreateSessionOptions);
     Do(kSetIntraOpNumThreads, options.get(), static_cast<int>(threads));
     TakeProblems();  // what was said of the machine's devices
-    session_ = Make<kReleaseSession>(kCreateSessionFromArray, environment, encoded.data(),
-                                     encoded.size(), options.get());
+    session_ = Make<kReleaseSession>(kCreateSessionFromArray, environment, file.data, file.size,
+                                     options.get());
     memory_ = Make<kReleaseMemoryInfo>(kCreateCpuMemoryInfo, 0, 0);
     for (size_t i = 0; i < outputs.size(); ++i) {
       DescribeOutput(i, outputs[i]);
@@ -215,9 +209,8 @@ class OnnxEngine : public Engine {
       output.dims = ReadDims(info);
     }
     output.type = FindElementType(elementType);
-    if (output.type == nullptr) {
-      Refuse(kBadModel, "output", Quoted(output.name), " is of a type that has no code");
-    }
+    Require(output.type != nullptr, "output", Quoted(output.name),
+            " is of a type that has no code");
   }
 
   static Array CopyResult(void* result, size_t elementBytes) {
@@ -241,8 +234,7 @@ class OnnxEngine : public Engine {
 
 }  // namespace
 
-std::unique_ptr<Engine> CreateEngine(const std::vector<uint8_t>& encoded,
-                                     const std::vector<Tensor>& inputs,
+std::unique_ptr<Engine> CreateEngine(Bytes file, const std::vector<Tensor>& inputs,
                                      std::vector<Tensor>& outputs, size_t threads) {
   // The engine's threads inherit that all signals are blocked: they are the tool's to receive.
   sigset_t before;
@@ -251,7 +243,7 @@ std::unique_ptr<Engine> CreateEngine(const std::vector<uint8_t>& encoded,
   pthread_sigmask(SIG_BLOCK, &all, &before);
   const auto unblock = [](sigset_t* mask) { pthread_sigmask(SIG_SETMASK, mask, nullptr); };
   const std::unique_ptr<sigset_t, decltype(unblock)> blocked(&before, unblock);
-  return std::make_unique<OnnxEngine>(encoded, inputs, outputs, threads);
+  return std::make_unique<OnnxEngine>(file, inputs, outputs, threads);
 }
 
 }  // namespace quilm_host

@@ -23,8 +23,9 @@ struct ModelProtoDeleter {
 
 constexpr int64_t kOpen = -1;
 
+// Names that a file leaves out.
 std::string Text(const char* text) {
-  return text == nullptr ? "" : text;
+  return text == nullptr ? protobuf_c_empty_string : text;
 }
 
 // The tensor type of an input or output. Others are refused by the names of ONNX's schema.
@@ -35,160 +36,144 @@ const Onnx__TypeProto__Tensor& TensorType(const Onnx__TypeProto* type) {
     const ProtobufCFieldDescriptor& field = onnx__type_proto__descriptor.fields[i];
     name = field.id == static_cast<uint32_t>(kind) ? field.name : name;
   }
-  if (kind != ONNX__TYPE_PROTO__VALUE_TENSOR_TYPE) {
-    Refuse(kBadModel, "it is a ", name, ", only tensors can be inputs and outputs");
-  }
+  Require(kind == ONNX__TYPE_PROTO__VALUE_TENSOR_TYPE, "it is a ", name,
+          ", only tensors can be inputs and outputs");
   const int32_t elementType = type->tensor_type->elem_type;
   const ProtobufCEnumDescriptor& types = onnx__tensor_proto__data_type__descriptor;
   for (unsigned i = 0; i < types.n_values; ++i) {
     name = types.values[i].value == elementType ? types.values[i].name : name;
   }
-  if (FindElementType(elementType) == nullptr) {
-    Refuse(kBadModel, "element type ", name, " has no code");
-  }
+  Require(FindElementType(elementType) != nullptr, "element type ", name, " has no code");
   return *type->tensor_type;
 }
 
-// An input of the graph with the shape that the file gives it.
-struct Input {
-  Tensor& tensor;
-  Onnx__TensorShapeProto& shape;
-
-  std::string Symbol(size_t index) const {
-    const Dimension& dim = *shape.dim[index];
-    return dim.value_case == ONNX__TENSOR_SHAPE_PROTO__DIMENSION__VALUE_DIM_PARAM ? dim.dim_param
-                                                                                  : "";
-  }
-  int64_t Number(size_t index) const {
-    const Dimension& dim = *shape.dim[index];
-    const bool isNumber = dim.value_case == ONNX__TENSOR_SHAPE_PROTO__DIMENSION__VALUE_DIM_VALUE;
-    return isNumber && dim.dim_value >= 0 ? dim.dim_value : kOpen;
-  }
-};
-
-void TakeGiven(const std::vector<int64_t>& given, std::vector<int64_t>& dims) {
-  const auto fits = [](int64_t own, int64_t number) { return own == kOpen || own == number; };
-  if (!std::equal(dims.begin(), dims.end(), given.begin(), given.end(), fits)) {
-    Refuse(kBadModel, "\"input_shapes\" has ", ShapeText(given), ", the model ", ShapeText(dims),
-           ", where -1 may be any number");
-  }
-  dims = given;
+int64_t NumberOf(const Dimension& dim) {
+  const bool isNumber = dim.value_case == ONNX__TENSOR_SHAPE_PROTO__DIMENSION__VALUE_DIM_VALUE;
+  return isNumber && dim.dim_value >= 0 ? dim.dim_value : kOpen;
 }
+
+// A dimension of an input, in the file and as the model has it.
+struct Dim {
+  Dimension& inFile;
+  int64_t& number;
+  bool isFirst;
+
+  bool HasSymbol() const {
+    return inFile.value_case == ONNX__TENSOR_SHAPE_PROTO__DIMENSION__VALUE_DIM_PARAM;
+  }
+  std::string Symbol() const { return HasSymbol() ? inFile.dim_param : protobuf_c_empty_string; }
+};
 
 // Open dimensions of the same name are the same number. First those that are given count, then the
 // first dimensions that stand for a batch.
-void InferFromNames(const std::vector<Input>& inputs) {
+void InferFromNames(const std::vector<Dim>& dims) {
   std::map<std::string, int64_t> numbers;
   for (const bool firstIsOne : {false, true, false}) {
-    for (const Input& input : inputs) {
-      for (size_t i = 0; i < input.tensor.dims.size(); ++i) {
-        int64_t& dim = input.tensor.dims[i];
-        const std::string symbol = input.Symbol(i);
-        const auto known = numbers.find(symbol);
-        if (dim == kOpen) {
-          dim = known != numbers.end() ? known->second : firstIsOne && i == 0 ? 1 : kOpen;
-        }
-        if (dim != kOpen && !symbol.empty()) {
-          numbers.emplace(symbol, dim);
-        }
+    for (const Dim& dim : dims) {
+      const auto known = numbers.find(dim.Symbol());
+      if (dim.number == kOpen) {
+        dim.number = known != numbers.end() ? known->second : firstIsOne && dim.isFirst ? 1 : kOpen;
+      }
+      if (dim.number != kOpen && !dim.Symbol().empty()) {
+        numbers.emplace(dim.Symbol(), dim.number);
       }
     }
   }
 }
 
-// The entry that the settings file lacks, with the model's names for the missing numbers; empty
-// when there is none missing.
-std::string MissingEntry(const Input& input) {
-  const std::vector<int64_t>& dims = input.tensor.dims;
-  std::string entry;
-  for (size_t i = 0; i < dims.size(); ++i) {
-    const std::string symbol = input.Symbol(i).empty() ? "?" : input.Symbol(i);
-    entry += (i == 0 ? "" : ", ") + (dims[i] == kOpen ? symbol : std::to_string(dims[i]));
-  }
-  const bool isMissing = std::find(dims.begin(), dims.end(), kOpen) != dims.end();
-  return isMissing ? "\"" + input.tensor.name + "\": [" + entry + "]" : "";
-}
-
 // Whether a batch can be the first dimension: of all inputs, and of nothing else.
-bool CanBatchAsOne(const std::vector<Input>& inputs) {
+bool CanBatchAsOne(const std::vector<Tensor>& inputs, const std::vector<Dim>& dims) {
   std::set<std::string> others;
-  for (const Input& input : inputs) {
-    for (size_t i = 1; i < input.tensor.dims.size(); ++i) {
-      others.insert(input.Symbol(i));
-    }
+  for (const Dim& dim : dims) {
+    others.insert(dim.isFirst ? "" : dim.Symbol());
   }
-  others.erase("");
-  return std::all_of(inputs.begin(), inputs.end(), [&](const Input& input) {
-    return !input.tensor.dims.empty() && input.Number(0) == kOpen && input.tensor.dims[0] == 1 &&
-           others.count(input.Symbol(0)) == 0;
-  });
+  const auto isBatch = [&](const Dim& dim) {
+    return NumberOf(dim.inFile) == kOpen && dim.number == 1 &&
+           (dim.Symbol().empty() || others.count(dim.Symbol()) == 0);
+  };
+  return std::none_of(inputs.begin(), inputs.end(),
+                      [](auto& input) { return input.dims.empty(); }) &&
+         std::all_of(dims.begin(), dims.end(),
+                     [&](auto& dim) { return !dim.isFirst || isBatch(dim); });
 }
 
-void WriteDims(const Input& input, bool leaveFirstOpen) {
-  for (size_t i = leaveFirstOpen ? 1 : 0; i < input.tensor.dims.size(); ++i) {
-    Dimension& dim = *input.shape.dim[i];
-    if (dim.value_case == ONNX__TENSOR_SHAPE_PROTO__DIMENSION__VALUE_DIM_PARAM) {
-      std::free(dim.dim_param);
+// The entries that the settings file lacks, with the model's names for the missing numbers.
+std::string MissingEntries(const std::vector<Tensor>& inputs, const std::vector<Dim>& dims) {
+  std::vector<std::string> entries;
+  auto dim = dims.begin();
+  for (const Tensor& input : inputs) {
+    std::vector<std::string> shape;
+    for (const int64_t number : input.dims) {
+      const std::string symbol = (dim++)->Symbol();
+      shape.push_back(number != kOpen ? std::to_string(number) : symbol.empty() ? "?" : symbol);
     }
-    dim.value_case = ONNX__TENSOR_SHAPE_PROTO__DIMENSION__VALUE_DIM_VALUE;
-    dim.dim_value = input.tensor.dims[i];
+    if (input.IsOpen()) {
+      entries.push_back("\"" + input.name + "\": [" + Joined(shape) + "]");
+    }
   }
+  return Joined(entries);
 }
 
-void ResolveShapes(const std::vector<Input>& inputs, const Settings& settings, Model& model) {
-  for (const auto& [name, given] : settings.inputShapes) {
-    const auto input =
-        std::find_if(inputs.begin(), inputs.end(),
-                     [&, &wanted = name](const Input& i) { return i.tensor.name == wanted; });
-    if (input == inputs.end()) {
-      Refuse(kBadModel, "it has no input", Quoted(name), " as \"input_shapes\" has");
+// Returns whether the file left any of them open.
+bool WriteDims(const std::vector<Dim>& dims, bool leaveFirstOpen) {
+  bool isChanged = false;
+  for (const Dim& dim : dims) {
+    if (NumberOf(dim.inFile) == kOpen && !(leaveFirstOpen && dim.isFirst)) {
+      if (dim.HasSymbol()) {
+        std::free(dim.inFile.dim_param);
+      }
+      dim.inFile.value_case = ONNX__TENSOR_SHAPE_PROTO__DIMENSION__VALUE_DIM_VALUE;
+      dim.inFile.dim_value = dim.number;
+      isChanged = true;
     }
-    About("input" + Quoted(name), [&, &shape = given] { TakeGiven(shape, input->tensor.dims); });
   }
-  InferFromNames(inputs);
-  model.batchesAsOne = CanBatchAsOne(inputs) && model.netType != kRecurrent;
-  std::string missing;
-  for (const Input& input : inputs) {
-    const std::string entry = MissingEntry(input);
-    missing += (missing.empty() || entry.empty() ? "" : ", ") + entry;
-    WriteDims(input, model.batchesAsOne);
-  }
-  if (!missing.empty()) {
-    Refuse(kBadModel, "it leaves shapes open: write \"input_shapes\": {", missing,
-           "}, with numbers for names, into the settings file");
-  }
+  return isChanged;
 }
 
-// Inputs whose numbers stand in the file as initializers are none of the model's.
-void ReadInputs(const Onnx__GraphProto& graph, const Settings& settings, Model& model) {
+// Of all that are no initializers, whose numbers stand in the file.
+std::vector<const Onnx__ValueInfoProto*> FindInputs(const Onnx__GraphProto& graph) {
   std::set<std::string> initializers;
   for (size_t i = 0; i < graph.n_initializer; ++i) {
     const std::string name = Text(graph.initializer[i]->name);
     initializers.insert(name);
-    if (graph.initializer[i]->data_location == ONNX__TENSOR_PROTO__DATA_LOCATION__EXTERNAL) {
-      Refuse(kBadModel, "initializer", Quoted(name), " lies in another file; models are one file");
-    }
+    Require(graph.initializer[i]->data_location != ONNX__TENSOR_PROTO__DATA_LOCATION__EXTERNAL,
+            "initializer", Quoted(name), " lies in another file; models are one file");
   }
-  std::vector<Input> inputs;
-  model.inputs.reserve(graph.n_input);  // for the references to them
-  for (size_t i = 0; i < graph.n_input; ++i) {
-    const std::string name = Text(graph.input[i]->name);
-    if (initializers.count(name) != 0) {
-      continue;
-    }
-    About("input" + Quoted(name), [&] {
-      const Onnx__TypeProto__Tensor& type = TensorType(graph.input[i]->type);
-      if (type.shape == nullptr) {
-        Refuse(kBadModel, "it does not even have a number of dimensions");
+  std::vector<const Onnx__ValueInfoProto*> inputs;
+  std::copy_if(graph.input, graph.input + graph.n_input, std::back_inserter(inputs),
+               [&](auto* input) { return initializers.count(Text(input->name)) == 0; });
+  return inputs;
+}
+
+// Returns whether dimensions that the file leaves open have become numbers in it.
+bool ReadInputs(const Onnx__GraphProto& graph, const Settings& settings, Model& model) {
+  const std::vector<const Onnx__ValueInfoProto*> inFile = FindInputs(graph);
+  for (const Onnx__ValueInfoProto* value : inFile) {
+    Tensor& input = model.inputs.emplace_back();
+    input.name = Text(value->name);
+    About("input" + Quoted(input.name), [&] {
+      const Onnx__TypeProto__Tensor& type = TensorType(value->type);
+      Require(type.shape != nullptr, "it does not even have a number of dimensions");
+      input.type = FindElementType(type.elem_type);
+      for (size_t i = 0; i < type.shape->n_dim; ++i) {
+        input.dims.push_back(NumberOf(*type.shape->dim[i]));
       }
-      model.inputs.push_back({name, FindElementType(type.elem_type), {}, 0, 0});
-      inputs.push_back({model.inputs.back(), *type.shape});
     });
-    for (size_t dim = 0; dim < inputs.back().shape.n_dim; ++dim) {
-      model.inputs.back().dims.push_back(inputs.back().Number(dim));
+  }
+  TakeShapes("input", settings.inputShapes, model.inputs);
+  std::vector<Dim> dims;
+  for (size_t i = 0; i < inFile.size(); ++i) {
+    for (size_t j = 0; j < model.inputs[i].dims.size(); ++j) {
+      Dimension& dim = *inFile[i]->type->tensor_type->shape->dim[j];
+      dims.push_back({dim, model.inputs[i].dims[j], j == 0});
     }
   }
-  ResolveShapes(inputs, settings, model);
+  InferFromNames(dims);
+  const std::string missing = MissingEntries(model.inputs, dims);
+  Require(missing.empty(), "it leaves shapes open: write \"input_shapes\": {", missing,
+          "}, with numbers for names, into the settings file");
+  model.batchesAsOne = CanBatchAsOne(model.inputs, dims) && model.netType != kRecurrent;
+  return WriteDims(dims, model.batchesAsOne);
 }
 
 void ReadOutputs(const Onnx__GraphProto& graph, Model& model) {
@@ -199,9 +184,7 @@ void ReadOutputs(const Onnx__GraphProto& graph, Model& model) {
             [&] { TensorType(graph.output[i]->type); });
     }
   }
-  if (model.outputs.empty()) {
-    Refuse(kBadModel, "it has no outputs");
-  }
+  Require(!model.outputs.empty(), "it has no outputs");
 }
 
 int32_t ReadNetType(const Onnx__ModelProto& proto) {
@@ -209,22 +192,11 @@ int32_t ReadNetType(const Onnx__ModelProto& proto) {
   for (size_t i = 0; i < proto.n_metadata_props; ++i) {
     const std::string value = Text(proto.metadata_props[i]->value);
     const char* end = value.data() + value.size();
-    if (Text(proto.metadata_props[i]->key) == "quilm.net_type" &&
-        std::from_chars(value.data(), end, netType).ptr != end) {
-      Refuse(kBadModel, "quilm.net_type", Quoted(value), " is not a number");
-    }
+    Require(Text(proto.metadata_props[i]->key) != "quilm.net_type" ||
+                std::from_chars(value.data(), end, netType).ptr == end,
+            "quilm.net_type", Quoted(value), " is not a number");
   }
   return netType;
-}
-
-void CheckNetType(const Model& model) {
-  const std::vector<Tensor>& inputs = model.inputs;
-  if (model.netType == kRecurrent &&
-      (inputs.size() < 2 || inputs[0].dims.empty() || inputs[1].dims.empty() ||
-       inputs[0].dims.front() != inputs[1].dims.back())) {
-    Refuse(kBadModel, "a recurrent model's input 0 has as many frames, its first dimension, as ",
-           "input 1 has marks, its last");
-  }
 }
 
 // Memory for the decoder, which calls itself for each message in a message. It gets none any more
@@ -237,22 +209,27 @@ void* AllocateForDecoder(void* outermost, size_t size) {
 
 }  // namespace
 
-std::vector<uint8_t> ReadOnnxFile(const void* data, size_t size, const Settings& settings,
-                                  Model& model) {
+std::vector<uint8_t> ReadOnnxFile(Bytes file, const Settings& settings, Model& model) {
   ProtobufCAllocator allocator = {AllocateForDecoder,
                                   [](void*, void* memory) { std::free(memory); },
                                   __builtin_frame_address(0)};
   const std::unique_ptr<Onnx__ModelProto, ModelProtoDeleter> proto(
-      onnx__model_proto__unpack(&allocator, size, static_cast<const uint8_t*>(data)));
-  if (proto == nullptr || proto->graph == nullptr || proto->graph->n_node == 0) {
-    Refuse(kBadModel, "it is not an ONNX file");
-  }
+      onnx__model_proto__unpack(&allocator, file.size, file.data));
+  Require(proto != nullptr && proto->graph != nullptr && proto->graph->n_node > 0,
+          "it is not an ONNX file");
   model.netType = ReadNetType(*proto);
-  ReadInputs(*proto->graph, settings, model);
+  const bool isChanged = ReadInputs(*proto->graph, settings, model);
   ReadOutputs(*proto->graph, model);
-  CheckNetType(model);
-  std::vector<uint8_t> encoded(onnx__model_proto__get_packed_size(proto.get()));
-  onnx__model_proto__pack(proto.get(), encoded.data());
+  const std::vector<Tensor>& inputs = model.inputs;
+  Require(model.netType != kRecurrent ||
+              (inputs.size() > 1 && !inputs[0].dims.empty() && !inputs[1].dims.empty() &&
+               inputs[0].dims.front() == inputs[1].dims.back()),
+          "a recurrent model's input 0 has as many frames, its first dimension, as input 1 has ",
+          "marks, its last");
+  std::vector<uint8_t> encoded(isChanged ? onnx__model_proto__get_packed_size(proto.get()) : 0);
+  if (isChanged) {
+    onnx__model_proto__pack(proto.get(), encoded.data());
+  }
   return encoded;
 }
 

@@ -3,11 +3,7 @@
 #ifndef QUILMRUN_RUNTIME_HOST_SETTINGS_H_
 #define QUILMRUN_RUNTIME_HOST_SETTINGS_H_
 
-#include <cstddef>
-#include <cstdint>
-#include <map>
-#include <string>
-#include <vector>
+#include "runtime/host/tensor.h"
 
 namespace quilm_host {
 
@@ -22,11 +18,12 @@ struct Settings {
   size_t rowAlignment = 32;      // bytes that strides are rounded up to
   size_t taskBufferSize = 1024;  // bytes
   size_t workBufferSize = 4096;  // bytes
-  uint32_t runMode = 0;          // what quilm_rt_get_run_mode() reports
+  size_t runMode = 0;            // what quilm_rt_get_run_mode() reports
   size_t threads = 0;            // of the engine; 0: as many as the machine has cores
   bool trace = false;            // every call is named on standard error
   std::vector<Fault> faults;
-  std::map<std::string, std::vector<int64_t>> inputShapes;  // of inputs that the model leaves open
+  Shapes inputShapes;   // of inputs that the model leaves open
+  Shapes outputShapes;  // of outputs that neither the engine nor a run on zeros tells
 };
 
 /// Reads the file at `path`. Refuses one that is unreadable or no JSON, an unknown key, a value of

@@ -39,6 +39,12 @@ namespace quilm_host {
 /// The interface function being executed, for explanations.
 extern const char* currentCall;
 
+/// Refuses it by its name, unless `right`.
+template <typename... Parts>
+void RequireOfCaller(bool right, const Parts&... parts) {
+  Require(right, currentCall, ": ", parts...);
+}
+
 /// Objects that callers know by a handle. Handles are checked, so that a stale one is an error and
 /// not a crash.
 template <typename Handle, typename Object>
@@ -59,16 +65,13 @@ class HandleTable {
 
   const std::shared_ptr<Object>& Find(Handle handle) const {
     const auto found = objects_.find(handle);
-    if (found == objects_.end()) {
-      Refuse(kUnknownHandle, currentCall, ": ", kind_, " does not exist (any more)");
-    }
+    RequireOfCaller(found != objects_.end(), kind_, " does not exist (any more)");
     return found->second;
   }
 
-  quilm_error Remove(Handle handle) {
+  void Remove(Handle handle) {
     Find(handle);
     objects_.erase(handle);
-    return kOk;
   }
 
   void ReportAndClear() {

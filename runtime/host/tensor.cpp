@@ -71,34 +71,43 @@ size_t DataTypeBits(int32_t code) {
 }
 
 std::string ShapeText(const std::vector<int64_t>& dims) {
-  std::string text;
-  for (const int64_t dim : dims) {
-    text += (text.empty() ? "" : ", ") + std::to_string(dim);
+  return "[" + Joined(dims) + "]";
+}
+
+void TakeShapes(const std::string& kind, const Shapes& given, std::vector<Tensor>& tensors) {
+  const auto fits = [](int64_t own, int64_t number) { return own == -1 || own == number; };
+  for (const auto& [name, shape] : given) {
+    const auto tensor =
+        std::find_if(tensors.begin(), tensors.end(),
+                     [&wanted = name](const Tensor& t) { return t.name == wanted; });
+    Require(tensor != tensors.end(), "it has no ", kind, Quoted(name), " as \"", kind,
+            "_shapes\" has");
+    const std::vector<int64_t>& dims = tensor->dims;
+    // The engine tells a shape of any number of dimensions like that of a scalar.
+    Require((kind == "output" && dims.empty()) ||
+                std::equal(dims.begin(), dims.end(), shape.begin(), shape.end(), fits),
+            kind, Quoted(name), ": \"", kind, "_shapes\" has ", ShapeText(shape), ", the model ",
+            ShapeText(dims), ", where -1 may be any number");
+    tensor->dims = shape;
   }
-  return "[" + text + "]";
 }
 
 void LayOut(Tensor& tensor, size_t rowAlignment) {
   constexpr int64_t kMaxSize = INT32_MAX;
-  if (tensor.name.size() >= QUILM_MAX_NAME_LEN || tensor.dims.size() > QUILM_MAX_DIM_COUNT) {
-    Refuse(kBadModel, "its name is longer than 127 bytes, or it has more than 128 dimensions");
-  }
+  Require(tensor.name.size() < QUILM_MAX_NAME_LEN && tensor.dims.size() <= QUILM_MAX_DIM_COUNT,
+          "its name is longer than 127 bytes, or it has more than 128 dimensions");
   size_t elements = 1;
   for (const int64_t dim : tensor.dims) {
     elements *= static_cast<size_t>(std::clamp<int64_t>(dim, 0, kMaxSize));
-    if (elements == 0 || elements > kMaxSize) {
-      Refuse(kBadModel, "with shape ", ShapeText(tensor.dims), " it is empty or too large");
-    }
+    Require(elements > 0 && elements <= kMaxSize, "with shape ", ShapeText(tensor.dims),
+            " it is empty or too large");
   }
   const size_t rowBytes = tensor.RowElements() * tensor.type->deviceBytes;
   tensor.stride = (rowBytes + rowAlignment - 1) / rowAlignment * rowAlignment;
   tensor.size = elements / tensor.RowElements() * tensor.stride;
-  if (tensor.stride % tensor.type->deviceBytes != 0) {
-    Refuse(kBadModel, "its elements do not fit a row_alignment of ", std::to_string(rowAlignment));
-  }
-  if (tensor.size > kMaxSize) {
-    Refuse(kBadModel, "it takes more than 2147483647 bytes");
-  }
+  Require(tensor.stride % tensor.type->deviceBytes == 0,
+          "its elements do not fit a row_alignment of ", rowAlignment);
+  Require(tensor.size <= kMaxSize, "it takes more than 2147483647 bytes");
 }
 
 Array TakeFromDevice(const Tensor& tensor, const unsigned char* device, size_t batches) {

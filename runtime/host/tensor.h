@@ -3,8 +3,10 @@
 #ifndef QUILMRUN_RUNTIME_HOST_TENSOR_H_
 #define QUILMRUN_RUNTIME_HOST_TENSOR_H_
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -38,7 +40,9 @@ struct Tensor {
   std::vector<int64_t> dims;  // outermost first; -1 for one that is not known yet
   size_t stride = 0;          // bytes
   size_t size = 0;            // bytes of one batch, row padding included
+  int32_t format = 0;         // the interface's code for the order of the dimensions: as given
 
+  bool IsOpen() const { return std::count(dims.begin(), dims.end(), -1) > 0; }
   size_t RowElements() const { return dims.empty() ? 1 : static_cast<size_t>(dims.back()); }
   size_t Elements() const { return size / stride * RowElements(); }
 };
@@ -50,6 +54,13 @@ struct Array {
 };
 
 std::string ShapeText(const std::vector<int64_t>& dims);
+
+/// Shapes of inputs or outputs, by name.
+using Shapes = std::map<std::string, std::vector<int64_t>>;
+
+/// Takes over the shapes that the settings file gives under the key "`kind`_shapes". Refuses names
+/// that no tensor has, and shapes that contradict the known ones.
+void TakeShapes(const std::string& kind, const Shapes& given, std::vector<Tensor>& tensors);
 
 /// Sets stride and size from type and dimensions: rows rounded up to `rowAlignment` bytes. Refuses
 /// what cannot be laid out.
