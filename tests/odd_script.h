@@ -1,25 +1,24 @@
 // What the odd runtime is told to do differently from the host runtime. quilm_init() reads its
 // script from the file it is given:
 //
-//   log FILE                                     record calls here, with their numbers
-//   settings FILE                                of the host runtime; without it, all as usual
-//   input NAME TYPE SIZE STRIDE DIM...           describe a model of these inputs and outputs
-//   instead output NAME TYPE SIZE STRIDE DIM...          of the one that is loaded; NAME "-" is
-//   null,
-//                                                "." empty, "*" 128 letters without a NUL
-//   dim_count N                                  claim N dimensions for every tensor
+//   log FILE                      record calls here, with their numbers
+//   settings FILE                 of the host runtime; without it, all as usual
+//   input NAME TYPE SIZE STRIDE DIM...
+//   output NAME TYPE SIZE STRIDE DIM...
+//                                 describe a model of these instead of the one that is loaded;
+//                                 NAME "-" is null, "." empty, "*" 128 letters without a NUL
+//   dim_count N                   claim N dimensions for every tensor
 //   net_type N, run_mode N, reported_size N
 //
 // and what happens at the N-th call of FUNCTION, or with 0 at every other one, several at once if
 // need be, in this order:
 //
-//   run FUNCTION N COMMAND                       a shell command is run
-//   locale FUNCTION N NAME                       the process gets this locale
-//   signal FUNCTION N NUMBER                     a signal interrupts the call
-//   kill FUNCTION N NUMBER                       ... two, as if another process had sent them
-//   throw FUNCTION N TYPE                        an exception leaves the call: an "int", or an
-//   "error" fail FUNCTION N CODE                         the call returns CODE (0: null) and does
-//   nothing
+//   run FUNCTION N COMMAND        a shell command is run
+//   locale FUNCTION N NAME        the process gets this locale
+//   signal FUNCTION N NUMBER      a signal interrupts the call
+//   kill FUNCTION N NUMBER        ... two, as if another process had sent them
+//   throw FUNCTION N TYPE         an exception leaves the call: an "int", or an "error"
+//   fail FUNCTION N CODE          the call returns CODE (0: null) and does nothing
 #ifndef QUILMRUN_TESTS_ODD_SCRIPT_H_
 #define QUILMRUN_TESTS_ODD_SCRIPT_H_
 

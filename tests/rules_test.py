@@ -1,6 +1,7 @@
 """Rules of a run that show in what it prints last, in its status or in its files."""
 
 import os
+import re
 import unittest
 import unittest.mock
 
@@ -71,7 +72,11 @@ class Rules(OddRuntimeTest):
              "[ERROR] only support single or multi class\n" + NOT_DONE),
             (1, RPN.format("4 -4"), ("-r", "rpn"),
              "[INFO]  input rpn data height[4] * width[0]\n"
-             "[ERROR] [multi thr]: detPara.size 4 should be 0\n" + NOT_DONE)]
+             "[ERROR] [multi thr]: detPara.size 4 should be 0\n" + NOT_DONE),
+            # The fifth time is when task and work buffer are added; two inputs are these alone.
+            (1, "fail quilm_mdl_get_num_inputs 5 2\n" + PLAIN, (), "batchsize to 1\n"
+             "[ERROR] input dataset Num is error.\n[ERROR] CreateTaskBufAndWorkBuf failed\n" +
+             FAILURE)]
         for status, script, options, tail in rows:
             with self.subTest(tail=tail):
                 self.check(status, tail, script, *options)
@@ -81,6 +86,20 @@ class Rules(OddRuntimeTest):
         two_inputs = PLAIN.replace("input task", "input z 4 16 8 2 4\ninput task")
         self.check(0, SUCCESS, two_inputs, list_text="x.bin\nx.bin\nmissing\n")
         self.assertEqual(self.calls().count("quilm_mdl_execute"), 1)
+
+    def test_the_model_releases_the_inputs_of_a_failed_group_before_its_outputs(self):
+        self.check(1, "[ERROR] Set batch size failed\n" + FAILURE,
+                   "fail quilm_mdl_set_dynamic_batch_size 1 5\n" + PLAIN + "output z 0 8 8 2\n")
+        entry = "quilm_rt_free\nquilm_destroy_data_buffer\n"
+        self.assertIn("quilm_mdl_destroy_desc\nquilm_rt_free\n" + entry +
+                      "quilm_mdl_destroy_dataset\n" + 2 * entry + "quilm_mdl_destroy_dataset\n",
+                      re.sub(r"quilm_(mdl_get_dataset|get_data).*\n", "", self.calls()))
+
+    def test_the_report_has_the_time_of_the_last_group(self):
+        self.check(0, SUCCESS, "run quilm_mdl_execute 1 sleep 0.5\n" + PLAIN,
+                   list_text="x.bin\nx.bin\n")
+        values = (self.dir / "memory_data.csv").read_text().splitlines()[1].split(",")
+        self.assertLess(float(values[2]), 500)
 
     def test_a_model_file_that_disappears_while_it_is_loaded(self):
         self.check(1, f"[ERROR] open file $D/m.om failed\n{NO_MEDIA_MEMORY}"
