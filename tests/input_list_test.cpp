@@ -90,6 +90,8 @@ TEST(GroupInputsByName, SortsWithinBlocksOrLeavesTheListAlone) {
       {{"x", "y"}, {"x:a", "z:b"}, {"x:a", "z:b"}},
       {{"x", "y"}, {"y:b", "X:a"}, {"y:b", "X:a"}},
       {{"x", "x"}, {"x:a", "x:a"}, {"a", "a"}},
+      // Of a name that occurs twice the later position counts.
+      {{"x", "y", "x"}, {"x:a", "y:b", "y:b"}, {"b", "b", "a"}},
       // A model with an RPN input "r": entries are sorted in pairs and then used one by one.
       {{"x", "r"}, {"r:b", "x:a"}, {"a", "b"}},
   };
