@@ -73,8 +73,8 @@ ResultOf<kId> Handle(Call<kId> call, Arguments... arguments) {
   return result;
 }
 
-[[noreturn]] void GiveUp(const char* problem) {
-  std::fprintf(stderr, "quilmrun-record: %s\n", problem);
+[[noreturn]] void GiveUp(const char* problem, const char* path = "") {
+  std::fprintf(stderr, "quilmrun-record: %s%s%s\n", path, path[0] != '\0' ? ": " : "", problem);
   constexpr int kMisuse = 2;
   _exit(kMisuse);
 }
@@ -89,8 +89,7 @@ __attribute__((constructor)) void Start() {
   const char* path = std::getenv("QUILMRUN_RECORD_CALLS");
   const char* problem = path == nullptr ? nullptr : recording.Open(path, library);
   if (problem != nullptr) {
-    std::fprintf(stderr, "quilmrun-record: %s: ", path);
-    GiveUp(problem);
+    GiveUp(problem, path);
   }
 }
 

@@ -108,8 +108,10 @@ void* OpenLibrary() {
   Dl_info self{};
   dladdr(&functions, &self);
   const auto folder = std::filesystem::path(self.dli_fname).parent_path() / "quilmrun-engine";
-  void* library = dlopen((folder / kName).c_str(), RTLD_NOW | RTLD_LOCAL);
-  return library != nullptr ? library : dlopen(kName, RTLD_NOW | RTLD_LOCAL);
+  const std::filesystem::path beside = folder / kName;
+  std::error_code ignored;
+  const bool isThere = std::filesystem::exists(beside, ignored);
+  return dlopen(isThere ? beside.c_str() : kName, RTLD_NOW | RTLD_LOCAL);
 }
 
 void* const* LoadFunctions() {
@@ -122,7 +124,11 @@ void* const* LoadFunctions() {
   void* library = OpenLibrary();
   void* getBase = library == nullptr ? nullptr : dlsym(library, "OrtGetApiBase");
   if (getBase == nullptr) {
-    Refuse("there is no engine: ", dlerror());  // which forgets what it has told
+    const char* problem = dlerror();  // which forgets what it has told
+    Refuse(
+        "there is no engine, which scripts/fetch-engine or the package quilmrun-host-runtime "
+        "brings: ",
+        problem);
   }
   const ApiBase* base = reinterpret_cast<const ApiBase* (*)()>(getBase)();
   void* const* found = base->getApi(kInterfaceVersion);
