@@ -47,6 +47,10 @@ class Pictures(InputsTest):
         one = self.picture("one.png", [[RED]])
         # Shown turned to the right by a quarter: the first row becomes the last column.
         turned = self.picture("turned.png", [[RED, GREEN]], exif=self.turned_right())
+        tiff = self.picture("turned.tif", [[RED, GREEN]], exif=self.turned_right())
+        pages = self.picture("pages.tif", [[RED, GREEN]], save_all=True,
+                             append_images=[Image.new("RGB", (2, 1))])
+        broken = self.picture("broken.png", [[GREY]], exif=b"Exif\0\0damaged data")
         planes = [255, 0, 0, 100, 0, 255, 0, 100, 0, 0, 255, 100]
         rows = [
             (colours, [1, 3, 2, 2], FLOAT, (), planes),
@@ -72,7 +76,10 @@ class Pictures(InputsTest):
             (one, [1, 3, 1, 3], UINT8, ("--size", "pad", "--color", "bgr", "--fill", "1,2,3"),
              [1, 0, 1, 2, 0, 2, 3, 255, 3]),
             (one, [1, 3, 1, 2], UINT8, ("--size", "stretch"), [255, 255, 0, 0, 0, 0]),
-            (turned, [1, 2, 1, 3], UINT8, (), [*RED, *GREEN])]
+            (turned, [1, 2, 1, 3], UINT8, (), [*RED, *GREEN]),
+            (tiff, [1, 2, 1, 3], UINT8, (), [*RED, *GREEN]),
+            (pages, [1, 3, 1, 2], UINT8, (), [255, 0, 0, 255, 0, 0]),
+            (broken, [1, 1, 1, 1], UINT8, (), [100])]
         for name, shape, element_type, options, expected in rows:
             with self.subTest(name=name, shape=shape, options=options):
                 self.assertEqual(self.prepare(shape, element_type, *options, name), [expected])
@@ -106,16 +113,18 @@ class Pictures(InputsTest):
         whole = (self.dir / "photos/b.png").read_bytes()
         self.write("photos/a.png", whole[:45])
         self.write("photos/c.jpg", "no picture")
+        Image.fromarray(np.ones((1, 1), np.float32)).save(self.dir / "photos/d.tif")
         self.write("log.txt", log_text([self.model_log([1, 3, 1, 1], UINT8)]))
         command = "--model-log", "log.txt", "-o", "p", "photos"
         status, out, errors = self.run_companion(*command)
         self.assertEqual((status, out), (2, ""))
-        for text in ("photos/a.png: damaged, cut short", "photos/c.jpg: no picture", "2 unreadable"):
+        for text in ("photos/a.png: damaged, cut short", "photos/c.jpg: no picture",
+                     "photos/d.tif: its pixels are floating", "3 unreadable"):
             self.assertIn(text, errors)
         self.assertFalse((self.dir / "p").exists())
         status, out, _ = self.run_companion(*command, "--skip-unreadable")
         self.assertEqual(status, 0)
-        self.assertIn("1 inference, 2 left out", out)
+        self.assertIn("1 inference, 3 left out", out)
         self.assertEqual((self.dir / "p/00000_b.bin").read_bytes(), bytes(RED))
 
 

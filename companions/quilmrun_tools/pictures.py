@@ -77,8 +77,7 @@ class Preparation:
 
     def pixels(self, image: Image.Image) -> np.ndarray:
         """Height x width x channels of bytes, channels in the order that the model takes."""
-        image = ImageOps.exif_transpose(image)
-        image = _eight_bits(image).convert("L" if self.color == "gray" else "RGB")
+        image = _eight_bits(_upright(image)).convert("L" if self.color == "gray" else "RGB")
         image = self._sized(image)
         pixels = np.asarray(image).reshape(self.shape.height, self.shape.width, -1)
         return pixels[:, :, ::-1] if self.color == "bgr" else pixels
@@ -151,8 +150,21 @@ def _per_channel(values: tuple, channels: int, option: str) -> tuple:
     return tuple(values) * (channels // len(values))
 
 
+def _upright(image: Image.Image) -> Image.Image:
+    """Turned as the EXIF data say; as it is where these are damaged, as viewers show it."""
+    if image.format == "TIFF":  # Pillow turned it when it was decoded
+        return image
+    try:
+        return ImageOps.exif_transpose(image)
+    except Exception:  # as with the decoders  # pylint: disable=W0718
+        return image
+
+
 def _eight_bits(image: Image.Image) -> Image.Image:
     """Pictures of 16 bits per pixel, which Pillow would clip, by their upper 8 bits."""
+    if image.mode == "F":
+        raise Unreadable("its pixels are floating-point numbers of an unknown range: give it as an "
+                         "array (.npy) of what the model takes")
     if not image.mode.startswith("I"):
         return image
     return Image.fromarray((np.clip(np.asarray(image), 0, 65535) >> 8).astype(np.uint8))
