@@ -29,7 +29,7 @@ install_missing() {
   echo "Installing: ${missing[*]}"
   local as_root=()
   [ "$(id -u)" = 0 ] || as_root=(sudo)
-  "${as_root[@]}" true || { echo "Run this as root, or with sudo installed, once." >&2; return 1; }
+  "${as_root[@]}" true 2> /dev/null || { echo "Run this as root, or with sudo installed, once." >&2; return 1; }
   for architecture in $(printf '%s\n' "${missing[@]}" | sed -n 's/.*://p' | sort -u); do
     dpkg --print-foreign-architectures | grep -qx "$architecture" ||
       "${as_root[@]}" dpkg --add-architecture "$architecture"
