@@ -10,23 +10,6 @@
 namespace quilm_host {
 namespace {
 
-class IdentityEngine : public Engine {
- public:
-  /// Output i shows input `sources[i]`.
-  explicit IdentityEngine(std::vector<size_t> sources) : sources_(std::move(sources)) {}
-
-  std::vector<Array> Run(const std::vector<Array>& inputs) override {
-    std::vector<Array> outputs;
-    for (const size_t source : sources_) {
-      outputs.push_back(inputs[source]);
-    }
-    return outputs;
-  }
-
- private:
-  std::vector<size_t> sources_;
-};
-
 // Follows the graph from its inputs: tells which input every name shows. Returns the first node
 // that does something else, or null.
 const Onnx__NodeProto* FollowInputs(const Onnx__GraphProto& graph,
@@ -45,8 +28,8 @@ const Onnx__NodeProto* FollowInputs(const Onnx__GraphProto& graph,
 
 }  // namespace
 
-std::unique_ptr<Engine> CreateEngine(Bytes file, const std::vector<Tensor>& inputs,
-                                     std::vector<Tensor>& outputs, size_t) {
+Engine CreateEngine(Bytes file, const std::vector<Tensor>& inputs, std::vector<Tensor>& outputs,
+                    size_t) {
   Onnx__ModelProto* proto = onnx__model_proto__unpack(nullptr, file.size, file.data);
   std::map<std::string, size_t> sourcesByName;
   for (size_t i = 0; i < inputs.size(); ++i) {
@@ -54,7 +37,7 @@ std::unique_ptr<Engine> CreateEngine(Bytes file, const std::vector<Tensor>& inpu
   }
   const bool followed = FollowInputs(*proto->graph, sourcesByName) == nullptr;
   onnx__model_proto__free_unpacked(proto, nullptr);
-  std::vector<size_t> sources;
+  std::vector<size_t> sources;  // output i shows input `sources[i]`
   for (Tensor& output : outputs) {
     const auto source = sourcesByName.find(output.name);
     Require(followed && source != sourcesByName.end(),
@@ -63,7 +46,13 @@ std::unique_ptr<Engine> CreateEngine(Bytes file, const std::vector<Tensor>& inpu
     output.type = inputs[source->second].type;
     output.dims = inputs[source->second].dims;
   }
-  return std::make_unique<IdentityEngine>(std::move(sources));
+  return [sources](const std::vector<Array>& arrays) {
+    std::vector<Array> results;
+    for (const size_t source : sources) {
+      results.push_back(arrays[source]);
+    }
+    return results;
+  };
 }
 
 }  // namespace quilm_host

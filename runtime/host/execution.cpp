@@ -27,16 +27,6 @@ void CheckDataset(const std::string& kind, const quilm_mdl_dataset& dataset,
   }
 }
 
-// Batches `first` to `first + count`, of all tensors.
-struct Batches {
-  uint64_t first;
-  uint64_t count;
-
-  unsigned char* In(const quilm_data_buffer& buffer, const Tensor& tensor) const {
-    return static_cast<unsigned char*>(buffer.pointer) + first * tensor.size;
-  }
-};
-
 // What input data look like that are no numbers of the input's type; empty when nothing is odd.
 std::string LooksLike(const Array& array, bool isFloat) {
   constexpr std::pair<const char*, const char*> kMagicNumbers[] = {
@@ -79,9 +69,8 @@ void GiveHint(const Tensor& tensor, const Array& array) {
 
 // Frames that do not count are zeros, whatever the buffer holds.
 void ClearFrames(const Tensor& frames, int64_t totalT, Array& array) {
-  const size_t frameBytes = array.bytes.size() / static_cast<size_t>(frames.dims.front());
-  const size_t counted = frameBytes * static_cast<size_t>(totalT);
-  std::fill(array.bytes.begin() + static_cast<std::ptrdiff_t>(counted), array.bytes.end(), 0);
+  const auto frameBytes = static_cast<int64_t>(array.bytes.size()) / frames.dims.front();
+  std::fill(array.bytes.begin() + frameBytes * totalT, array.bytes.end(), 0);
 }
 
 void CheckShape(const Tensor& output, uint64_t batches, const Array& result) {
@@ -94,35 +83,29 @@ void CheckShape(const Tensor& output, uint64_t batches, const Array& result) {
           "; sizes that depend on the data are not supported");
 }
 
+// Batches `first` to `first + count`.
 void RunBatches(const Model& model, const quilm_mdl_dataset& input, const quilm_mdl_dataset& output,
-                const Batches& batches) {
+                uint64_t first, uint64_t count) {
+  const auto startOf = [first](const quilm_data_buffer& buffer, const Tensor& tensor) {
+    return static_cast<unsigned char*>(buffer.pointer) + first * tensor.size;
+  };
   std::vector<Array> inputs;
   for (size_t i = 0; i + kBuffersAfterInputs < model.inputs.size(); ++i) {
-    const unsigned char* data = batches.In(*input.buffers[i], model.inputs[i]);
-    inputs.push_back(TakeFromDevice(model.inputs[i], data, batches.count));
-    GiveHint(model.inputs[i], inputs.back());
+    const Tensor& tensor = model.inputs[i];
+    inputs.push_back(TakeFromDevice(tensor, startOf(*input.buffers[i], tensor), count));
+    GiveHint(tensor, inputs.back());
   }
   if (input.totalT > 0) {
     ClearFrames(model.inputs[0], input.totalT, inputs[0]);
   }
-  const std::vector<Array> results = model.engine->Run(inputs);
+  const std::vector<Array> results = model.engine(inputs);
   for (size_t i = 0; i < results.size(); ++i) {
-    CheckShape(model.outputs[i], batches.count, results[i]);
+    CheckShape(model.outputs[i], count, results[i]);
   }
   for (size_t i = 0; i < results.size(); ++i) {
     const Tensor& tensor = model.outputs[i];
-    Require(PutToDevice(results[i], tensor, batches.In(*output.buffers[i], tensor)), "output",
+    Require(PutToDevice(results[i], tensor, startOf(*output.buffers[i], tensor)), "output",
             Quoted(tensor.name), " holds a number that does not fit 32 bits");
-  }
-}
-
-// What fails as one, as in models that fix the batch size further inside, may do one by one.
-bool RunAsOne(const Model& model, const quilm_mdl_dataset& input, const quilm_mdl_dataset& output) {
-  try {
-    RunBatches(model, input, output, {0, input.batchSize});
-    return true;
-  } catch (const Refusal&) {
-    return false;
   }
 }
 
@@ -131,12 +114,17 @@ bool RunAsOne(const Model& model, const quilm_mdl_dataset& input, const quilm_md
 void Execute(const Model& model, const quilm_mdl_dataset& input, const quilm_mdl_dataset& output) {
   CheckDataset("input", input, model.inputs, input.batchSize);
   CheckDataset("output", output, model.outputs, input.batchSize);
-  if (input.batchSize > 1 && model.batchesAsOne && RunAsOne(model, input, output)) {
-    return;
+  if (input.batchSize > 1 && model.batchesAsOne) {
+    try {
+      RunBatches(model, input, output, 0, input.batchSize);
+      return;
+    } catch (const Refusal&) {
+      // Models that fix the batch size further inside may do it one by one.
+    }
   }
   About("execution failed", [&] {
     for (uint64_t batch = 0; batch < input.batchSize; ++batch) {
-      RunBatches(model, input, output, {batch, 1});
+      RunBatches(model, input, output, batch, 1);
     }
   });
 }

@@ -4,7 +4,6 @@
 #include <algorithm>
 #include <cstring>
 #include <filesystem>
-#include <optional>
 #include <utility>
 
 #include "runtime/forward/forward.h"
@@ -17,66 +16,54 @@ const char* currentCall = "";
 
 namespace {
 
-// What stands for the result of a call that failed; the reason is in the explanation.
-template <typename Result>
-constexpr Result Failure() {
-  if constexpr (std::is_same_v<Result, int32_t>) {
-    return -1;
-  }
-  return Result();
-}
-
-// The code of the fault that is due for the current call, which is counted and, if wanted, traced.
-std::optional<int64_t> TakeFault() {
+// Counts the current call and, if wanted, traces it. A fault that is due for it is thrown.
+void CountCall() {
   const uint64_t count = ++state.callCounts[currentCall];
   if (state.settings.trace) {
     Explain(std::string("call: ") + currentCall + " " + std::to_string(count));
   }
   for (const Fault& fault : state.settings.faults) {
     if (fault.function == currentCall && fault.call == count) {
-      return fault.code;
+      throw fault;
     }
   }
-  return std::nullopt;
 }
 
-// The one place where refusals become explanations and results.
+// Runs the body of an interface function, which may return nothing: then it has succeeded at its
+// end. The one place where refusals become explanations and results.
 template <typename Result, typename Body>
 Result Guard(const char* call, const Body& body) {
+  int64_t code = std::is_same_v<Result, int32_t> ? -1 : 0;  // no size
   currentCall = call;
   try {
-    return body();
-  } catch (const Refusal& refusal) {
-    Explain(refusal.what());
-  } catch (const std::exception& problem) {
-    Explain(std::string(call) + ": " + problem.what());
-  }
-  return Failure<Result>();
-}
-
-// Runs the body of an interface function: not when a fault is due, and not before quilm_init().
-// Bodies that return nothing have succeeded at their end.
-template <typename Result, typename Body>
-Result Perform(const char* call, const Body& body) {
-  return Guard<Result>(call, [&]() -> Result {
-    // After a failed start the reason has been told; teardown calls are only to be expected.
-    if (state.initFailed) {
-      return Failure<Result>();
-    }
-    Require(state.initialized, call, " before quilm_init");
-    if (const std::optional<int64_t> code = TakeFault()) {
-      if constexpr (std::is_pointer_v<Result>) {
-        return nullptr;
-      } else {
-        return static_cast<Result>(*code);
-      }
-    }
     if constexpr (std::is_void_v<decltype(body())>) {
       body();
       return Result();
     } else {
       return body();
     }
+  } catch (const Fault& fault) {
+    code = fault.code;
+  } catch (const Refusal& refusal) {
+    Explain(refusal.what());
+  } catch (const std::exception& problem) {
+    Explain(std::string(call) + ": " + problem.what());
+  }
+  if constexpr (std::is_pointer_v<Result>) {
+    return nullptr;
+  } else {
+    return static_cast<Result>(code);
+  }
+}
+
+template <typename Result, typename Body>
+Result Perform(const char* call, const Body& body) {
+  return Guard<Result>(call, [&] {
+    // After a failed start the reason has been told; teardown calls are only to be expected.
+    Require(!state.initFailed, "");
+    Require(state.initialized, call, " before quilm_init");
+    CountCall();
+    return body();
   });
 }
 
@@ -99,19 +86,16 @@ long CountOpenFiles() {
   return std::distance(begin(files), end(files));
 }
 
-quilm_error Initialize(const char* configPath) {
+void Initialize(const char* configPath) {
   RequireOfCaller(!state.initialized, "already initialized");
   state = State();
   state.initFailed = true;
   const std::string path = configPath == nullptr ? "" : configPath;
   About("settings file " + path, [&] { state.settings = ReadSettings(path); });
-  if (const std::optional<int64_t> code = TakeFault()) {
-    return static_cast<quilm_error>(*code);
-  }
+  CountCall();
   state.openFiles = CountOpenFiles();
   state.initialized = true;
   state.initFailed = false;
-  return 0;
 }
 
 void Finalize() {

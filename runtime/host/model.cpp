@@ -1,14 +1,238 @@
+// From a file to a model: reads it with the decoder that is generated from ONNX's own schema, finds
+// numbers for all shapes, and hands it to the engine.
 #include "runtime/host/model.h"
 
 #include <unistd.h>
 
 #include <algorithm>
+#include <charconv>
+#include <cstdlib>
+#include <map>
+#include <memory>
+#include <set>
 #include <thread>
 
+#include "onnx.pb-c.h"
 #include "runtime/host/diagnostics.h"
 
 namespace quilm_host {
 namespace {
+
+using Dimension = Onnx__TensorShapeProto__Dimension;
+
+struct ModelProtoDeleter {
+  void operator()(Onnx__ModelProto* proto) const {
+    onnx__model_proto__free_unpacked(proto, nullptr);
+  }
+};
+
+// Names that a file leaves out.
+std::string Text(const char* text) {
+  return text == nullptr ? protobuf_c_empty_string : text;
+}
+
+// The tensor type of an input or output. Others are refused by the names of ONNX's schema.
+const Onnx__TypeProto__Tensor& TensorType(const Onnx__TypeProto* type) {
+  const int kind = type == nullptr ? 0 : type->value_case;
+  std::string name = "value without a type";
+  for (unsigned i = 0; i < onnx__type_proto__descriptor.n_fields; ++i) {
+    const ProtobufCFieldDescriptor& field = onnx__type_proto__descriptor.fields[i];
+    name = field.id == static_cast<uint32_t>(kind) ? field.name : name;
+  }
+  Require(kind == ONNX__TYPE_PROTO__VALUE_TENSOR_TYPE, "it is a ", name,
+          ", only tensors can be inputs and outputs");
+  const int32_t elementType = type->tensor_type->elem_type;
+  const ProtobufCEnumDescriptor& types = onnx__tensor_proto__data_type__descriptor;
+  for (unsigned i = 0; i < types.n_values; ++i) {
+    name = types.values[i].value == elementType ? types.values[i].name : name;
+  }
+  Require(FindElementType(elementType) != nullptr, "element type ", name, " has no code");
+  return *type->tensor_type;
+}
+
+using Symbols = std::map<std::string, int64_t>;
+
+// Its number; open dimensions get negative ones, those of the same name the same.
+int64_t NumberOf(const Dimension& dim, Symbols& symbols) {
+  if (dim.value_case == ONNX__TENSOR_SHAPE_PROTO__DIMENSION__VALUE_DIM_VALUE &&
+      dim.dim_value >= 0) {
+    return dim.dim_value;
+  }
+  const int64_t next = -1 - static_cast<int64_t>(symbols.size());
+  const bool isNamed = dim.value_case == ONNX__TENSOR_SHAPE_PROTO__DIMENSION__VALUE_DIM_PARAM &&
+                       *dim.dim_param != '\0';
+  return symbols.emplace(isNamed ? dim.dim_param : "?" + std::to_string(-next), next).first->second;
+}
+
+// Open dimensions of the same name are the same number. Those that are given count before the first
+// dimensions that stand for a batch.
+void InferFromNames(const std::vector<Tensor>& inFile, std::vector<Tensor>& inputs) {
+  const auto replace = [&](int64_t open, int64_t number) {
+    for (Tensor& input : inputs) {
+      std::replace(input.dims.begin(), input.dims.end(), open, number);
+    }
+  };
+  for (size_t i = 0; i < inputs.size(); ++i) {
+    for (size_t j = 0; j < inputs[i].dims.size(); ++j) {
+      if (inFile[i].dims[j] < 0 && inputs[i].dims[j] >= 0) {
+        replace(inFile[i].dims[j], inputs[i].dims[j]);
+      }
+    }
+  }
+  for (const Tensor& input : inputs) {
+    if (!input.dims.empty() && input.dims[0] < 0) {
+      replace(input.dims[0], 1);
+    }
+  }
+}
+
+// Whether a batch can be the first dimension: of all inputs, and of nothing else.
+bool CanBatchAsOne(const std::vector<Tensor>& inFile, const std::vector<Tensor>& inputs) {
+  std::set<int64_t> others;
+  for (const Tensor& input : inFile) {
+    others.insert(input.dims.begin() + (input.dims.empty() ? 0 : 1), input.dims.end());
+  }
+  const auto isBatched = [&](const Tensor& input, const Tensor& own) {
+    return !own.dims.empty() && own.dims[0] < 0 && input.dims[0] == 1 &&
+           others.count(own.dims[0]) == 0;
+  };
+  return std::equal(inputs.begin(), inputs.end(), inFile.begin(), isBatched);
+}
+
+// The entries that the settings file lacks, with the model's names for the missing numbers.
+std::string MissingEntries(const std::vector<Tensor>& inputs, const Symbols& symbols) {
+  std::map<int64_t, std::string> names;
+  for (const auto& [name, number] : symbols) {
+    names[number] = name;
+  }
+  std::vector<std::string> entries;
+  for (const Tensor& input : inputs) {
+    std::vector<std::string> shape;
+    for (const int64_t number : input.dims) {
+      shape.push_back(number < 0 ? names[number] : std::to_string(number));
+    }
+    if (input.IsOpen()) {
+      entries.push_back("\"" + input.name + "\": [" + Joined(shape) + "]");
+    }
+  }
+  return Joined(entries);
+}
+
+void WriteDim(Dimension& dim, int64_t number) {
+  if (dim.value_case == ONNX__TENSOR_SHAPE_PROTO__DIMENSION__VALUE_DIM_PARAM) {
+    std::free(dim.dim_param);
+  }
+  dim.value_case = ONNX__TENSOR_SHAPE_PROTO__DIMENSION__VALUE_DIM_VALUE;
+  dim.dim_value = number;
+}
+
+// Of all that are no initializers, whose numbers stand in the file.
+std::vector<const Onnx__ValueInfoProto*> FindInputs(const Onnx__GraphProto& graph) {
+  std::set<std::string> initializers;
+  for (size_t i = 0; i < graph.n_initializer; ++i) {
+    const std::string name = Text(graph.initializer[i]->name);
+    initializers.insert(name);
+    Require(graph.initializer[i]->data_location != ONNX__TENSOR_PROTO__DATA_LOCATION__EXTERNAL,
+            "initializer", Quoted(name), " lies in another file; models are one file");
+  }
+  std::vector<const Onnx__ValueInfoProto*> inputs;
+  std::copy_if(graph.input, graph.input + graph.n_input, std::back_inserter(inputs),
+               [&](auto* input) { return initializers.count(Text(input->name)) == 0; });
+  return inputs;
+}
+
+// Returns whether dimensions that the file leaves open have become numbers in it.
+bool ReadInputs(const Onnx__GraphProto& graph, const Settings& settings, Model& model) {
+  const std::vector<const Onnx__ValueInfoProto*> values = FindInputs(graph);
+  Symbols symbols;
+  for (const Onnx__ValueInfoProto* value : values) {
+    Tensor& input = model.inputs.emplace_back();
+    input.name = Text(value->name);
+    About("input" + Quoted(input.name), [&] {
+      const Onnx__TypeProto__Tensor& type = TensorType(value->type);
+      Require(type.shape != nullptr, "it does not even have a number of dimensions");
+      input.type = FindElementType(type.elem_type);
+      for (size_t i = 0; i < type.shape->n_dim; ++i) {
+        input.dims.push_back(NumberOf(*type.shape->dim[i], symbols));
+      }
+    });
+  }
+  const std::vector<Tensor> inFile = model.inputs;
+  TakeShapes("input", settings.inputShapes, model.inputs);
+  InferFromNames(inFile, model.inputs);
+  const std::string missing = MissingEntries(model.inputs, symbols);
+  Require(missing.empty(), "it leaves shapes open: write \"input_shapes\": {", missing,
+          "}, with numbers for names, into the settings file");
+  model.batchesAsOne = CanBatchAsOne(inFile, model.inputs) && model.netType != kRecurrent;
+  bool isChanged = false;
+  for (size_t i = 0; i < values.size(); ++i) {
+    for (size_t j = model.batchesAsOne ? 1 : 0; j < inFile[i].dims.size(); ++j) {
+      if (inFile[i].dims[j] < 0) {
+        WriteDim(*values[i]->type->tensor_type->shape->dim[j], model.inputs[i].dims[j]);
+        isChanged = true;
+      }
+    }
+  }
+  return isChanged;
+}
+
+void ReadOutputs(const Onnx__GraphProto& graph, Model& model) {
+  for (size_t i = 0; i < graph.n_output; ++i) {
+    model.outputs.emplace_back().name = Text(graph.output[i]->name);
+    if (graph.output[i]->type != nullptr) {
+      About("output" + Quoted(model.outputs.back().name),
+            [&] { TensorType(graph.output[i]->type); });
+    }
+  }
+  Require(!model.outputs.empty(), "it has no outputs");
+}
+
+int32_t ReadNetType(const Onnx__ModelProto& proto) {
+  int32_t netType = 0;
+  for (size_t i = 0; i < proto.n_metadata_props; ++i) {
+    const std::string value = Text(proto.metadata_props[i]->value);
+    const char* end = value.data() + value.size();
+    Require(Text(proto.metadata_props[i]->key) != "quilm.net_type" ||
+                std::from_chars(value.data(), end, netType).ptr == end,
+            "quilm.net_type", Quoted(value), " is not a number");
+  }
+  return netType;
+}
+
+// Memory for the decoder, which calls itself for each message in a message. It gets none any more
+// before it runs out of stack.
+void* AllocateForDecoder(void* outermost, size_t size) {
+  constexpr std::ptrdiff_t kMostStack = 2 << 20;  // bytes, of 8 MB on most systems
+  const auto* innermost = static_cast<const char*>(__builtin_frame_address(0));
+  return static_cast<const char*>(outermost) - innermost > kMostStack ? nullptr : std::malloc(size);
+}
+
+// Fills in the inputs that are no initializers, the outputs' names, and the net type. Dimensions of
+// inputs that the file leaves open come from `settings`; a first one counts as 1 otherwise. Returns
+// the file with these numbers in it, or nothing when it is the same.
+std::vector<uint8_t> ReadOnnxFile(Bytes file, const Settings& settings, Model& model) {
+  ProtobufCAllocator allocator = {AllocateForDecoder,
+                                  [](void*, void* memory) { std::free(memory); },
+                                  __builtin_frame_address(0)};
+  const std::unique_ptr<Onnx__ModelProto, ModelProtoDeleter> proto(
+      onnx__model_proto__unpack(&allocator, file.size, file.data));
+  Require(proto != nullptr && proto->graph != nullptr && proto->graph->n_node > 0,
+          "it is not an ONNX file");
+  model.netType = ReadNetType(*proto);
+  const bool isChanged = ReadInputs(*proto->graph, settings, model);
+  ReadOutputs(*proto->graph, model);
+  const std::vector<Tensor>& inputs = model.inputs;
+  Require(model.netType != kRecurrent ||
+              (inputs.size() > 1 && !inputs[0].dims.empty() && !inputs[1].dims.empty() &&
+               inputs[0].dims.front() == inputs[1].dims.back()),
+          "a recurrent model's input 0 has as many frames, its first dimension, as input 1 has ",
+          "marks, its last");
+  std::vector<uint8_t> encoded(isChanged ? onnx__model_proto__get_packed_size(proto.get()) : 0);
+  if (isChanged) {
+    onnx__model_proto__pack(proto.get(), encoded.data());
+  }
+  return encoded;
+}
 
 // Device memory and the engine's hold each tensor once.
 void LayOutAll(const char* kind, std::vector<Tensor>& tensors, size_t rowAlignment) {
@@ -33,7 +257,7 @@ void LearnShapes(Model& model) {
     zeros.push_back(
         {input.dims, std::vector<unsigned char>(input.Elements() * input.type->modelBytes)});
   }
-  const std::vector<Array> results = model.engine->Run(zeros);
+  const std::vector<Array> results = model.engine(zeros);
   for (size_t i = 0; i < results.size(); ++i) {
     Tensor& output = model.outputs[i];
     output.dims = IsKnown(output) ? output.dims : results[i].dims;

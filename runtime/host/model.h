@@ -4,6 +4,7 @@
 #ifndef QUILMRUN_RUNTIME_HOST_MODEL_H_
 #define QUILMRUN_RUNTIME_HOST_MODEL_H_
 
+#include <functional>
 #include <memory>
 
 #include "runtime/host/settings.h"
@@ -11,21 +12,16 @@
 
 namespace quilm_host {
 
-class Engine {
- public:
-  virtual ~Engine() = default;
-
-  /// Computes the outputs from the inputs, both in graph order; the first dimension of inputs may
-  /// differ from the described one where the model leaves it open. Refuses with one problem a line.
-  virtual std::vector<Array> Run(const std::vector<Array>& inputs) = 0;
-};
+/// Computes the outputs from the inputs, both in graph order; the first dimension of inputs may
+/// differ from the described one where the model leaves it open. Refuses with one problem a line.
+using Engine = std::function<std::vector<Array>(const std::vector<Array>& inputs)>;
 
 struct Model {
   std::vector<Tensor> inputs;   // the graph's, then task buffer and work buffer
   std::vector<Tensor> outputs;  // in graph order
   int32_t netType = 0;          // what the metadata property "quilm.net_type" says
   bool batchesAsOne = false;    // all inputs leave their first dimension open
-  std::unique_ptr<Engine> engine;
+  Engine engine;
 };
 
 /// The net type of recurrent models: input 0 carries frames, along its first dimension, and input 1
@@ -44,15 +40,10 @@ struct Bytes {
 /// The model in the ONNX file. Refuses what the engine cannot execute.
 Model LoadModel(Bytes file, const Settings& settings);
 
-/// Its first step fills in the inputs that are no initializers, the outputs' names, and the net
-/// type. Dimensions of inputs that the file leaves open come from `settings`; a first one counts as
-/// 1 otherwise. Returns the file with these numbers in it, or nothing when it is the same.
-std::vector<uint8_t> ReadOnnxFile(Bytes file, const Settings& settings, Model& model);
-
-/// The second builds the engine of the file, which is not needed afterwards. The outputs' types are
-/// filled in, and their dimensions as far as the engine knows them.
-std::unique_ptr<Engine> CreateEngine(Bytes file, const std::vector<Tensor>& inputs,
-                                     std::vector<Tensor>& outputs, size_t threads);
+/// The engine of the file, which is not needed afterwards. The outputs' types are filled in, and
+/// their dimensions as far as the engine knows them.
+Engine CreateEngine(Bytes file, const std::vector<Tensor>& inputs, std::vector<Tensor>& outputs,
+                    size_t threads);
 
 /// Bytes of memory that the machine has.
 size_t PhysicalMemory();

@@ -51,12 +51,12 @@ Result Call(Function function, Arguments... arguments) {
   return reinterpret_cast<Result (*)(Arguments...)>(functions[function])(arguments...);
 }
 
-template <Function kRelease>
-struct Releaser {
-  void operator()(void* handle) const { Call<void>(kRelease, handle); }
-};
-template <Function kRelease>
-using Owner = std::unique_ptr<void, Releaser<kRelease>>;
+// Of an object of the library, which is released with it.
+using Handle = std::shared_ptr<void>;
+
+Handle Own(void* object, Function release) {
+  return {object, [release](void* owned) { Call<void>(release, owned); }};
+}
 
 // What the library reports, by results and as warnings and errors in its log; the latest first.
 std::vector<std::string> problems;
@@ -87,19 +87,18 @@ std::string TakeProblems() {
 // Calls a function that can fail.
 template <typename... Arguments>
 void Do(Function function, Arguments... arguments) {
-  const Owner<kReleaseStatus> status(Call<void*>(function, arguments...));
-  if (status != nullptr) {
+  if (const Handle status = Own(Call<void*>(function, arguments...), kReleaseStatus)) {
     Keep(Call<const char*>(kGetErrorMessage, status.get()));
     Refuse(TakeProblems());
   }
 }
 
 // Calls a function that hands out a handle by its last argument.
-template <Function kRelease, typename... Arguments>
-Owner<kRelease> Make(Function function, Arguments... arguments) {
+template <typename... Arguments>
+Handle Make(Function function, Function release, Arguments... arguments) {
   void* made = nullptr;
   Do(function, arguments..., &made);
-  return Owner<kRelease>(made);
+  return Own(made, release);
 }
 
 // The library stands beside the host runtime; otherwise wherever the system has one.
@@ -114,7 +113,7 @@ void* OpenLibrary() {
   return dlopen(isThere ? beside.c_str() : kName, RTLD_NOW | RTLD_LOCAL);
 }
 
-void* const* LoadFunctions() {
+void LoadFunctions() {
   struct ApiBase {
     void* const* (*getApi)(uint32_t version);
     const char* (*getVersion)();
@@ -123,18 +122,13 @@ void* const* LoadFunctions() {
   setenv("ORT_DISABLE_TELEMETRY", "1", 1);
   void* library = OpenLibrary();
   void* getBase = library == nullptr ? nullptr : dlsym(library, "OrtGetApiBase");
-  if (getBase == nullptr) {
-    const char* problem = dlerror();  // which forgets what it has told
-    Refuse(
-        "there is no engine, which scripts/fetch-engine or the package quilmrun-host-runtime "
-        "brings: ",
-        problem);
-  }
+  const char* problem = getBase == nullptr ? dlerror() : "";  // which forgets what it has told
+  Require(getBase != nullptr, "there is no engine, which scripts/fetch-engine or the package ",
+          "quilmrun-host-runtime brings: ", problem);
   const ApiBase* base = reinterpret_cast<const ApiBase* (*)()>(getBase)();
-  void* const* found = base->getApi(kInterfaceVersion);
-  Require(found != nullptr, "ONNX Runtime ", base->getVersion(), " is too old, 1.",
+  functions = base->getApi(kInterfaceVersion);
+  Require(functions != nullptr, "ONNX Runtime ", base->getVersion(), " is too old, 1.",
           kInterfaceVersion, " or newer is needed");
-  return found;
 }
 
 // One for the whole process, not before there is a model to load, as it takes most of the time of a
@@ -143,7 +137,7 @@ void* Environment() {
   constexpr int kWarning = 2;
   static void* environment = nullptr;
   if (environment == nullptr) {
-    functions = LoadFunctions();
+    LoadFunctions();
     Do(kCreateEnvWithCustomLogger, &Log, static_cast<void*>(nullptr), kWarning, "quilm",
        &environment);
   }
@@ -158,18 +152,18 @@ std::vector<int64_t> ReadDims(void* info) {
   return dims;
 }
 
-class OnnxEngine : public Engine {
+class Session {
  public:
-  OnnxEngine(Bytes file, const std::vector<Tensor>& inputs, std::vector<Tensor>& outputs,
-             size_t threads)
+  Session(Bytes file, const std::vector<Tensor>& inputs, std::vector<Tensor>& outputs,
+          size_t threads)
       : inputs_(inputs) {
     void* environment = Environment();
-    const auto options = Make<kReleaseSessionOptions>(kCreateSessionOptions);
+    const auto options = Make(kCreateSessionOptions, kReleaseSessionOptions);
     Do(kSetIntraOpNumThreads, options.get(), static_cast<int>(threads));
     TakeProblems();  // what was said of the machine's devices
-    session_ = Make<kReleaseSession>(kCreateSessionFromArray, environment, file.data, file.size,
-                                     options.get());
-    memory_ = Make<kReleaseMemoryInfo>(kCreateCpuMemoryInfo, 0, 0);
+    session_ = Make(kCreateSessionFromArray, kReleaseSession, environment, file.data, file.size,
+                    options.get());
+    memory_ = Make(kCreateCpuMemoryInfo, kReleaseMemoryInfo, 0, 0);
     for (size_t i = 0; i < outputs.size(); ++i) {
       DescribeOutput(i, outputs[i]);
     }
@@ -177,15 +171,14 @@ class OnnxEngine : public Engine {
     TakeProblems();  // warnings that came to nothing
   }
 
-  std::vector<Array> Run(const std::vector<Array>& inputs) override {
-    std::vector<Owner<kReleaseValue>> owners;
+  std::vector<Array> Run(const std::vector<Array>& inputs) const {
+    std::vector<Handle> owners;
     std::vector<void*> values;
     std::vector<const char*> names;
     for (size_t i = 0; i < inputs.size(); ++i) {
-      owners.push_back(Make<kReleaseValue>(kCreateTensorWithDataAsOrtValue, memory_.get(),
-                                           inputs[i].bytes.data(), inputs[i].bytes.size(),
-                                           inputs[i].dims.data(), inputs[i].dims.size(),
-                                           inputs_[i].type->onnx));
+      owners.push_back(Make(kCreateTensorWithDataAsOrtValue, kReleaseValue, memory_.get(),
+                            inputs[i].bytes.data(), inputs[i].bytes.size(), inputs[i].dims.data(),
+                            inputs[i].dims.size(), inputs_[i].type->onnx));
       values.push_back(owners.back().get());
       names.push_back(inputs_[i].name.c_str());
     }
@@ -195,7 +188,9 @@ class OnnxEngine : public Engine {
     std::vector<void*> results(outputs_.size());
     Do(kRun, session_.get(), static_cast<void*>(nullptr), names.data(), values.data(),
        values.size(), names.data() + values.size(), results.size(), results.data());
-    const std::vector<Owner<kReleaseValue>> resultOwners(results.begin(), results.end());
+    for (void* result : results) {
+      owners.push_back(Own(result, kReleaseValue));
+    }
     TakeProblems();  // warnings that came to nothing
     std::vector<Array> outputs;
     for (size_t i = 0; i < results.size(); ++i) {
@@ -206,7 +201,7 @@ class OnnxEngine : public Engine {
 
  private:
   void DescribeOutput(size_t index, Tensor& output) {
-    const auto type = Make<kReleaseTypeInfo>(kSessionGetOutputTypeInfo, session_.get(), index);
+    const auto type = Make(kSessionGetOutputTypeInfo, kReleaseTypeInfo, session_.get(), index);
     void* info = nullptr;  // of a tensor, owned by the type
     int elementType = 0;
     Do(kCastTypeInfoToTensorInfo, type.get(), &info);
@@ -220,7 +215,7 @@ class OnnxEngine : public Engine {
   }
 
   static Array CopyResult(void* result, size_t elementBytes) {
-    const auto info = Make<kReleaseTensorTypeAndShapeInfo>(kGetTensorTypeAndShape, result);
+    const auto info = Make(kGetTensorTypeAndShape, kReleaseTensorTypeAndShapeInfo, result);
     Array output{ReadDims(info.get()), {}};
     auto size = static_cast<int64_t>(elementBytes);
     for (const int64_t dim : output.dims) {
@@ -234,14 +229,14 @@ class OnnxEngine : public Engine {
 
   std::vector<Tensor> inputs_;
   std::vector<Tensor> outputs_;
-  Owner<kReleaseMemoryInfo> memory_;
-  Owner<kReleaseSession> session_;
+  Handle memory_;
+  Handle session_;
 };
 
 }  // namespace
 
-std::unique_ptr<Engine> CreateEngine(Bytes file, const std::vector<Tensor>& inputs,
-                                     std::vector<Tensor>& outputs, size_t threads) {
+Engine CreateEngine(Bytes file, const std::vector<Tensor>& inputs, std::vector<Tensor>& outputs,
+                    size_t threads) {
   // The engine's threads inherit that all signals are blocked: they are the tool's to receive.
   sigset_t before;
   sigset_t all;
@@ -249,7 +244,8 @@ std::unique_ptr<Engine> CreateEngine(Bytes file, const std::vector<Tensor>& inpu
   pthread_sigmask(SIG_BLOCK, &all, &before);
   const auto unblock = [](sigset_t* mask) { pthread_sigmask(SIG_SETMASK, mask, nullptr); };
   const std::unique_ptr<sigset_t, decltype(unblock)> blocked(&before, unblock);
-  return std::make_unique<OnnxEngine>(file, inputs, outputs, threads);
+  const auto session = std::make_shared<Session>(file, inputs, outputs, threads);
+  return [session](const std::vector<Array>& arrays) { return session->Run(arrays); };
 }
 
 }  // namespace quilm_host

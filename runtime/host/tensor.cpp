@@ -75,7 +75,7 @@ std::string ShapeText(const std::vector<int64_t>& dims) {
 }
 
 void TakeShapes(const std::string& kind, const Shapes& given, std::vector<Tensor>& tensors) {
-  const auto fits = [](int64_t own, int64_t number) { return own == -1 || own == number; };
+  const auto fits = [](int64_t own, int64_t number) { return own < 0 || own == number; };
   for (const auto& [name, shape] : given) {
     const auto tensor =
         std::find_if(tensors.begin(), tensors.end(),
@@ -87,7 +87,7 @@ void TakeShapes(const std::string& kind, const Shapes& given, std::vector<Tensor
     Require((kind == "output" && dims.empty()) ||
                 std::equal(dims.begin(), dims.end(), shape.begin(), shape.end(), fits),
             kind, Quoted(name), ": \"", kind, "_shapes\" has ", ShapeText(shape), ", the model ",
-            ShapeText(dims), ", where -1 may be any number");
+            ShapeText(dims), ", where negative numbers may be any");
     tensor->dims = shape;
   }
 }

@@ -37,12 +37,12 @@ size_t DataTypeBits(int32_t code);
 struct Tensor {
   std::string name;
   const ElementType* type = nullptr;
-  std::vector<int64_t> dims;  // outermost first; -1 for one that is not known yet
+  std::vector<int64_t> dims;  // outermost first; negative ones are not known yet
   size_t stride = 0;          // bytes
   size_t size = 0;            // bytes of one batch, row padding included
   int32_t format = 0;         // the interface's code for the order of the dimensions: as given
 
-  bool IsOpen() const { return std::count(dims.begin(), dims.end(), -1) > 0; }
+  bool IsOpen() const { return !dims.empty() && *std::min_element(dims.begin(), dims.end()) < 0; }
   size_t RowElements() const { return dims.empty() ? 1 : static_cast<size_t>(dims.back()); }
   size_t Elements() const { return size / stride * RowElements(); }
 };
