@@ -202,6 +202,14 @@ class Pairs(CompareTest):
             found = self.compare("--common", reference=reference)
             self.assertEqual((found["outputs"][0]["runs"], found["outputs"][0]["max_abs"]),
                              (runs, 0))
+        # Two batches in a run; a row too few and one too many.
+        self.outputs_of("batches", {"y": values.ravel()})
+        self.compare(out="batches", reference="one.npy")
+        for rows, text in [(values[:1], "missing in the reference"),
+                           (values[[0, 1, 1]], "missing")]:
+            np.save(self.dir / "one.npy", rows)
+            found = self.compare(reference="one.npy", status=1)
+            self.assertEqual([run["problem"] for run in found["runs"]][:2], [text, ""])
         np.save(self.dir / "one.npy", values + [[0, 0, 0], [0, 0, 1]])
         self.assertEqual(self.compare(reference="one.npy", status=1)["runs"][0]["index"], 1)
 

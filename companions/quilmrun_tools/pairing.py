@@ -1,5 +1,6 @@
 """Finds what quilmrun-compare compares: the outputs of two folders, and which belong together."""
 
+import itertools
 import re
 from dataclasses import dataclass, field
 from pathlib import Path
@@ -173,7 +174,6 @@ def read_arrays(path: str, output: Side) -> Optional[Side]:
     first dimension is the run, or a folder with RUN/NAME.npy. None when it is none of these."""
     place = Path(path)
     side = Side(path)
-    runs = sorted(output.runs)
     if place.is_file():
         keys = output.keys()
         if place.suffix != ".npy" or len(keys) != 1:
@@ -181,18 +181,23 @@ def read_arrays(path: str, output: Side) -> Optional[Side]:
                              f"{', '.join(map(text, keys))}: name a folder with an .npy file for "
                              "each" if place.suffix == ".npy" else
                              f"{path} is neither a folder nor an .npy file")
-        _add(side, keys[0], place, runs)
+        _add_all(side, keys[0], place, output)
         return side
     for file in sorted(place.glob("*.npy")):
-        _add(side, _key(file.stem, output), file, runs)
+        _add_all(side, _key(file.stem, output), file, output)
     for file in sorted(place.glob("[0-9]*/*.npy")):
         if file.parent.name.isdigit():
-            _add(side, _key(file.stem, output), file, [int(file.parent.name)])
+            part, = values.of_array(file, 1, 0)
+            side.runs.setdefault(int(file.parent.name), {})[_key(file.stem, output)] = part
     return side if side.runs else None
 
 
-def _add(side: Side, key: Key, file: Path, runs: list[int]) -> None:
-    for run, part in zip(runs, values.of_array(file, len(runs))):
+def _add_all(side: Side, key: Key, file: Path, output: Side) -> None:
+    """The values of every run, also of those that the output does not have."""
+    runs = sorted(output.runs)
+    count = next((run[key].count for run in output.runs.values() if key in run), 0)
+    for run, part in zip(itertools.chain(runs, itertools.count(runs[-1] + 1)),
+                         values.of_array(file, len(runs), count)):
         side.runs.setdefault(run, {})[key] = part
 
 

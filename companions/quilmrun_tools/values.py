@@ -49,18 +49,23 @@ def of_dump(path: Path, coded: str = FLOAT) -> Values:
     return Values(path, size // 4, size, coded=coded)
 
 
-def of_array(path: Path, rows: int) -> list[Values]:
-    """The values in a .npy: one for each of `rows` runs when that is its first dimension, otherwise
-    all of it as those of one run."""
+def of_array(path: Path, runs: int, count: int) -> list[Values]:
+    """The values in a .npy: one for each run of `count` elements when its first dimension divides
+    into these or is that of all runs, otherwise all of it as those of one run."""
     try:
         array = np.load(path, mmap_mode="r", allow_pickle=False)
     except (OSError, ValueError, EOFError) as error:
         raise Unreadable(f"{path} is no array of numbers, or was cut short: save it again with "
                          "numpy.save") from error
-    if array.dtype.kind not in "fiub" or not (array.ndim < 2 or array.flags.c_contiguous):
-        raise Unreadable(f"{path} holds no numbers in C order: save it again with "
+    if array.dtype.kind not in "fiub":
+        raise Unreadable(f"{path} holds elements of the type {array.dtype}, not real numbers")
+    if not (array.ndim < 2 or array.flags.c_contiguous):
+        raise Unreadable(f"{path} is not in C order: save it again with "
                          "numpy.save(path, numpy.ascontiguousarray(array))")
-    parts = rows if array.ndim and array.shape[0] == rows else 1
+    parts = 1
+    if array.ndim and array.size:
+        whole = array.size // count if count and array.size % count == 0 else runs
+        parts = whole if array.shape[0] % whole == 0 and array.size % whole == 0 else 1
     count = array.size // parts
     size = count * array.dtype.itemsize
     offset = getattr(array, "offset", 0)
