@@ -178,9 +178,10 @@ def _read_header(path: Path, header: dict[str, Any]) -> Record:
     statistics = header.get("statistics")
     record = Record(
         path, [str(word) for word in header.get("command") or []], str(header.get("library", "")),
-        header.get("complete") is True, status if isinstance(status, int) else None,
-        int(header.get("start_us") or 0), header.get("recorder_cost_us"),
-        int(header.get("dropped") or 0))
+        complete=header.get("complete") is True,
+        exit_status=status if isinstance(status, int) else None,
+        start_us=int(header.get("start_us") or 0),
+        recorder_cost_us=header.get("recorder_cost_us"), dropped=int(header.get("dropped") or 0))
     for name, values in (statistics if isinstance(statistics, dict) else {}).items():
         distribution = Distribution.from_json(values)
         if distribution:
