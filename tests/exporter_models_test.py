@@ -8,6 +8,7 @@ import numpy as np
 from onnx import TensorProto, helper, numpy_helper
 
 from models import HostRuntimeTest, copies, floats, relu, tensor
+from tool import QUILMRUN
 
 FLOAT, INT64, BOOL, DOUBLE = (TensorProto.FLOAT, TensorProto.INT64, TensorProto.BOOL,
                               TensorProto.DOUBLE)
@@ -83,6 +84,29 @@ def branching():
                        then_branch=squeezed)],
                  {"x": (FLOAT, ["H", "W"]), "n": (INT64, [])}, {"y": (FLOAT, None)},
                  one=np.array([1]), zero=np.int64(0))
+
+
+def message(field, content):
+    """A part of an encoded file that holds others, or text."""
+    size, length = len(content), b""
+    while size > 127:
+        size, length = size >> 7, length + bytes([size & 127 | 128])
+    return bytes([field << 3 | 2]) + length + bytes([size]) + content
+
+
+def nested():
+    """An input that is a sequence of sequences of sequences and so on."""
+    kind = b""
+    for _ in range(2183):
+        kind = message(4, message(1, kind))
+    return message(7, message(11, message(1, b"x") + message(2, kind)) +
+                   message(1, message(4, b"Neg")))
+
+
+def two_payloads():
+    leaky = node("LeakyRelu", "x", "y", alpha=0.5)
+    leaky.attribute[0].i = 3
+    return model([leaky], {"x": (FLOAT, [4])}, {"y": (FLOAT, [4])})
 
 
 class ExporterModels(HostRuntimeTest):
@@ -172,6 +196,19 @@ class ExporterModels(HostRuntimeTest):
              "described is [1, 2]; sizes that depend on the data are not supported"),
             (huge, [line, np.array([2**31 - 1, 2**31 - 1], "<i4")], {},
              "execution failed: .*ConstantOfShape.*"),
+            (model([node("Expand", "x s", "e"), node("ReduceMax", "e", "y", keepdims=0)],
+                   {"x": (FLOAT, [1])}, {"y": (FLOAT, [])}, s=np.array([2**15, 2**15, 2**8])),
+             [line], {}, "the model cannot be loaded: .*Expand node.*"),
+            (model([node("NonZero", "x", "y")], {"x": (FLOAT, [4])}, {"y": (INT64, None)}), [line],
+             {}, "the model cannot be loaded: a run on zeros does not show shapes of outputs: write "
+             '"output_shapes": {"y": [1, -1]}, with whole shapes for these, into the settings '
+             'file: output "y" came out with shape [1, 0]'),
+            (branching(), [line, line], {"input_shapes": {"x": [1, 4]}},
+             "the model cannot be loaded: .*ReduceSum.*\nhost runtime: a run on zeros .*ReduceSum.*"),
+            (two_payloads(), [line], {}, "the model cannot be loaded: .*mismatch in attribute alpha.*"),
+            (model([helper.make_node("Neg", ["x"], [])], {"x": (FLOAT, [4])}, {"x": (FLOAT, [4])}),
+             [line], {}, "the model cannot be loaded: .*output size 0.*"),
+            (nested(), [line], {}, "the model cannot be loaded: it is not an ONNX file"),
             (b"\x3a\x7f" * 20000, [line], {}, "the model cannot be loaded: it is not an ONNX file")]
         for model_bytes, arrays, settings, expected in rows:
             with self.subTest(expected):
@@ -181,6 +218,24 @@ class ExporterModels(HostRuntimeTest):
                 self.assertRegex(err, f"^host runtime: {expected}\n$")
         self.run_arrays(identity64, [np.array([-2**31], "<i4")])
         np.testing.assert_array_equal(self.output("x'", "<i4"), [-2**31])
+
+    @unittest.skipIf("debug" in QUILMRUN, "address checking needs the whole address space")
+    def test_memory_that_gives_out(self):
+        """By many tensors, each of which would find room: in a load, then in an execution."""
+        names = [f"e{index}" for index in range(12)]
+        many = model([*[node("Expand", "x s" + name, name) for name in names],
+                      node("Concat", " ".join(names), "c", axis=0),
+                      node("ReduceMax", "c", "y", keepdims=0)], {"x": (FLOAT, [4])},
+                     {"y": (FLOAT, [])}, **{"s" + name: np.array([2**24 + index, 4])
+                                            for index, name in enumerate(names)})
+        for settings, failed in (({}, "the model cannot be loaded"),
+                                 ({"output_shapes": {"y": []}}, "execution failed")):
+            self.write("x", floats(1, 2, 3, 4))
+            status, _, err = self.run_model(
+                many, "x", settings={"threads": 1, **settings},
+                within=("prlimit", f"--as={3 * 2**29}"))
+            self.assertEqual(status, 1)
+            self.assertRegex(err, f"^host runtime: {failed}: .*Failed to allocate.*\n$")
 
     def test_hints_at_input_data_of_other_kinds(self):
         pixels = RANDOM.randint(1, 256, 256).astype("u1")

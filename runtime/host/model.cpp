@@ -245,40 +245,41 @@ void LayOutAll(const char* kind, std::vector<Tensor>& tensors, size_t rowAlignme
           PhysicalMemory());
 }
 
-// The engine tells a shape of any number of dimensions like that of a scalar.
-bool IsKnown(const Tensor& output) {
-  return !output.dims.empty() && !output.IsOpen();
-}
-
-// What the engine cannot tell from the model it shows by a run on zeros.
-void LearnShapes(Model& model) {
+std::vector<Array> RunOnZeros(const Model& model) {
   std::vector<Array> zeros;
   for (const Tensor& input : model.inputs) {
     zeros.push_back(
         {input.dims, std::vector<unsigned char>(input.Elements() * input.type->modelBytes)});
   }
-  const std::vector<Array> results = model.engine(zeros);
-  for (size_t i = 0; i < results.size(); ++i) {
-    Tensor& output = model.outputs[i];
-    output.dims = IsKnown(output) ? output.dims : results[i].dims;
-    Require(std::count(output.dims.begin(), output.dims.end(), 0) == 0, "output",
-            Quoted(output.name), " came out with shape ", ShapeText(output.dims));
-  }
+  return model.engine(zeros);
 }
 
+// What neither the engine nor the settings tell is learnt by a run on zeros. The engine tells a
+// shape of any number of dimensions like that of a scalar.
 void DescribeOutputs(Model& model, const Settings& settings) {
   TakeShapes("output", settings.outputShapes, model.outputs);
-  std::vector<std::string> unknown;
-  for (const Tensor& output : model.outputs) {
-    if (!IsKnown(output)) {
-      unknown.push_back("\"" + output.name + "\": " + ShapeText(output.dims));
+  std::vector<size_t> unknown;
+  std::vector<std::string> entries;
+  for (size_t i = 0; i < model.outputs.size(); ++i) {
+    const Tensor& output = model.outputs[i];
+    if ((output.dims.empty() || output.IsOpen()) && settings.outputShapes.count(output.name) == 0) {
+      unknown.push_back(i);
+      entries.push_back("\"" + output.name + "\": " + ShapeText(output.dims));
     }
   }
-  if (!unknown.empty()) {
-    About("a run on zeros does not show the shapes of outputs: write \"output_shapes\": {" +
-              Joined(unknown) + "}, with whole shapes for these, into the settings file",
-          [&] { LearnShapes(model); });
+  if (unknown.empty()) {
+    return;
   }
+  About("a run on zeros does not show shapes of outputs: write \"output_shapes\": {" +
+            Joined(entries) + "}, with whole shapes for these, into the settings file",
+        [&] {
+          const std::vector<Array> results = RunOnZeros(model);
+          for (const size_t i : unknown) {
+            const std::vector<int64_t>& dims = model.outputs[i].dims = results[i].dims;
+            Require(std::count(dims.begin(), dims.end(), 0) == 0, "output",
+                    Quoted(model.outputs[i].name), " came out with shape ", ShapeText(dims));
+          }
+        });
 }
 
 // With given shapes written into the file, the engine may find fault with a branch that they rule

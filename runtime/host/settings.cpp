@@ -39,9 +39,10 @@ Fault ReadFault(const Json& object) {
 Shapes ReadShapes(const Json& object, const std::string& key) {
   Shapes shapes;
   for (const auto& [name, dims] : Expect(object, object.is_object(), key, "an object").items()) {
+    std::vector<int64_t>& shape = shapes[name];
     for (const Json& dim :
          Expect(dims, dims.is_array(), key, "shapes by name, such as {\"x\": [1, 3, 48, 192]}")) {
-      shapes[name].push_back(Number(dim, key, 1));
+      shape.push_back(Number(dim, key, 1));
     }
   }
   return shapes;
