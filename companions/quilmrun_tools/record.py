@@ -88,7 +88,6 @@ class Record:
     command: list[str] = field(default_factory=list)
     library: str = ""
     complete: bool = False
-    part: bool = False  # of a record that was complete when it was written
     exit_status: int | None = None
     start_us: int = 0  # microseconds since 1970
     recorder_cost_us: float | None = None
@@ -97,6 +96,7 @@ class Record:
     calls: list[Call] = field(default_factory=list)
     memory: list[MemoryPoint] = field(default_factory=list)
     unfinished: str = ""  # the function in which the run ended
+    part: bool = False  # of a record that was complete when it was written
 
     @property
     def executions(self) -> list[Call]:
