@@ -136,7 +136,7 @@ class Verdicts(CompareTest):
         self.outputs_of("b", *[{"y": [1]}] * 4)
         files = [{"inference": run, "input": "x", "file": f"{run}.bin", "bytes": 1, "sha256": "",
                   "sources": [{"path": f"/photos/{name}", "sha256": "", "width": 1, "height": 1}]}
-                 for run, name in enumerate(("café.jpg", "b.jpg", "c.jpg", "d.jpg"))]
+                 for run, name in enumerate(("café.jpg", "b\n.jpg", "c.jpg", "d.jpg"))]
         self.write("p/inputs.json", json.dumps({
             "format": "quilmrun-inputs", "version": 1, "created": "", "command": [], "options": {},
             "model": {}, "list": "list.txt", "batch": 1, "files": files}))
@@ -145,9 +145,9 @@ class Verdicts(CompareTest):
         _, out, _ = self.run_companion("a", "b")
         worst = out.partition("worst runs:\n")[2].splitlines()[1:3]
         self.assertEqual([(line.split()[0], line.split()[-1]) for line in worst],
-                         [("1", "b.jpg"), ("2", "c.jpg")])
+                         [("1", "b?.jpg"), ("2", "c.jpg")])
         self.assertIn("\n3/y: missing; d.jpg\n", out)
-        self.assertEqual(self.compare(status=1)["runs"][1]["sources"], ["/photos/b.jpg"])
+        self.assertEqual(self.compare(status=1)["runs"][1]["sources"], ["/photos/b\n.jpg"])
 
 
 class Pairs(CompareTest):

@@ -192,10 +192,16 @@ def _print_table(head: list[str], rows: list[list[str]]) -> None:
                         for cell, title, width in zip(row, head, widths)).rstrip())
 
 
+def _printable(name: str) -> str:
+    """A file name on one line."""
+    return "".join(letter if letter.isprintable() else "?" for letter in name)
+
+
 def print_result(result: Comparison, output: Side, notes: list[str],
                  sources: dict[int, list[Source]], worst: int) -> None:
     """Outputs, the worst runs, notes and the verdict."""
-    labels = {run: ", ".join(source.label for source in found) for run, found in sources.items()}
+    labels = {run: _printable(", ".join(source.label for source in found))
+              for run, found in sources.items()}
     _print_table(["output", "type", *_COLUMNS],
                  [[text(key), comparison.type_of(key, output), *_cells(tally)]
                   for key, tally in result.totals.items()])
