@@ -1,3 +1,4 @@
+// Runs the benchmarks on a runtime that describes a model of their own, in a scratch directory.
 #include <benchmark/benchmark.h>
 
 #include <cmath>

@@ -1,3 +1,4 @@
+// Reads a calls file, by mapping it, and says what its entries mean.
 #include "companions/recorder/calls.h"
 
 #include <fcntl.h>

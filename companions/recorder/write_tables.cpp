@@ -1,3 +1,4 @@
+// Writes the two tables: all calls separated by commas, and the statistics for people.
 #include <cstdint>
 
 #include "companions/recorder/write_record.h"

@@ -1,3 +1,4 @@
+// Writes record.json: the facts and statistics of a run, and its calls as a trace.
 #include <cstdint>
 
 #include "companions/recorder/write_record.h"
