@@ -1,5 +1,5 @@
-// Finds the phases of a run, its inferences and the copies between calls, by what the tool calls one
-// after the other.
+// Finds the phases of a run, its inferences and the copies between calls, by what the tool calls
+// one after the other.
 #include <unordered_map>
 
 #include "companions/recorder/calls.h"
