@@ -176,7 +176,7 @@ class BadInput(HostRuntimeTest):
                        "[ERROR] Set rpn data failed\n" + FAILURE, "-r", "rpn",
                        model_bytes=copies({"x": [1, 4], "r": [1, 4]}))
 
-    def test_report_goes_behind_the_last_separator_of_either_kind(self):
+    def test_report_goes_after_the_last_separator_of_either_kind(self):
         self.write("m.onnx", identity([1, 8]))
         self.write("d/q\\q.json", "{}")
         (self.dir / "d/q").mkdir()

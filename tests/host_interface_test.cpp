@@ -94,7 +94,7 @@ TEST_F(HostInterface, RefusesDatasetsThatDoNotFitTheModel) {
   EXPECT_EQ(Finish().substr(0, expected.size()), expected);
 }
 
-TEST_F(HostInterface, CountsFramesBehindTotalTAsZeros) {
+TEST_F(HostInterface, CountsFramesAfterTotalTAsZeros) {
   const uint32_t id = LoadModel(QUILMRUN_ECG_MODEL);
   quilm_mdl_dataset* input = MakeDataset({{8192, 32}, {1024, 1024}, {1024, 1024}, {4096, 4096}});
   quilm_mdl_dataset* output = MakeDataset({{1024, 1024}});
