@@ -129,9 +129,11 @@ class BadInput(HostRuntimeTest):
         self.write("m.onnx", identity([1, 8]))
         for content, reason in [
                 (None, "cannot be opened"), ("{", "parse error"), ("[]", "JSON object"),
-                ('{"run_node": 0}', 'unknown key "run_node"'), ('{"run_mode": "0"}', "whole number"),
-                ('{"row_alignment": 0}', "from 1"), ('{"row_alignment": 1.5}', "whole number"),
-                ('{"faults": {}}', "list"), ('{"faults": [{"function": "quilm_init"}]}', "call"),
+                ('{"run_node": 0}', 'unknown key "run_node"'), ('{"run_mode": "0"}', '"run_mode": .* type must be number'),
+                ('{"row_alignment": 0}', "from 1"), ('{"row_alignment": 1.5}', "whole ones"),
+                ('{"threads": -1}', "whole ones"), ('{"threads": 4294967296}', "2147483647"),
+                ('{"faults": [{"function": "quilm_init", "call": 1, "kode": 1}]}', "takes"),
+                ('{"faults": {}}', "must be array"), ('{"faults": [{"function": "quilm_init"}]}', "call"),
                 ('{"faults": [{"function": "printf", "call": 1}]}', "no such function"),
                 ("[" * 200000, "too deeply")]:
             with self.subTest(content=content):

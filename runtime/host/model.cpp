@@ -158,7 +158,7 @@ bool ReadInputs(const Onnx__GraphProto& graph, const Settings& settings, Model& 
     });
   }
   const std::vector<Tensor> inFile = model.inputs;
-  TakeShapes("input", settings.inputShapes, model.inputs);
+  TakeShapes("input", settings.input_shapes, model.inputs);
   InferFromNames(inFile, model.inputs);
   const std::string missing = MissingEntries(model.inputs, symbols);
   Require(missing.empty(), "it leaves shapes open: write \"input_shapes\": {", missing,
@@ -257,12 +257,13 @@ std::vector<Array> RunOnZeros(const Model& model) {
 // What neither the engine nor the settings tell is learnt by a run on zeros. The engine tells a
 // shape of any number of dimensions like that of a scalar.
 void DescribeOutputs(Model& model, const Settings& settings) {
-  TakeShapes("output", settings.outputShapes, model.outputs);
+  TakeShapes("output", settings.output_shapes, model.outputs);
   std::vector<size_t> unknown;
   std::vector<std::string> entries;
   for (size_t i = 0; i < model.outputs.size(); ++i) {
     const Tensor& output = model.outputs[i];
-    if ((output.dims.empty() || output.IsOpen()) && settings.outputShapes.count(output.name) == 0) {
+    if ((output.dims.empty() || output.IsOpen()) &&
+        settings.output_shapes.count(output.name) == 0) {
       unknown.push_back(i);
       entries.push_back("\"" + output.name + "\": " + ShapeText(output.dims));
     }
@@ -317,15 +318,15 @@ size_t PhysicalMemory() {
 Model LoadModel(Bytes file, const Settings& settings) {
   Model model;
   const std::vector<uint8_t> changed = ReadOnnxFile(file, settings, model);
-  LayOutAll("input", model.inputs, settings.rowAlignment);
+  LayOutAll("input", model.inputs, settings.row_alignment);
   std::vector<Bytes> files = {file};
   if (!changed.empty()) {
     files.insert(files.begin(), {changed.data(), changed.size()});
   }
   CreateEngineOfEither(files, settings, model);
-  LayOutAll("output", model.outputs, settings.rowAlignment);
-  model.inputs.push_back(PlainBuffer("task_buffer", settings.taskBufferSize));
-  model.inputs.push_back(PlainBuffer("work_buffer", settings.workBufferSize));
+  LayOutAll("output", model.outputs, settings.row_alignment);
+  model.inputs.push_back(PlainBuffer("task_buffer", settings.task_buffer_size));
+  model.inputs.push_back(PlainBuffer("work_buffer", settings.work_buffer_size));
   return model;
 }
 

@@ -14,16 +14,17 @@ struct Fault {
   int64_t code = 0;
 };
 
+/// The members are called like the keys.
 struct Settings {
-  size_t rowAlignment = 32;      // bytes that strides are rounded up to
-  size_t taskBufferSize = 1024;  // bytes
-  size_t workBufferSize = 4096;  // bytes
-  size_t runMode = 0;            // what quilm_rt_get_run_mode() reports
-  size_t threads = 0;            // of the engine; 0: as many as the machine has cores
-  bool trace = false;            // every call is named on standard error
+  size_t row_alignment = 32;       // bytes that strides are rounded up to
+  size_t task_buffer_size = 1024;  // bytes
+  size_t work_buffer_size = 4096;  // bytes
+  size_t run_mode = 0;             // what quilm_rt_get_run_mode() reports
+  size_t threads = 0;              // of the engine; 0: as many as the machine has cores
+  bool trace = false;              // every call is named on standard error
   std::vector<Fault> faults;
-  Shapes inputShapes;   // of inputs that the model leaves open
-  Shapes outputShapes;  // of outputs that neither the engine nor a run on zeros tells
+  Shapes input_shapes;   // of inputs that the model leaves open
+  Shapes output_shapes;  // of outputs that neither the engine nor a run on zeros tells
 };
 
 /// Reads the file at `path`. Refuses one that is unreadable or no JSON, an unknown key, a value of
