@@ -5,7 +5,7 @@ Results go to standard output; errors, warnings and the progress bar to standard
 """
 
 import argparse
-import importlib
+import importlib.util
 import json
 import os
 import signal
@@ -178,8 +178,9 @@ def run(module: str) -> NoReturn:
     except Unreadable as error:
         fail(str(error))
     except ModuleNotFoundError as error:
-        fail(f"Python's {error.name} is missing: "
-             f"apt install {_PACKAGES.get(str(error.name), error.name)}")
+        missing = [package for name, package in _PACKAGES.items()
+                   if importlib.util.find_spec(name) is None]
+        fail(f"Python's {error.name} is missing: apt install {' '.join(missing) or error.name}")
     except MemoryError:
         fail("there is not enough memory")
     except BrokenPipeError:  # nobody reads on
