@@ -147,7 +147,8 @@ class Descriptions(OddRuntimeTest):
         self.assertIn("quilm_mdl_set_dynamic_batch_size 77 0 1\n", self.calls())
         too_many = "[ERROR] Current number of frames[{}] must be smaller than the " \
                    "recurrent_max_total_t[{}]\n"
-        self.check(1, too_many.format(5, 4) + STAGING_FAILED, recurrent, data=bytes(40),
+        self.check(1, too_many.format(5, 4) + STAGING_FAILED,
+                   recurrent.replace("1 4\n", "1 9\n", 1), data=bytes(40),
                    list_text="x.bin\nx.bin\n")
         self.check(1, too_many.format(4, 3) + STAGING_FAILED,
                    recurrent.replace("1 4\n", "1 3\n", 1), data=bytes(32),
@@ -222,7 +223,7 @@ class Outputs(OddRuntimeTest):
         for claimed, dumped in ((2, 2), (-1, 4096)):
             out, files = self.dump("output y 4 16 8 2 4\n",
                                    f"fail quilm_mdl_get_dataset_num_buffers 2 {claimed}\n",
-                                   complaint=r"host runtime: .*buffer: entry \d+, but there are 1")
+                                   complaint=r"host runtime: .*buffer: \w+ \d+, but there are 1")
             self.assertEqual(out.count("quilm_data_type"), dumped)
             self.assertEqual(out.count("] dataBuffer nullptr invalid\n" + failed), 2 * dumped - 2)
             self.assertEqual(sorted(files), ["0/y.0.S.bin", "0/y.0.S.float"])

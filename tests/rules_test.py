@@ -2,6 +2,7 @@
 
 import os
 import re
+import time
 import unittest
 import unittest.mock
 
@@ -95,11 +96,17 @@ class Rules(OddRuntimeTest):
                       "quilm_mdl_destroy_dataset\n" + 2 * entry + "quilm_mdl_destroy_dataset\n",
                       re.sub(r"quilm_(mdl_get_dataset|get_data).*\n", "", self.calls()))
 
-    def test_the_report_has_the_time_of_the_last_group(self):
-        self.check(0, SUCCESS, "run quilm_mdl_execute 1 sleep 0.5\n" + PLAIN,
-                   list_text="x.bin\nx.bin\n")
-        values = (self.dir / "memory_data.csv").read_text().splitlines()[1].split(",")
-        self.assertLess(float(values[2]), 500)
+    def test_times_are_of_the_last_group_and_of_one_execution(self):
+        for script, options, least, most in (
+                ("run quilm_mdl_execute 1 sleep 0.5\n", (), 0, 500),
+                ("run quilm_mdl_execute 0 sleep 0.03\n", ("-p", "1"), 30, 600)):
+            before = time.time_ns() // 1000
+            self.check(0, SUCCESS if not options else "ms\n[INFO]  " + 51 * "=" + "\n",
+                       script + PLAIN, *options, list_text="x.bin\nx.bin\n")
+            values = (self.dir / "memory_data.csv").read_text().splitlines()[1].split(",")
+            self.assertTrue(least <= float(values[2]) < most, values)
+            stamps = [int(path.name.split(".")[2]) for path in self.dir.glob("out/*/*")]
+            self.assertTrue(before <= max(stamps) <= time.time_ns() // 1000, stamps)
 
     def test_a_model_file_that_disappears_while_it_is_loaded(self):
         self.check(1, f"[ERROR] open file $D/m.om failed\n{NO_MEDIA_MEMORY}"
