@@ -135,12 +135,15 @@ class Locale(OddRuntimeTest):
     def test_figures_have_a_point_in_every_locale(self):
         subprocess.run(["localedef", "-c", "-i", "de_DE", "-f", "UTF-8", self.dir / "de_DE.UTF-8"],
                        check=True, capture_output=True)
+        self.write("rpn", "0.5 1 1 1")
         with mock.patch.dict(os.environ, LOCPATH=str(self.dir)):
-            status, out = self.run_odd("locale quilm_init 1 de_DE.UTF-8\n" + PLAIN, "-p", "1")
+            status, out = self.run_odd("locale quilm_init 1 de_DE.UTF-8\n" + PLAIN.replace(
+                "input task", "input r 0 32 32 1 4\ninput task"), "-p", "1", "-r", "rpn")
         self.assertEqual(status, 0)
-        self.assertEqual(self.csv(), "T,T,T,0.016,0.008,0.016,0.016,0.005,0\n")
-        self.assertIn("[INFO]  Input Size:                0.016 KB.\n", out)
+        self.assertEqual(self.csv(), "T,T,T,0.047,0.008,0.016,0.016,0.005,0\n")
+        self.assertIn("[INFO]  Input Size:                0.047 KB.\n", out)
         self.assertRegex(out, r"Execute Time: +T ms\n")
+        self.assertIn("  32/32:0000003f0000803f", self.calls())
 
 
 if __name__ == "__main__":

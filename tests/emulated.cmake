@@ -9,8 +9,7 @@ file(GENERATE OUTPUT ${emulated}
   CONTENT "#!/bin/sh\nexec '${CMAKE_CROSSCOMPILING_EMULATOR}' '$<TARGET_FILE:quilmrun>' \"$@\"\n"
   FILE_PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE)
 
-foreach(test bad_input_test board_docs_test emulated_test host_runtime_test odd_runtime_test
-        package_test)
+foreach(test bad_input_test emulated_test host_runtime_test odd_runtime_test package_test)
   add_test(NAME ${test} COMMAND ${PYTHON3} ${CMAKE_CURRENT_SOURCE_DIR}/${test}.py)
   set_tests_properties(${test} PROPERTIES ENVIRONMENT
     "QUILMRUN=${emulated};QUILMRUN_NATIVE=${QUILMRUN_NATIVE};HOST_RUNTIME=$<TARGET_FILE:quilm>;EMULATOR=${CMAKE_CROSSCOMPILING_EMULATOR};VERSION=${PROJECT_VERSION};ODD_RUNTIME=${CMAKE_CURRENT_BINARY_DIR}/odd;PYTHONDONTWRITEBYTECODE=1")
@@ -20,7 +19,7 @@ endforeach()
 add_test(NAME package COMMAND ${PROJECT_SOURCE_DIR}/scripts/package)
 set_tests_properties(package PROPERTIES FIXTURES_SETUP packages)
 # Which also makes the native executable that others compare with.
-set_tests_properties(board_docs_test emulated_test package_test PROPERTIES
+set_tests_properties(emulated_test package_test PROPERTIES
   FIXTURES_REQUIRED packages)
 
 # Linked against a library in C++, which the one for the board is not.

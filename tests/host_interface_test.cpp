@@ -1,7 +1,6 @@
 // The host runtime called as no tool should: every misuse is an explained error, never a crash.
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <fstream>
 #include <iterator>
 #include <string>
@@ -92,64 +91,6 @@ TEST_F(HostInterface, RefusesDatasetsThatDoNotFitTheModel) {
     expected += fits ? "" : "host runtime: " + std::string(row.explanation) + "\n";
   }
   EXPECT_EQ(Finish().substr(0, expected.size()), expected);
-}
-
-TEST_F(HostInterface, CountsFramesAfterTotalTAsZeros) {
-  const uint32_t id = LoadModel(QUILMRUN_ECG_MODEL);
-  quilm_mdl_dataset* input = MakeDataset({{8192, 32}, {1024, 1024}, {1024, 1024}, {4096, 4096}});
-  quilm_mdl_dataset* output = MakeDataset({{1024, 1024}});
-  const auto dataOf = [](quilm_mdl_dataset* dataset, size_t index) {
-    return static_cast<float*>(
-        quilm_get_data_buffer_addr(quilm_mdl_get_dataset_buffer(dataset, index)));
-  };
-  std::fill_n(dataOf(input, 0), 2048, 0.5F);
-  std::fill_n(dataOf(input, 1), 256, 1.0F);
-  const auto predict = [&](int64_t totalT) {
-    EXPECT_EQ(quilm_mdl_set_total_t(id, input, totalT), 0);
-    EXPECT_EQ(quilm_mdl_execute(id, input, output), 0);
-    return std::vector<float>(dataOf(output, 0), dataOf(output, 0) + 256);
-  };
-  const std::vector<float> all = predict(256);
-  const std::vector<float> ten = predict(10);
-  EXPECT_TRUE(std::equal(all.begin(), all.begin() + 10, ten.begin()));
-  EXPECT_NE(all[10], ten[10]);
-  std::fill_n(dataOf(input, 0) + 80, 2048 - 80, 0.0F);  // frames are 8 floats apart
-  EXPECT_EQ(predict(256), ten);
-  EXPECT_NE(quilm_mdl_set_total_t(id, input, 257), 0);
-  EXPECT_NE(quilm_mdl_set_total_t(id, input, 0), 0);
-}
-
-TEST_F(HostInterface, KnowsWhatNoLongerExists) {
-  const uint32_t id = LoadModel(QUILMRUN_DIGITS_MODEL);
-  quilm_mdl_dataset* dataset = MakeDataset({{64, 64}});
-  quilm_data_buffer* buffer = quilm_mdl_get_dataset_buffer(dataset, 0);
-  void* memory = quilm_get_data_buffer_addr(buffer);
-  EXPECT_EQ(quilm_mdl_get_dataset_buffer(dataset, 1), nullptr);
-  EXPECT_EQ(quilm_create_data_buffer(memory, 65, 64), nullptr);
-  EXPECT_EQ(quilm_rt_free(memory), 0);
-  EXPECT_NE(quilm_rt_free(memory), 0);
-  EXPECT_EQ(quilm_create_data_buffer(memory, 64, 64), nullptr);
-  EXPECT_EQ(quilm_destroy_data_buffer(buffer), 0);
-  EXPECT_NE(quilm_destroy_data_buffer(buffer), 0);
-  EXPECT_EQ(quilm_get_data_buffer_addr(buffer), nullptr);
-  EXPECT_NE(quilm_mdl_execute(id, dataset, dataset), 0);
-  EXPECT_EQ(quilm_mdl_destroy_dataset(dataset), 0);
-  EXPECT_EQ(quilm_mdl_get_dataset_num_buffers(dataset), 0U);
-  EXPECT_EQ(quilm_mdl_unload(id), 0);
-  EXPECT_NE(quilm_mdl_unload(id), 0);
-  int32_t netType = 7;
-  EXPECT_NE(quilm_ext_get_mdl_net_type(id, &netType), 0);
-  EXPECT_EQ(netType, 7);
-  quilm_mdl_desc* desc = quilm_mdl_create_desc();
-  EXPECT_EQ(quilm_mdl_get_num_inputs(desc), 0U) << "not filled yet";
-  EXPECT_NE(quilm_mdl_get_desc(desc, id), 0);
-  EXPECT_EQ(quilm_mdl_destroy_desc(desc), 0);
-  EXPECT_EQ(quilm_mdl_get_input_size_by_index(desc, 0), 0U);
-  const std::string said = Finish();
-  EXPECT_NE(said.find("host runtime: quilm_rt_free: block of device memory does not exist (any "
-                      "more)\n"),
-            std::string::npos);
-  EXPECT_EQ(said.find("still there"), std::string::npos);
 }
 
 TEST_F(HostInterface, TellsWhatIsLeftAtTheEnd) {

@@ -97,19 +97,6 @@ class WholeRuns(HostRuntimeTest):
             self.check_run(result, self.profile_log(groups, end), files(0, "y", *range(8)),
                            ("0.031", "0.031"), status)
 
-    def test_failing_group_in_the_middle(self):
-        for k in range(4):
-            self.write(str(k), floats(*range(k, k + 8)))
-        row = ("[1, 8, ]", 0, 32, 32)
-        done = "".join(staged(str(k), 32, 32, 4, "1,8") + executed() for k in range(2))
-        self.check_run(
-            self.run_model(identity([1, 8]), "0\n1\n2\n3", settings={
-                "faults": [{"function": "quilm_mdl_execute", "call": 3, "code": 507}]}),
-            whole_log([("x", *row)], [("y", *row)], ["0", "1", "2", "3"],
-                      done + staged("2", 32, 32, 4, "1,8") + NOT_EXECUTED, FAILURE),
-            {**files(0, "y", *range(8)), **files(1, "y", *range(1, 9))}, ("0.031", "0.031"),
-            status=1)
-
     def test_recurrent_model(self):
         # Two of three frames are there; the staged third one counts as zeros, marks are not cut.
         shape = [3, 1, 2]
@@ -130,20 +117,6 @@ class WholeRuns(HostRuntimeTest):
                                           **files(0, "n", 1, 1, 1)})
         _, out, _ = self.run_model(identity([1, 2]), "marks", "-t", "4", "-b", "2")
         self.assertIn("model type: 0\n[INFO]  model execute success\n", out)
-
-    def test_rpn_data(self):
-        proto = model([helper.make_node("Identity", ["x"], ["y"]),
-                       helper.make_node("Identity", ["r"], ["s"])],
-                      [tensor("x", [1, 2]), tensor("r", [4, 2])],
-                      [tensor("y", [1, 2]), tensor("s", [4, 2])])
-        self.write("x", floats(1, 2))
-        rpn = self.write("rpn", "1 2\n3 4\n5 6\n7 8\n")
-        status, out, err = self.run_model(proto, "x\nx\n", "-r", rpn)
-        self.assertEqual((status, err), (0, ""))
-        self.assertEqual(out.count("[INFO]  input rpn data height[4] * width[2]\n"), 2)
-        self.assertEqual(self.outputs(), {
-            name: content for run in (0, 1) for name, content in {
-                **files(run, "y", 1, 2), **files(run, "s", *range(1, 9))}.items()})
 
     def test_every_element_type(self):
         rows = [

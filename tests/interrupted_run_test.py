@@ -7,9 +7,9 @@ import signal
 import subprocess
 import unittest
 
-from models import NOT_EXECUTED, HostRuntimeTest, copies, floats, relu
+from models import NOT_EXECUTED, HostRuntimeTest, copies, floats
 from odd import FAILURE, PLAIN, SUCCESS, OddRuntimeTest
-from tool import QUILMRUN, TEARDOWN
+from tool import QUILMRUN
 
 FOUR = "x.bin\n" * 4
 DUMPED = ("[INFO]  model execute success\n[INFO]  The value of quilm_data_type is [4]\n"
@@ -93,49 +93,6 @@ class Signals(OddRuntimeTest):
         self.assertEqual(result.returncode, 1)
 
 
-class InterruptedFromOutside(HostRuntimeTest):
-    def start(self, groups, **options):
-        self.write("m.onnx", relu([1, 8]))
-        self.write("x", floats(*range(8)))
-        self.write("list.txt", "x\n" * groups)
-        self.write("q.json", "{}")
-        return subprocess.Popen([os.path.abspath(QUILMRUN), "-m", "m.onnx", "-i", "list.txt", "-j",
-                                 "q.json", "-o", "out"], cwd=self.dir, stdout=subprocess.PIPE,
-                                stderr=subprocess.PIPE, text=True, **options)
-
-    def read_until(self, process, text):
-        log = ""
-        while text not in log:
-            line = process.stdout.readline()
-            self.assertTrue(line, log)
-            log += line
-        return log
-
-    def end(self, process):
-        with process.stderr:
-            return process.stderr.read()
-
-    def test_interrupt_key(self):
-        process = self.start(20000, preexec_fn=lambda: signal.signal(signal.SIGINT, signal.SIG_DFL))
-        log = self.read_until(process, "dump data success")
-        process.send_signal(signal.SIGINT)
-        with process.stdout:
-            log += process.stdout.read()
-        self.assertEqual((process.wait(timeout=60), self.end(process)), (1, ""))
-        (done,) = re.findall(r"stopped by a signal: (\d+) of 20000 groups done\n", log)
-        self.assertEqual(log.count("dump data success"), int(done))
-        self.assertEqual(groups_of(self.outputs()), list(range(int(done))))
-        self.assertTrue(log.endswith(TEARDOWN), log[-999:])
-        self.assertTrue((self.dir / "memory_data.csv").exists())
-
-    def test_nobody_reads_the_log(self):
-        process = self.start(500)  # more lines than a pipe holds
-        self.read_until(process, "quilm init success")
-        process.stdout.close()
-        self.assertEqual((process.wait(timeout=60), self.end(process)), (0, ""))
-        self.assertEqual(groups_of(self.outputs()), list(range(500)))
-
-
 @unittest.skipIf("debug" in QUILMRUN, "the sanitizers have calls of their own to make")
 class SystemCalls(HostRuntimeTest):
     def test_interrupted_and_short_calls_change_nothing(self):
@@ -183,10 +140,6 @@ class OutputDirectory(OddRuntimeTest):
     def test_disappears(self):
         self.check_run("run quilm_mdl_execute 3 mv out gone\n", self.failures(2, 3), [0, 1],
                        directory="gone")
-
-    def test_becomes_read_only(self):
-        self.check_run("run quilm_mdl_execute 3 mount -o remount,ro out\n", self.failures(2, 3),
-                       [0, 1], self.own_mounts("mount -t tmpfs none out", "cp -r out kept"), "kept")
 
 
 class MediaMemory(OddRuntimeTest):

@@ -2,14 +2,10 @@
 
 #include <gtest/gtest.h>
 
-#include <clocale>
 #include <cmath>
-#include <cstdlib>
 #include <limits>
 #include <string>
 #include <vector>
-
-#include "output/dump.h"
 
 namespace quilmrun {
 namespace {
@@ -98,26 +94,6 @@ TEST(ParseFloats, RefusesEverythingElse) {
   }
   std::vector<float> values;
   EXPECT_FALSE(ParseFloats(std::string_view("1\0002", 3), values)) << "a NUL byte";
-}
-
-TEST(Numbers, DoNotFollowTheLocale) {
-  const std::string directory = testing::TempDir() + "quilmrun_locale";
-  const std::string command = "mkdir -p " + directory + " && localedef -c -i de_DE -f UTF-8 " +
-                              directory + "/de_DE.UTF-8 >/dev/null 2>&1";
-  ASSERT_EQ(std::system(command.c_str()), 0) << "Debian's package locales is needed";
-  setenv("LOCPATH", directory.c_str(), 1);
-  ASSERT_NE(std::setlocale(LC_ALL, "de_DE.UTF-8"), nullptr);
-  std::vector<float> values;
-  const bool accepted = ParseFloats("0.5", values);
-  const bool commaAccepted = ParseFloats("0,5", values);
-  ValueLine line;
-  const std::string printed(line.data(), FormatValueLine(0.5F, line));
-  std::setlocale(LC_ALL, "C");
-  unsetenv("LOCPATH");
-  EXPECT_TRUE(accepted);
-  EXPECT_FALSE(commaAccepted);
-  EXPECT_EQ(values, (std::vector<float>{0.5F, 0}));
-  EXPECT_EQ(printed, "0.5000000000000000\n");
 }
 
 }  // namespace

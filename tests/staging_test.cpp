@@ -1,12 +1,10 @@
 #include "input/staging.h"
 
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 
 #include <cstdlib>
 #include <fstream>
 #include <string>
-#include <thread>
 #include <vector>
 
 namespace quilmrun {
@@ -86,25 +84,6 @@ TEST_F(CopyRowsTest, PutsEveryByteInItsPlaceWhereverTheFileEnds) {
       EXPECT_EQ(Actual(layout, Path()), Expected(layout, content))
           << layout.rowBytes << " of " << layout.stride << ", " << size << " bytes";
     }
-  }
-}
-
-// A pipe hands out what is there at the moment, so that reads come back short.
-TEST_F(CopyRowsTest, ContinuesShortReads) {
-  for (const RowLayout& layout : kLayouts) {
-    const std::string content = Content(layout.batches * layout.rows * layout.rowBytes);
-    std::remove(Path().c_str());
-    ASSERT_EQ(mkfifo(Path().c_str(), 0600), 0);
-    std::thread writer([&] {
-      std::ofstream pipe(Path(), std::ios::binary);
-      for (size_t done = 0; done < content.size(); done += 777) {
-        pipe.write(content.data() + done,
-                   static_cast<std::streamsize>(std::min<size_t>(777, content.size() - done)));
-        pipe.flush();
-      }
-    });
-    EXPECT_EQ(Actual(layout, Path()), Expected(layout, content));
-    writer.join();
   }
 }
 
