@@ -24,7 +24,7 @@ from onnx import numpy_helper
 
 DATA_DIR = "/usr/share/libonnx-testdata/data"
 RIGHT_FLOOR = 850
-AT_ONCE = 2
+AT_ONCE = os.cpu_count()
 TIMEOUT_SECONDS = 20
 SANITIZER_REPORT = re.compile(r"AddressSanitizer|LeakSanitizer|runtime error:")
 EXPLANATION = re.compile(r"^host runtime: (.*)$", re.MULTILINE)
