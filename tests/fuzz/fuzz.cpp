@@ -3,8 +3,6 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
-#include <algorithm>
-
 namespace quilmrun_fuzz {
 
 MemoryFile::MemoryFile()
@@ -17,12 +15,6 @@ const std::string& MemoryFile::Hold(std::string_view content) {
   const ssize_t written = pwrite(descriptor_, content.data(), content.size(), 0);
   Require(written == static_cast<ssize_t>(content.size()));
   return path_;
-}
-
-std::string_view TakeLine(std::string_view& text) {
-  const std::string_view line = text.substr(0, text.find('\n'));
-  text.remove_prefix(std::min(text.size(), line.size() + 1));
-  return line;
 }
 
 }  // namespace quilmrun_fuzz

@@ -31,9 +31,6 @@ class MemoryFile {
   std::string path_;
 };
 
-/// Takes everything up to the first newline off `text`.
-std::string_view TakeLine(std::string_view& text);
-
 }  // namespace quilmrun_fuzz
 
 #endif  // QUILMRUN_TESTS_FUZZ_FUZZ_H_
