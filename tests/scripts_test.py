@@ -39,16 +39,16 @@ class RunExample(tool.ToolTest):
                 self.assertEqual(self.outputs("."), before)
                 self.assertFalse((self.dir / "new").exists())
 
-    def test_replaces_what_it_made(self):
-        self.write("cat", "purr")
-        (self.dir / "out/link").symlink_to(self.dir)
-        self.assertEqual(self.run_example("digits", BUILD, "out")[0], 2)
-        (self.dir / "out/link").unlink()
+    def test_replaces_what_it_made_and_nothing_else(self):
         for _ in range(2):
             self.assertEqual(self.run_example("digits", BUILD, "out"), (0, ""))
             self.assertEqual(len(list((self.dir / "out/0").iterdir())), 2)
-            (self.dir / "out/link").symlink_to(self.dir)
-        self.assertEqual((self.dir / "cat").read_text(), "purr")
+        self.write("out/0/notes", "of the user")
+        before = self.outputs(".")
+        status, errors = self.run_example("digits", BUILD, "out")
+        self.assertEqual((status, errors), (2, "run-example: $D/out holds files that are not of an "
+                                               "example: give a new or an empty directory\n"))
+        self.assertEqual(self.outputs("."), before)
 
 
 if __name__ == "__main__":
