@@ -4,6 +4,8 @@
 #ifndef QUILMRUN_RUNTIME_HOST_DIAGNOSTICS_H_
 #define QUILMRUN_RUNTIME_HOST_DIAGNOSTICS_H_
 
+#include <algorithm>
+#include <cstdio>
 #include <sstream>
 #include <stdexcept>
 #include <string>
@@ -15,10 +17,22 @@ struct Refusal : std::runtime_error {
 };
 
 /// Prints a problem, each line of it with the prefix.
-void Explain(const std::string& problem);
+inline void Explain(const std::string& problem) {
+  std::istringstream lines(problem);
+  std::string text;
+  for (std::string line; std::getline(lines, line);) {
+    text += "host runtime: " + line + "\n";
+  }
+  // Texts from files may hold anything.
+  const auto isControl = [](unsigned char c) { return c < ' ' && c != '\n'; };
+  std::replace_if(text.begin(), text.end(), isControl, ' ');
+  std::fwrite(text.data(), 1, text.size(), stderr);
+}
 
 /// The text in quotation marks, for names.
-std::string Quoted(const std::string& name);
+inline std::string Quoted(const std::string& name) {
+  return " \"" + name + "\"";
+}
 
 template <typename Parts>
 std::string Joined(const Parts& parts, const char* separator = ", ") {
