@@ -28,9 +28,10 @@ const Onnx__NodeProto* FollowInputs(const Onnx__GraphProto& graph,
 
 }  // namespace
 
-Engine CreateEngine(Bytes file, const std::vector<Tensor>& inputs, std::vector<Tensor>& outputs,
-                    size_t) {
-  Onnx__ModelProto* proto = onnx__model_proto__unpack(nullptr, file.size, file.data);
+Engine CreateEngine(std::string_view file, const std::vector<Tensor>& inputs,
+                    std::vector<Tensor>& outputs, size_t) {
+  Onnx__ModelProto* proto = onnx__model_proto__unpack(
+      nullptr, file.size(), reinterpret_cast<const uint8_t*>(file.data()));
   std::map<std::string, size_t> sourcesByName;
   for (size_t i = 0; i < inputs.size(); ++i) {
     sourcesByName.emplace(inputs[i].name, i);

@@ -1,29 +1,26 @@
 // Execution: batches at once where the model can, one at a time otherwise.
 #include <algorithm>
 #include <cmath>
-#include <cstring>
 
 #include "runtime/host/state.h"
 
 namespace quilm_host {
 namespace {
 
-void CheckEntry(const Tensor& tensor, uint64_t batchSize, const quilm_data_buffer* entry) {
-  const auto buffer = state.buffers.Find(entry);
-  state.memory.Find(buffer->pointer);
-  Require(batchSize <= buffer->size / tensor.size, "its buffer has ", buffer->size, " bytes, ",
-          batchSize, " x ", tensor.size, " are needed");
-  Require(buffer->stride == tensor.stride, "its buffer has stride ", buffer->stride, ", the model ",
-          tensor.stride);
-}
-
 void CheckDataset(const std::string& kind, const quilm_mdl_dataset& dataset,
                   const std::vector<Tensor>& tensors, uint64_t batchSize) {
   Require(dataset.buffers.size() == tensors.size(), "the ", kind, " dataset has ",
           dataset.buffers.size(), " entries, the model ", tensors.size());
   for (size_t i = 0; i < tensors.size(); ++i) {
-    About(kind + " " + std::to_string(i) + Quoted(tensors[i].name),
-          [&] { CheckEntry(tensors[i], batchSize, dataset.buffers[i]); });
+    const Tensor& tensor = tensors[i];
+    About(kind + " " + std::to_string(i) + Quoted(tensor.name), [&] {
+      const auto buffer = state.buffers.Find(dataset.buffers[i]);
+      state.memory.Find(buffer->pointer);
+      Require(batchSize <= buffer->size / tensor.size, "its buffer has ", buffer->size, " bytes, ",
+              batchSize, " x ", tensor.size, " are needed");
+      Require(buffer->stride == tensor.stride, "its buffer has stride ", buffer->stride,
+              ", the model ", tensor.stride);
+    });
   }
 }
 
@@ -44,12 +41,10 @@ std::string LooksLike(const Array& array, bool isFloat) {
   std::vector<float> numbers(isFloat ? std::min<size_t>(quarter, 4096) : 0);
   std::copy_n(bytes.begin(), numbers.size() * sizeof(float),
               reinterpret_cast<char*>(numbers.data()));
-  const auto zeros = std::count(numbers.begin(), numbers.end(), 0.0F);
-  const auto usual = std::count_if(numbers.begin(), numbers.end(), [](float number) {
-    return std::fabs(number) > 1e-12F && std::fabs(number) < 1e12F;
-  });
-  const auto others = static_cast<std::ptrdiff_t>(numbers.size()) - zeros;
-  if (numbers.size() < 64 || usual * 2 >= others) {
+  const auto isUsual = [](float n) { return std::fabs(n) > 1e-12F && std::fabs(n) < 1e12F; };
+  const auto isOdd = [&](float n) { return n != 0 && !isUsual(n); };
+  if (numbers.size() < 64 || std::count_if(numbers.begin(), numbers.end(), isOdd) <=
+                                 std::count_if(numbers.begin(), numbers.end(), isUsual)) {
     return "";
   }
   const bool isQuarter = bytes.find_first_not_of('\0', quarter) == bytes.npos;
@@ -59,18 +54,11 @@ std::string LooksLike(const Array& array, bool isFloat) {
 
 // Says once what may be wrong with an input; it is computed all the same.
 void GiveHint(const Tensor& tensor, const Array& array) {
-  constexpr int32_t kFloat = 1;  // as in ONNX files
-  const std::string found = LooksLike(array, tensor.type->onnx == kFloat);
+  const std::string found = LooksLike(array, tensor.type->onnx == 1);  // float, as in ONNX files
   const std::string hint = "input" + Quoted(tensor.name) + " " + found;
   if (!found.empty() && state.hints.insert(hint).second) {
     Explain(hint);
   }
-}
-
-// Frames that do not count are zeros, whatever the buffer holds.
-void ClearFrames(const Tensor& frames, int64_t totalT, Array& array) {
-  const auto frameBytes = static_cast<int64_t>(array.bytes.size()) / frames.dims.front();
-  std::fill(array.bytes.begin() + frameBytes * totalT, array.bytes.end(), 0);
 }
 
 void CheckShape(const Tensor& output, uint64_t batches, const Array& result) {
@@ -96,14 +84,15 @@ void RunBatches(const Model& model, const quilm_mdl_dataset& input, const quilm_
     GiveHint(tensor, inputs.back());
   }
   if (input.totalT > 0) {
-    ClearFrames(model.inputs[0], input.totalT, inputs[0]);
+    // Frames that do not count are zeros, whatever the buffer holds.
+    std::vector<unsigned char>& frames = inputs[0].bytes;
+    const auto frameBytes = static_cast<int64_t>(frames.size()) / model.inputs[0].dims.front();
+    std::fill(frames.begin() + frameBytes * input.totalT, frames.end(), 0);
   }
   const std::vector<Array> results = model.engine(inputs);
   for (size_t i = 0; i < results.size(); ++i) {
-    CheckShape(model.outputs[i], count, results[i]);
-  }
-  for (size_t i = 0; i < results.size(); ++i) {
     const Tensor& tensor = model.outputs[i];
+    CheckShape(tensor, count, results[i]);
     Require(PutToDevice(results[i], tensor, startOf(*output.buffers[i], tensor)), "output",
             Quoted(tensor.name), " holds a number that does not fit 32 bits");
   }

@@ -1,6 +1,4 @@
 // The functions of runtime/quilm.h: each looks up its handles and passes on to what does the work.
-#include <unistd.h>
-
 #include <algorithm>
 #include <cstring>
 #include <filesystem>
@@ -33,7 +31,7 @@ void CountCall() {
 // end. The one place where refusals become explanations and results.
 template <typename Result, typename Body>
 Result Guard(const char* call, const Body& body) {
-  int64_t code = std::is_same_v<Result, int32_t> ? -1 : 0;  // no size
+  Result failure{};  // null, or a size of nothing
   currentCall = call;
   try {
     if constexpr (std::is_void_v<decltype(body())>) {
@@ -43,17 +41,18 @@ Result Guard(const char* call, const Body& body) {
       return body();
     }
   } catch (const Fault& fault) {
-    code = fault.code;
+    if constexpr (!std::is_pointer_v<Result>) {
+      return static_cast<Result>(fault.code);
+    }
   } catch (const Refusal& refusal) {
     Explain(refusal.what());
   } catch (const std::exception& problem) {
     Explain(std::string(call) + ": " + problem.what());
   }
-  if constexpr (std::is_pointer_v<Result>) {
-    return nullptr;
-  } else {
-    return static_cast<Result>(code);
+  if constexpr (std::is_same_v<Result, int32_t>) {
+    failure = -1;
   }
+  return failure;
 }
 
 template <typename Result, typename Body>
@@ -122,22 +121,19 @@ void Allocate(void** pointer, size_t size) {
   constexpr size_t kAlignment = 64;  // bytes, a cache line
   RequireOfCaller(pointer != nullptr && size > 0, size, " bytes cannot be allocated");
   // Beyond that a system that overcommits would say yes and then kill somebody.
-  const bool isThere = size <= PhysicalMemory();
   const size_t rounded = (size + kAlignment - 1) / kAlignment * kAlignment;
-  auto block = std::make_shared<MemoryBlock>();
-  block->memory.reset(isThere ? std::aligned_alloc(kAlignment, rounded) : nullptr, std::free);
-  block->size = size;
-  RequireOfCaller(block->memory != nullptr, "no memory for ", size, " bytes");
-  *pointer = block->memory.get();
-  state.memory.Add(*pointer, std::move(block));
+  void* memory = size <= PhysicalMemory() ? std::aligned_alloc(kAlignment, rounded) : nullptr;
+  RequireOfCaller(memory != nullptr, "no memory for ", size, " bytes");
+  const std::shared_ptr<void> owner(memory, std::free);
+  state.memory.Add(memory, std::make_shared<MemoryBlock>(MemoryBlock{owner, size}));
+  *pointer = memory;
 }
 
 void Load(const void* data, size_t size, uint32_t* modelId) {
   RequireOfCaller(data != nullptr && size > 0 && modelId != nullptr, "there is no model");
   About("the model cannot be loaded", [&] {
-    const Bytes file = {static_cast<const uint8_t*>(data), size};
-    auto model = std::make_shared<Model>(LoadModel(file, state.settings));
-    state.models.Add(++state.lastModelId, std::move(model));
+    Model model = LoadModel({static_cast<const char*>(data), size}, state.settings);
+    state.models.Add(++state.lastModelId, std::make_shared<Model>(std::move(model)));
   });
   *modelId = state.lastModelId;
 }

@@ -7,24 +7,16 @@
 #include <algorithm>
 #include <charconv>
 #include <cstdlib>
-#include <map>
 #include <memory>
 #include <set>
 #include <thread>
 
 #include "onnx.pb-c.h"
-#include "runtime/host/diagnostics.h"
 
 namespace quilm_host {
 namespace {
 
 using Dimension = Onnx__TensorShapeProto__Dimension;
-
-struct ModelProtoDeleter {
-  void operator()(Onnx__ModelProto* proto) const {
-    onnx__model_proto__free_unpacked(proto, nullptr);
-  }
-};
 
 // Names that a file leaves out.
 std::string Text(const char* text) {
@@ -50,18 +42,36 @@ const Onnx__TypeProto__Tensor& TensorType(const Onnx__TypeProto* type) {
   return *type->tensor_type;
 }
 
-using Symbols = std::map<std::string, int64_t>;
-
-// Its number; open dimensions get negative ones, those of the same name the same.
-int64_t NumberOf(const Dimension& dim, Symbols& symbols) {
+// Its number. Open dimensions get negative ones, those of the same name the same: -1 stands for the
+// first name.
+int64_t NumberOf(const Dimension& dim, std::vector<std::string>& names) {
   if (dim.value_case == ONNX__TENSOR_SHAPE_PROTO__DIMENSION__VALUE_DIM_VALUE &&
       dim.dim_value >= 0) {
     return dim.dim_value;
   }
-  const int64_t next = -1 - static_cast<int64_t>(symbols.size());
   const bool isNamed = dim.value_case == ONNX__TENSOR_SHAPE_PROTO__DIMENSION__VALUE_DIM_PARAM &&
                        *dim.dim_param != '\0';
-  return symbols.emplace(isNamed ? dim.dim_param : "?" + std::to_string(-next), next).first->second;
+  names.push_back(isNamed ? dim.dim_param : "?" + std::to_string(names.size() + 1));
+  return -1 - (std::find(names.begin(), names.end(), names.back()) - names.begin());
+}
+
+// Takes over the shapes that the settings file gives under the key "`kind`_shapes".
+void TakeShapes(const std::string& kind, const Shapes& given, std::vector<Tensor>& tensors) {
+  const auto fits = [](int64_t own, int64_t number) { return own < 0 || own == number; };
+  for (const auto& [name, shape] : given) {
+    const auto tensor =
+        std::find_if(tensors.begin(), tensors.end(),
+                     [&wanted = name](const Tensor& t) { return t.name == wanted; });
+    Require(tensor != tensors.end(), "it has no ", kind, Quoted(name), " as \"", kind,
+            "_shapes\" has");
+    const std::vector<int64_t>& dims = tensor->dims;
+    // The engine tells a shape of any number of dimensions like that of a scalar.
+    Require((kind == "output" && dims.empty()) ||
+                std::equal(dims.begin(), dims.end(), shape.begin(), shape.end(), fits),
+            kind, Quoted(name), ": \"", kind, "_shapes\" has ", ShapeText(shape), ", the model ",
+            ShapeText(dims), ", where negative numbers may be any");
+    tensor->dims = shape;
+  }
 }
 
 // Open dimensions of the same name are the same number. Those that are given count before the first
@@ -100,16 +110,14 @@ bool CanBatchAsOne(const std::vector<Tensor>& inFile, const std::vector<Tensor>&
 }
 
 // The entries that the settings file lacks, with the model's names for the missing numbers.
-std::string MissingEntries(const std::vector<Tensor>& inputs, const Symbols& symbols) {
-  std::map<int64_t, std::string> names;
-  for (const auto& [name, number] : symbols) {
-    names[number] = name;
-  }
+std::string MissingEntries(const std::vector<Tensor>& inputs,
+                           const std::vector<std::string>& names) {
   std::vector<std::string> entries;
   for (const Tensor& input : inputs) {
     std::vector<std::string> shape;
     for (const int64_t number : input.dims) {
-      shape.push_back(number < 0 ? names[number] : std::to_string(number));
+      shape.push_back(number < 0 ? names[static_cast<size_t>(-1 - number)]
+                                 : std::to_string(number));
     }
     if (input.IsOpen()) {
       entries.push_back("\"" + input.name + "\": [" + Joined(shape) + "]");
@@ -144,7 +152,7 @@ std::vector<const Onnx__ValueInfoProto*> FindInputs(const Onnx__GraphProto& grap
 // Returns whether dimensions that the file leaves open have become numbers in it.
 bool ReadInputs(const Onnx__GraphProto& graph, const Settings& settings, Model& model) {
   const std::vector<const Onnx__ValueInfoProto*> values = FindInputs(graph);
-  Symbols symbols;
+  std::vector<std::string> names;  // of open dimensions
   for (const Onnx__ValueInfoProto* value : values) {
     Tensor& input = model.inputs.emplace_back();
     input.name = Text(value->name);
@@ -153,14 +161,14 @@ bool ReadInputs(const Onnx__GraphProto& graph, const Settings& settings, Model& 
       Require(type.shape != nullptr, "it does not even have a number of dimensions");
       input.type = FindElementType(type.elem_type);
       for (size_t i = 0; i < type.shape->n_dim; ++i) {
-        input.dims.push_back(NumberOf(*type.shape->dim[i], symbols));
+        input.dims.push_back(NumberOf(*type.shape->dim[i], names));
       }
     });
   }
   const std::vector<Tensor> inFile = model.inputs;
   TakeShapes("input", settings.input_shapes, model.inputs);
   InferFromNames(inFile, model.inputs);
-  const std::string missing = MissingEntries(model.inputs, symbols);
+  const std::string missing = MissingEntries(model.inputs, names);
   Require(missing.empty(), "it leaves shapes open: write \"input_shapes\": {", missing,
           "}, with numbers for names, into the settings file");
   model.batchesAsOne = CanBatchAsOne(inFile, model.inputs) && model.netType != kRecurrent;
@@ -210,12 +218,14 @@ void* AllocateForDecoder(void* outermost, size_t size) {
 // Fills in the inputs that are no initializers, the outputs' names, and the net type. Dimensions of
 // inputs that the file leaves open come from `settings`; a first one counts as 1 otherwise. Returns
 // the file with these numbers in it, or nothing when it is the same.
-std::vector<uint8_t> ReadOnnxFile(Bytes file, const Settings& settings, Model& model) {
+std::string ReadOnnxFile(std::string_view file, const Settings& settings, Model& model) {
   ProtobufCAllocator allocator = {AllocateForDecoder,
                                   [](void*, void* memory) { std::free(memory); },
                                   __builtin_frame_address(0)};
-  const std::unique_ptr<Onnx__ModelProto, ModelProtoDeleter> proto(
-      onnx__model_proto__unpack(&allocator, file.size, file.data));
+  const std::shared_ptr<Onnx__ModelProto> proto(
+      onnx__model_proto__unpack(&allocator, file.size(),
+                                reinterpret_cast<const uint8_t*>(file.data())),
+      [](Onnx__ModelProto* owned) { onnx__model_proto__free_unpacked(owned, nullptr); });
   Require(proto != nullptr && proto->graph != nullptr && proto->graph->n_node > 0,
           "it is not an ONNX file");
   model.netType = ReadNetType(*proto);
@@ -227,9 +237,9 @@ std::vector<uint8_t> ReadOnnxFile(Bytes file, const Settings& settings, Model& m
                inputs[0].dims.front() == inputs[1].dims.back()),
           "a recurrent model's input 0 has as many frames, its first dimension, as input 1 has ",
           "marks, its last");
-  std::vector<uint8_t> encoded(isChanged ? onnx__model_proto__get_packed_size(proto.get()) : 0);
+  std::string encoded(isChanged ? onnx__model_proto__get_packed_size(proto.get()) : 0, '\0');
   if (isChanged) {
-    onnx__model_proto__pack(proto.get(), encoded.data());
+    onnx__model_proto__pack(proto.get(), reinterpret_cast<uint8_t*>(encoded.data()));
   }
   return encoded;
 }
@@ -248,8 +258,8 @@ void LayOutAll(const char* kind, std::vector<Tensor>& tensors, size_t rowAlignme
 std::vector<Array> RunOnZeros(const Model& model) {
   std::vector<Array> zeros;
   for (const Tensor& input : model.inputs) {
-    zeros.push_back(
-        {input.dims, std::vector<unsigned char>(input.Elements() * input.type->modelBytes)});
+    zeros.push_back({input.dims, {}});
+    zeros.back().bytes.resize(input.Elements() * input.type->modelBytes);
   }
   return model.engine(zeros);
 }
@@ -285,11 +295,15 @@ void DescribeOutputs(Model& model, const Settings& settings) {
 
 // With given shapes written into the file, the engine may find fault with a branch that they rule
 // out. The file as it is then may still do, with tensors of these shapes.
-void CreateEngineOfEither(const std::vector<Bytes>& files, const Settings& settings, Model& model) {
+void CreateEngineOfEither(std::string_view changed, std::string_view asItIs,
+                          const Settings& settings, Model& model) {
   const size_t threads =
       settings.threads > 0 ? settings.threads : std::thread::hardware_concurrency();
   std::vector<std::string> problems;
-  for (const Bytes& file : files) {
+  for (const std::string_view file : {changed, asItIs}) {
+    if (file.empty()) {
+      continue;
+    }
     try {
       model.engine = CreateEngine(file, model.inputs, model.outputs, threads);
       DescribeOutputs(model, settings);
@@ -303,30 +317,23 @@ void CreateEngineOfEither(const std::vector<Bytes>& files, const Settings& setti
   Refuse(Joined(problems, "\n"));
 }
 
-// A tensor without structure: one row of bytes.
-Tensor PlainBuffer(const char* name, size_t size) {
-  constexpr int32_t kUint8 = 2;  // as in ONNX files
-  return {name, FindElementType(kUint8), {static_cast<int64_t>(size)}, size, size};
-}
-
 }  // namespace
 
 size_t PhysicalMemory() {
   return static_cast<size_t>(sysconf(_SC_PHYS_PAGES)) * static_cast<size_t>(sysconf(_SC_PAGESIZE));
 }
 
-Model LoadModel(Bytes file, const Settings& settings) {
+Model LoadModel(std::string_view file, const Settings& settings) {
   Model model;
-  const std::vector<uint8_t> changed = ReadOnnxFile(file, settings, model);
+  const std::string changed = ReadOnnxFile(file, settings, model);
   LayOutAll("input", model.inputs, settings.row_alignment);
-  std::vector<Bytes> files = {file};
-  if (!changed.empty()) {
-    files.insert(files.begin(), {changed.data(), changed.size()});
-  }
-  CreateEngineOfEither(files, settings, model);
+  CreateEngineOfEither(changed, file, settings, model);
   LayOutAll("output", model.outputs, settings.row_alignment);
-  model.inputs.push_back(PlainBuffer("task_buffer", settings.task_buffer_size));
-  model.inputs.push_back(PlainBuffer("work_buffer", settings.work_buffer_size));
+  const ElementType* byte = FindElementType(ONNX__TENSOR_PROTO__DATA_TYPE__UINT8);
+  for (const auto& [name, size] : {std::pair("task_buffer", settings.task_buffer_size),
+                                   std::pair("work_buffer", settings.work_buffer_size)}) {
+    model.inputs.push_back({name, byte, {static_cast<int64_t>(size)}, size, size});
+  }
   return model;
 }
 

@@ -10,7 +10,6 @@
 #include <mutex>
 #include <utility>
 
-#include "runtime/host/diagnostics.h"
 #include "runtime/host/model.h"
 
 namespace quilm_host {
@@ -106,8 +105,8 @@ void* OpenLibrary() {
   constexpr char kName[] = "libonnxruntime.so.1";
   Dl_info self{};
   dladdr(&functions, &self);
-  const auto folder = std::filesystem::path(self.dli_fname).parent_path() / "quilmrun-engine";
-  const std::filesystem::path beside = folder / kName;
+  auto beside = std::filesystem::path(self.dli_fname).parent_path();
+  beside.append("quilmrun-engine").append(kName);
   std::error_code ignored;
   const bool isThere = std::filesystem::exists(beside, ignored);
   return dlopen(isThere ? beside.c_str() : kName, RTLD_NOW | RTLD_LOCAL);
@@ -154,14 +153,14 @@ std::vector<int64_t> ReadDims(void* info) {
 
 class Session {
  public:
-  Session(Bytes file, const std::vector<Tensor>& inputs, std::vector<Tensor>& outputs,
+  Session(std::string_view file, const std::vector<Tensor>& inputs, std::vector<Tensor>& outputs,
           size_t threads)
       : inputs_(inputs) {
     void* environment = Environment();
     const auto options = Make(kCreateSessionOptions, kReleaseSessionOptions);
     Do(kSetIntraOpNumThreads, options.get(), static_cast<int>(threads));
     TakeProblems();  // what was said of the machine's devices
-    session_ = Make(kCreateSessionFromArray, kReleaseSession, environment, file.data, file.size,
+    session_ = Make(kCreateSessionFromArray, kReleaseSession, environment, file.data(), file.size(),
                     options.get());
     memory_ = Make(kCreateCpuMemoryInfo, kReleaseMemoryInfo, 0, 0);
     for (size_t i = 0; i < outputs.size(); ++i) {
@@ -235,8 +234,8 @@ class Session {
 
 }  // namespace
 
-Engine CreateEngine(Bytes file, const std::vector<Tensor>& inputs, std::vector<Tensor>& outputs,
-                    size_t threads) {
+Engine CreateEngine(std::string_view file, const std::vector<Tensor>& inputs,
+                    std::vector<Tensor>& outputs, size_t threads) {
   // The engine's threads inherit that all signals are blocked: they are the tool's to receive.
   sigset_t before;
   sigset_t all;

@@ -1,11 +1,10 @@
-#include "runtime/host/settings.h"
-
+// Reads the settings file.
 #include <dlfcn.h>
 
 #include <fstream>
 #include <nlohmann/json.hpp>
 
-#include "runtime/host/diagnostics.h"
+#include "runtime/host/model.h"
 
 namespace quilm_host {
 
@@ -57,10 +56,9 @@ Settings ReadSettings(const std::string& path) {
   try {
     Json object = Json::parse(file, CheckDepth);
     Require(object.is_object(), "a JSON object is expected");
-    if (object.contains("faults")) {
-      for (Json& fault : object["faults"]) {
-        fault["code"] = fault.value("code", Json()).is_null() ? Json(0) : fault["code"];
-      }
+    object.emplace("faults", Json::array());
+    for (Json& fault : object["faults"]) {
+      fault["code"] = fault.value("code", Json()).is_null() ? Json(0) : fault["code"];
     }
     for (const auto& [key, value] : object.items()) {
       where = "\"" + key + "\": ";

@@ -5,18 +5,8 @@
 #include <set>
 #include <unordered_map>
 
-#include "runtime/host/diagnostics.h"
 #include "runtime/host/model.h"
 #include "runtime/quilm.h"
-
-namespace quilm_host {
-
-struct MemoryBlock {
-  std::shared_ptr<void> memory;
-  size_t size = 0;  // bytes
-};
-
-}  // namespace quilm_host
 
 struct quilm_mdl_desc {
   std::shared_ptr<const quilm_host::Model> model;  // null until quilm_mdl_get_desc()
@@ -84,6 +74,11 @@ class HandleTable {
  private:
   const char* kind_;
   std::unordered_map<Handle, std::shared_ptr<Object>> objects_;
+};
+
+struct MemoryBlock {
+  std::shared_ptr<void> memory;
+  size_t size = 0;  // bytes
 };
 
 template <typename Object>

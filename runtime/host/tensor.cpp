@@ -4,7 +4,6 @@
 #include <cstring>
 
 #include "onnx.pb-c.h"
-#include "runtime/host/diagnostics.h"
 #include "runtime/quilm.h"
 
 namespace quilm_host {
@@ -68,28 +67,6 @@ const ElementType* FindElementType(int32_t onnxType) {
 size_t DataTypeBits(int32_t code) {
   const ElementType* type = FindBy<&ElementType::code>(code);
   return type == nullptr ? 0 : type->deviceBytes * 8;
-}
-
-std::string ShapeText(const std::vector<int64_t>& dims) {
-  return "[" + Joined(dims) + "]";
-}
-
-void TakeShapes(const std::string& kind, const Shapes& given, std::vector<Tensor>& tensors) {
-  const auto fits = [](int64_t own, int64_t number) { return own < 0 || own == number; };
-  for (const auto& [name, shape] : given) {
-    const auto tensor =
-        std::find_if(tensors.begin(), tensors.end(),
-                     [&wanted = name](const Tensor& t) { return t.name == wanted; });
-    Require(tensor != tensors.end(), "it has no ", kind, Quoted(name), " as \"", kind,
-            "_shapes\" has");
-    const std::vector<int64_t>& dims = tensor->dims;
-    // The engine tells a shape of any number of dimensions like that of a scalar.
-    Require((kind == "output" && dims.empty()) ||
-                std::equal(dims.begin(), dims.end(), shape.begin(), shape.end(), fits),
-            kind, Quoted(name), ": \"", kind, "_shapes\" has ", ShapeText(shape), ", the model ",
-            ShapeText(dims), ", where negative numbers may be any");
-    tensor->dims = shape;
-  }
 }
 
 void LayOut(Tensor& tensor, size_t rowAlignment) {

@@ -10,6 +10,8 @@
 #include <string>
 #include <vector>
 
+#include "runtime/host/diagnostics.h"
+
 namespace quilm_host {
 
 /// An element type of ONNX models. 64-bit integers, doubles and truth values have no code in the
@@ -53,14 +55,12 @@ struct Array {
   std::vector<unsigned char> bytes;
 };
 
-std::string ShapeText(const std::vector<int64_t>& dims);
-
 /// Shapes of inputs or outputs, by name.
 using Shapes = std::map<std::string, std::vector<int64_t>>;
 
-/// Takes over the shapes that the settings file gives under the key "`kind`_shapes". Refuses names
-/// that no tensor has, and shapes that contradict the known ones.
-void TakeShapes(const std::string& kind, const Shapes& given, std::vector<Tensor>& tensors);
+inline std::string ShapeText(const std::vector<int64_t>& dims) {
+  return "[" + Joined(dims) + "]";
+}
 
 /// Sets stride and size from type and dimensions: rows rounded up to `rowAlignment` bytes. Refuses
 /// what cannot be laid out.
