@@ -148,13 +148,6 @@ class BadInput(HostRuntimeTest):
                 self.assertRegex(err, rf"^host runtime: settings file \$D/q.json: .*{reason}.*\n$")
                 self.assertEqual(self.csv(), "T,T,T,0.000,0.000,0.000,0.000,0.000,0\n")
 
-    def test_outputs_that_cannot_be_written(self):
-        self.write("x", bytes(32))
-        for directory in ("no/such", "/dev/full", "/proc"):
-            files_failed = "".join(f"[ERROR] create output file [{directory}/0/y.0.S.{suffix}] "
-                                   "failed\n" for suffix in ("float", "bin"))
-            self.check(0, files_failed + "[INFO]  dump data success\n" + SUCCESS, "-o", directory)
-
     def test_a_report_that_nobody_reads(self):
         self.write("x", bytes(32))
         os.mkfifo(self.dir / "memory_data.csv")

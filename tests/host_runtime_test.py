@@ -6,7 +6,7 @@ import numpy as np
 from onnx import TensorProto, helper
 
 from models import (FAILURE, NOT_EXECUTED, SHAPE_WARNING, SUCCESS, HostRuntimeTest, executed, files,
-                    floats, identity, model, staged, tensor, text, whole_log)
+                    floats, identity, model, staged, tensor, whole_log)
 
 
 class WholeRuns(HostRuntimeTest):
@@ -29,28 +29,6 @@ class WholeRuns(HostRuntimeTest):
                 staged(name, 64, 32, 4, "1,2,3") + executed() for name in entries)),
             {name: content for k in range(3)
              for name, content in files(k, "y", *range(10 * k, 10 * k + 6)).items()},
-            ("0.062", "0.062"))
-
-    def test_two_inputs_named_in_any_order(self):
-        nodes = [helper.make_node("Identity", ["a"], ["d.1"]),
-                 helper.make_node("Identity", ["b"], ["d/1"])]
-        proto = model(nodes, [tensor("a", [1, 2]), tensor("b", [1, 2])],
-                      [tensor("d.1", [1, 2]), tensor("d/1", [1, 2])])
-        for k in range(2):
-            self.write(f"a{k}", floats(1, 2))
-            self.write(f"b{k}", floats(10 * k, 1))
-        row = ("[1, 2, ]", 0, 32, 32)
-        groups = "".join(staged(f"a{k}", 32, 32, 4, "1,2") + staged(f"b{k}", 32, 32, 4, "1,2") +
-                         executed(types=(0, 0)) for k in range(2))
-        # Both names become d_1, so the second output counts as a duplicate.
-        self.check_run(
-            self.run_model(proto, "b:b0\na:a0\na:a1\nb:b1\n"),
-            whole_log([("a", *row), ("b", *row)], [("d.1", *row), ("d/1", *row)],
-                      ["a0", "b0", "a1", "b1"], groups),
-            {"0/d_1.0.S.float": text(1, 2), "0/d_1.0.S.bin": floats(1, 2),
-             "0/d_1.1.S.float": text(0, 1), "0/d_1.1.S.bin": floats(0, 1),
-             "1/d_1.0.S.float": text(1, 2), "1/d_1.0.S.bin": floats(1, 2),
-             "1/d_1.1.S.float": text(10, 1), "1/d_1.1.S.bin": floats(10, 1)},
             ("0.062", "0.062"))
 
     def test_batch_reset_from_the_file(self):
