@@ -49,6 +49,7 @@ Engine CreateEngine(std::string_view file, const std::vector<Tensor>& inputs,
   }
   return [sources](const std::vector<Array>& arrays) {
     std::vector<Array> results;
+    results.reserve(sources.size());
     for (const size_t source : sources) {
       results.push_back(arrays[source]);
     }
