@@ -81,6 +81,23 @@ class Measures(CompareTest):
                     else:
                         self.assertEqual(found[key], value, key)
 
+    def test_large_and_many(self):
+        """What is shared among the processors comes together again, in order."""
+        large = np.random.default_rng(1).standard_normal(5_000_000, np.float32)
+        near = large + np.float32(1e-3)
+        near[-1] += 7
+        self.outputs_of("a", {"x": near}, *({"y": [run, 1]} for run in range(1, 500)))
+        self.outputs_of("b", {"x": large}, *({"y": [run, 2]} for run in range(1, 500)))
+        found = self.compare("--worst", "0", status=1)
+        x, y = found["outputs"]
+        difference = np.abs(near.astype(float) - large)
+        self.assertEqual((x["elements"], x["differing"], y["runs"]), (5_000_000, 1, 499))
+        for key, value in [("max_abs", difference.max()), ("mean_abs", difference.mean()),
+                           ("snr_db", 10 * np.log10(np.square(large, dtype=float).sum() /
+                                                    np.square(difference).sum()))]:
+            self.assertAlmostEqual(x[key] / value, 1, 5, key)
+        self.assertEqual([run["index"] for run in found["runs"][:3]], [1, 2, 3])
+
     def test_types(self):
         for kind, values, wanted in [("half", [1.5, -2, 65504, NAN], [1, -2, 65504, NAN]),
                                      ("int32", [-1, 7, 2**31 - 1], [-1, 8, 2**31 - 1])]:

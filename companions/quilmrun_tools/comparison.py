@@ -1,12 +1,11 @@
 """Compares the outputs of two sides, run by run, and judges the result."""
 
 import math
-import threading
 from dataclasses import dataclass, field
 from typing import Any, Iterable, Iterator, Optional
 
 from quilmrun_tools import values
-from quilmrun_tools.ahead import ahead
+from quilmrun_tools.ahead import ahead_in_processes
 from quilmrun_tools.log import Tensor
 from quilmrun_tools.manifest import Source
 from quilmrun_tools.metrics import CHUNK, Meter, Tally, same_bytes, tally_scores
@@ -14,7 +13,8 @@ from quilmrun_tools.pairing import Key, Side
 from quilmrun_tools.values import Reader, Values
 
 _LARGEST_SCORES = 100_000  # a longer vector is no list of classes
-_SEGMENT = 32 * CHUNK  # elements that one thread compares at a time
+_JOB = 32 * CHUNK  # elements that one processor compares at a time
+_OPENING = 10_000  # elements that are compared in the time that opening two files takes
 
 
 @dataclass(frozen=True)
@@ -61,6 +61,19 @@ class Compared:
         return (bool(self.problem), not self.passed, -agreed, -self.tally.snr_db)
 
 
+@dataclass(frozen=True)
+class Part:
+    """What is compared in one go: a whole output of a run, or a part of a large one."""
+    pair: Compared
+    sides: Optional[tuple[Values, Values]]  # output and reference; None: nothing to compare
+    last: bool = True  # of the pair
+
+    @property
+    def count(self) -> int:
+        """Elements."""
+        return self.sides[0].count if self.sides else 0
+
+
 @dataclass
 class Comparison:
     """All of it."""
@@ -86,7 +99,7 @@ class Comparison:
 
 
 class Comparer:
-    """Compares outputs, parts of large ones on several threads at a time."""
+    """Compares outputs, parts of large ones and many small ones on all processors."""
 
     def __init__(self, limits: Limits, scores: dict[Key, int],
                  rows: dict[Key, Optional[tuple[int, int]]]) -> None:
@@ -94,50 +107,63 @@ class Comparer:
         self._limits = limits
         self._scores = scores
         self._rows = rows
-        self._own = threading.local()  # the buffers of a thread
+        self._meter = Meter(limits.atol or 0.0, limits.rtol or 0.0)
+        self._readers = Reader(CHUNK), Reader(CHUNK)
 
     def compare(self, pairs: Iterable[Compared]) -> Iterator[Compared]:
         """Fills in what is to be said of every output of every run."""
-        parts = ahead(self._part, (part for pair in pairs for part in self._parts(pair)))
-        for pair, tally, last in parts:
-            if tally:
-                pair.tally.add(tally)
-            if last:
-                pair.passed = not pair.problem and self._limits.passes(pair.tally)
-                yield pair
+        jobs = [*_jobs(part for pair in pairs for part in self._parts(pair))]
+        on_processors = ahead_in_processes if len(jobs) > 1 else map
+        for job, tallies in zip(jobs, on_processors(self._tallies, jobs)):
+            for part, tally in zip(job, tallies):
+                part.pair.tally.add(tally)
+                if part.last:
+                    part.pair.passed = not part.pair.problem and \
+                        self._limits.passes(part.pair.tally)
+                    yield part.pair
 
-    def _parts(self, pair: Compared) -> Iterator[tuple[Compared, Optional[Values],
-                                                       Optional[Values], bool]]:
-        """(pair, part of the output, that of the reference, whether it is the last)"""
+    def _parts(self, pair: Compared) -> Iterator[Part]:
         ours, theirs = pair.output, pair.reference
         if ours is None or theirs is None:
             pair.problem = "missing in the reference" if theirs is None else "missing"
         elif ours.count != theirs.count or ours.cut_short or theirs.cut_short or not ours.count:
             pair.problem = values.explain_sizes(ours, theirs, self._rows.get(pair.key))
         if pair.problem or ours is None or theirs is None:
-            yield pair, None, None, True
+            yield Part(pair, None)
             return
         # Score vectors stay whole.
-        largest = ours.count if pair.key in self._scores else _SEGMENT
-        segments = [*zip(ours.segments(largest), theirs.segments(largest))]
-        for at, (one, other) in enumerate(segments):
-            yield pair, one, other, at == len(segments) - 1
+        largest = ours.count if pair.key in self._scores else _JOB
+        sides = [*zip(ours.segments(largest), theirs.segments(largest))]
+        for at, both in enumerate(sides):
+            yield Part(pair, both, at == len(sides) - 1)
 
-    def _part(self, part: tuple[Compared, Optional[Values], Optional[Values], bool]
-              ) -> tuple[Compared, Optional[Tally], bool]:
-        pair, ours, theirs, last = part
-        if ours is None or theirs is None:
-            return pair, None, last
-        if not hasattr(self._own, "meter"):
-            self._own.meter = Meter(self._limits.atol or 0.0, self._limits.rtol or 0.0)
-            self._own.readers = Reader(CHUNK), Reader(CHUNK)
+    def _tallies(self, job: list[Part]) -> list[Tally]:
+        return [self._tally(part) for part in job]
+
+    def _tally(self, part: Part) -> Tally:
         tally = Tally()
-        _tally_chunks(ours, theirs, self._own.readers, self._own.meter, tally)
-        length = self._scores.get(pair.key)
-        if length and ours.count % length == 0:
+        if not part.sides:
+            return tally
+        _tally_chunks(*part.sides, self._readers, self._meter, tally)
+        length = self._scores.get(part.pair.key)
+        if length and part.count % length == 0:
             tally_scores(*(reader.whole(side) for reader, side in
-                           zip(self._own.readers, (ours, theirs))), length, tally)
-        return pair, tally, last
+                           zip(self._readers, part.sides)), length, tally)
+        return tally
+
+
+def _jobs(parts: Iterable[Part]) -> Iterator[list[Part]]:
+    """Parts that one processor compares at a time, about as much work in each job."""
+    job: list[Part] = []
+    work = 0
+    for part in parts:
+        job.append(part)
+        work += part.count + _OPENING
+        if work >= _JOB:
+            yield job
+            job, work = [], 0
+    if job:
+        yield job
 
 
 def _tally_chunks(ours: Values, theirs: Values, readers: tuple[Reader, Reader], meter: Meter,
