@@ -15,7 +15,7 @@ namespace {
 
 constexpr size_t kModelBytes = size_t{32} << 20;
 
-void ClearAndRead(benchmark::State& state) {
+void ClearAndReadModel(benchmark::State& state) {
   const std::string path = MakeScratchFile("model", kModelBytes);
   while (state.KeepRunning()) {
     void* memory = nullptr;
@@ -26,7 +26,7 @@ void ClearAndRead(benchmark::State& state) {
     quilm_rt_free(memory);
   }
 }
-BENCHMARK(ClearAndRead)->Name("model/floor");
+BENCHMARK(ClearAndReadModel)->Name("model/floor");
 
 void ReadModel(benchmark::State& state) {
   const std::string path = MakeScratchFile("model", kModelBytes);

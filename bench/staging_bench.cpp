@@ -96,7 +96,7 @@ void StageFile(benchmark::State& state) {
 }
 BENCHMARK(StageFile)->Name("stage/file");
 
-void ClearAndRead(benchmark::State& state) {
+void ClearAndReadInput(benchmark::State& state) {
   const std::string path = MakeScratchFile("input", size_t{3240} * 1920);
   while (state.KeepRunning()) {
     const DeviceMemory memory = AllocateDeviceMemory(size_t{3240} * 2048);
@@ -104,7 +104,7 @@ void ClearAndRead(benchmark::State& state) {
     benchmark::DoNotOptimize(read(file.Number(), memory.get(), size_t{3240} * 1920));
   }
 }
-BENCHMARK(ClearAndRead)->Name("stage/floor");
+BENCHMARK(ClearAndReadInput)->Name("stage/floor");
 
 }  // namespace
 }  // namespace quilmrun
