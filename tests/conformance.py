@@ -1,7 +1,7 @@
 #!/usr/bin/python3
 """Runs ONNX's own backend test cases through the quilmrun executable.
 
-    conformance.py QUILMRUN_EXECUTABLE [DATA_DIR]
+    conformance.py QUILMRUN_EXECUTABLE WARM_START_LIBRARY [DATA_DIR]
 
 A case is right when the numbers in the output files are those that ONNX expects, refused when the
 tool cannot express it or the host runtime explains that it does not run it, and wrong otherwise,
@@ -13,6 +13,7 @@ import collections
 import concurrent.futures
 import glob
 import os
+import queue
 import re
 import subprocess
 import sys
@@ -24,8 +25,7 @@ from onnx import numpy_helper
 
 DATA_DIR = "/usr/share/libonnx-testdata/data"
 RIGHT_FLOOR = 850
-AT_ONCE = os.cpu_count()
-TIMEOUT_SECONDS = 20
+ARGUMENTS = "-m model.onnx -i list.txt -j settings.json -o out".split()
 SANITIZER_REPORT = re.compile(r"AddressSanitizer|LeakSanitizer|runtime error:")
 EXPLANATION = re.compile(r"^host runtime: (.*)$", re.MULTILINE)
 QUOTED_OR_NUMBER = re.compile(r'"[^"]*"|\d+')
@@ -96,7 +96,8 @@ def read_tensor(path):
 
 
 def write_case(case, graph, folder):
-    """The list file with one line per input, beside the raw inputs."""
+    """What ARGUMENTS name: the model, the list file with one line per input, and the raw inputs."""
+    os.symlink(case + "/model.onnx", folder + "/model.onnx")
     names = []
     for index, value in enumerate(data_inputs(graph)):
         names.append(f"input_{index}.bin")
@@ -154,20 +155,39 @@ def compare(case, graph, folder):
     return Outcome("right", "")
 
 
-def judge(process, case, graph, folder):
-    if process.returncode < 0 or process.returncode >= 128:
-        return wrong(f"ended by signal or abort ({process.returncode})")
-    if SANITIZER_REPORT.search(process.stderr):
+def judge(status, errors, case, graph, folder):
+    if status < 0 or status >= 128:
+        return wrong(f"ended by signal or abort ({status})")
+    if SANITIZER_REPORT.search(errors):
         return wrong("sanitizer report")
-    if process.returncode == 0:
+    if status == 0:
         return compare(case, graph, folder)
-    explained = EXPLANATION.search(process.stderr)
+    explained = EXPLANATION.search(errors)
     if explained is None:
-        return wrong(f"exit status {process.returncode} without an explanation")
+        return wrong(f"exit status {status} without an explanation")
     return refused(QUOTED_OR_NUMBER.sub("*", explained.group(1))[:150])
 
 
-def run_case(executable, case):
+class Tool:
+    """The executable, run once for a first model and then again in copies of its process."""
+
+    def __init__(self, executable, warm_start, first_case):
+        self._folder = tempfile.TemporaryDirectory()
+        write_case(first_case, onnx.load(first_case + "/model.onnx").graph, self._folder.name)
+        self._process = subprocess.Popen([executable, *ARGUMENTS], cwd=self._folder.name, text=True,
+                                         env=dict(os.environ, LD_PRELOAD=warm_start),
+                                         stdin=subprocess.PIPE, stdout=subprocess.PIPE)
+
+    def run(self, folder):
+        """(exit status, negative after a signal; standard error)"""
+        self._process.stdin.write(folder + "\n")
+        self._process.stdin.flush()
+        status = int(self._process.stdout.readline())
+        with open(f"{folder}/stderr", encoding="utf-8", errors="replace") as file:
+            return os.waitstatus_to_exitcode(status), file.read()
+
+
+def run_case(tool, case):
     path = os.path.join(case, "model.onnx")
     if not os.path.exists(path):
         return refused("not expressible: case without a model file")
@@ -177,20 +197,17 @@ def run_case(executable, case):
         return refused(reason)
     with tempfile.TemporaryDirectory() as folder:
         write_case(case, graph, folder)
-        command = [executable, "-m", path, "-i", "list.txt", "-j", "settings.json", "-o", "out"]
-        try:
-            process = subprocess.run(command, cwd=folder, capture_output=True, text=True,
-                                     errors="replace", timeout=TIMEOUT_SECONDS, check=False)
-        except subprocess.TimeoutExpired:
-            return wrong(f"no end within {TIMEOUT_SECONDS} seconds")
-        return judge(process, case, graph, folder)
+        return judge(*tool.run(folder), case, graph, folder)
 
 
-def run_quietly(executable, case):
+def run_quietly(tools, case):
+    tool = tools.get()
     try:
-        return run_case(executable, case)
+        return run_case(tool, case)
     except Exception as problem:  # one broken case must not hide the others
         return wrong(f"{type(problem).__name__}: {problem}")
+    finally:
+        tools.put(tool)
 
 
 def report(outcomes):
@@ -211,17 +228,20 @@ def report(outcomes):
 
 
 def main():
-    if len(sys.argv) not in (2, 3):
+    if len(sys.argv) not in (3, 4):
         print(__doc__, file=sys.stderr)
         return 2
-    executable = os.path.abspath(sys.argv[1])
-    data_dir = sys.argv[2] if len(sys.argv) == 3 else DATA_DIR
+    executable, warm_start = map(os.path.abspath, sys.argv[1:3])
+    data_dir = sys.argv[3] if len(sys.argv) == 4 else DATA_DIR
     cases = sorted(path for path in glob.glob(data_dir + "/*/test_*") if os.path.isdir(path))
     if not cases:
         print(f"no cases in {data_dir}", file=sys.stderr)
         return 1
-    with concurrent.futures.ThreadPoolExecutor(AT_ONCE) as pool:
-        outcomes = list(pool.map(run_quietly, [executable] * len(cases), cases, chunksize=8))
+    tools = queue.SimpleQueue()
+    for _ in range(os.cpu_count()):
+        tools.put(Tool(executable, warm_start, f"{data_dir}/node/test_relu"))
+    with concurrent.futures.ThreadPoolExecutor(os.cpu_count()) as pool:
+        outcomes = list(pool.map(lambda case: run_quietly(tools, case), cases))
     names = [os.path.basename(case) for case in cases]
     return 0 if report(list(zip(names, outcomes))) else 1
 
