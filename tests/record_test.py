@@ -129,7 +129,7 @@ class Crashes(OddRuntimeTest):
         self.assertEqual(sorted(p.name for p in self.dir.glob("r.json*")), ["r.json"])
 
     def test_recorder_is_killed_too(self):
-        killed, *_ = self.start_odd("run quilm_mdl_execute 2 kill -KILL $PPID $(ps -o ppid= $PPID)\n" +
+        killed, *_ = self.start_odd("run quilm_mdl_execute 2 kill -KILL $(ps -o ppid= $PPID) $PPID\n" +
                                     PLAIN, list_text="x.bin\n" * 4, within=(RECORD, "-o", "r.json"))
         self.assertEqual(killed, -signal.SIGKILL)
         (left,) = self.dir.glob("r.json.*")
