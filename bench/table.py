@@ -201,7 +201,7 @@ def measure_comparing(scratch):
 
     floor = seconds("cmp", "one/0/y.0.1.bin", "equal/0/y.0.1.bin") * 1000
     size = COMPARED_VALUES * 4 // MIB
-    for folder, what in (("equal", "equal"), ("near", "different in every value")):
+    for folder, what in (("equal", "equal"), ("near", "all different")):
         add(f"quilmrun-compare, 2 x {size:,} MiB, {what} | cmp of equal files", floor,
             seconds(ROOT / "companions/quilmrun-compare", "one", folder) * 1000, "ms", 3)
 

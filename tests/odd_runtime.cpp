@@ -161,7 +161,9 @@ quilm_error Describe(Tag<Id::quilm_rt_malloc> call, void** pointer, size_t size,
 
 quilm_data_buffer* Describe(Tag<Id::quilm_create_data_buffer> call, void* pointer, size_t size,
                             size_t stride) {
-  odd.strides[pointer] = stride;
+  if (odd.log != nullptr) {  // otherwise it would only grow
+    odd.strides[pointer] = stride;
+  }
   return Pass(call, pointer, size, stride);
 }
 
