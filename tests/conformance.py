@@ -1,7 +1,7 @@
 #!/usr/bin/python3
 """Runs ONNX's own backend test cases through the quilmrun executable.
 
-    conformance.py QUILMRUN_EXECUTABLE WARM_START_LIBRARY [DATA_DIR]
+    conformance.py QUILMRUN_EXECUTABLE [DATA_DIR]
 
 A case is right when the numbers in the output files are those that ONNX expects, refused when the
 tool cannot express it or the host runtime explains that it does not run it, and wrong otherwise,
@@ -171,7 +171,8 @@ def judge(status, errors, case, graph, folder):
 class Tool:
     """The executable, run once for a first model and then again in copies of its process."""
 
-    def __init__(self, executable, warm_start, first_case):
+    def __init__(self, executable, first_case):
+        warm_start = os.path.dirname(executable) + "/tests/libwarm_start.so"
         self._folder = tempfile.TemporaryDirectory()
         write_case(first_case, onnx.load(first_case + "/model.onnx").graph, self._folder.name)
         self._process = subprocess.Popen([executable, *ARGUMENTS], cwd=self._folder.name, text=True,
@@ -228,18 +229,18 @@ def report(outcomes):
 
 
 def main():
-    if len(sys.argv) not in (3, 4):
+    if len(sys.argv) not in (2, 3):
         print(__doc__, file=sys.stderr)
         return 2
-    executable, warm_start = map(os.path.abspath, sys.argv[1:3])
-    data_dir = sys.argv[3] if len(sys.argv) == 4 else DATA_DIR
+    executable = os.path.abspath(sys.argv[1])
+    data_dir = sys.argv[2] if len(sys.argv) == 3 else DATA_DIR
     cases = sorted(path for path in glob.glob(data_dir + "/*/test_*") if os.path.isdir(path))
     if not cases:
         print(f"no cases in {data_dir}", file=sys.stderr)
         return 1
     tools = queue.SimpleQueue()
     for _ in range(os.cpu_count()):
-        tools.put(Tool(executable, warm_start, f"{data_dir}/node/test_relu"))
+        tools.put(Tool(executable, DATA_DIR + "/node/test_relu"))
     with concurrent.futures.ThreadPoolExecutor(os.cpu_count()) as pool:
         outcomes = list(pool.map(lambda case: run_quietly(tools, case), cases))
     names = [os.path.basename(case) for case in cases]
