@@ -64,6 +64,7 @@ InputFile::LinesEnd InputFile::ReadLines(size_t mostBytes, size_t longestLine,
     }
     UseLines(text, searched, use);
     if (text.size() > longestLine) {
+      use(text);
       return LinesEnd::kLineTooLong;
     }
   }

@@ -39,7 +39,7 @@ class InputFile {
 
   /// Calls `use` with every line up to the end, without its newline; the last one needs none. Holds
   /// no more than a line and a chunk of the text. Stops where the file has more than `mostBytes`,
-  /// or a line more than `longestLine`.
+  /// or in a line of more than `longestLine` bytes, of which the beginning is used.
   LinesEnd ReadLines(size_t mostBytes, size_t longestLine,
                      const std::function<void(std::string_view)>& use) const;
 

@@ -22,7 +22,8 @@ using PathBuffer = std::array<char, kMaxPathLength + 1>;
 // Sizes have to fit signed 32-bit counts.
 constexpr int64_t kMaxFileSize = std::numeric_limits<int32_t>::max();
 
-// A path has at most 4096 bytes and a name of a model input 127, so that no useful line is longer.
+// A path has at most 4096 bytes and a name of a model input 127, so that no useful line is longer:
+// what is kept of one that is will be found too long for a path.
 constexpr size_t kLongestLine = size_t{1} << 20;
 
 void ReportTooLarge(const std::string& path) {
@@ -95,7 +96,7 @@ bool ReadLines(const std::string& path, const std::function<void(std::string_vie
   } else if (end == InputFile::LinesEnd::kLineTooLong) {
     LogError("a line of file %s is longer than %zu bytes", path.c_str(), kLongestLine);
   }
-  return end == InputFile::LinesEnd::kWhole;
+  return end != InputFile::LinesEnd::kFileTooLarge;
 }
 
 int GetFileSize(const std::string& path, uint32_t& size) {

@@ -32,7 +32,8 @@ DeviceMemory ReadBinFile(const std::string& path, uint32_t& size);
 int ResolvePath(const std::string& inputPath, std::string& resolvedPath);
 
 /// Calls `use` with every line of a text, without its newline; pipes can be read too. False, after
-/// a report, when the file cannot be opened, holds 2 GiB or more, or a line longer than 1 MiB.
+/// a report, when the file cannot be opened or holds 2 GiB or more. A line longer than 1 MiB is
+/// reported too; its beginning is the last line that is used.
 bool ReadLines(const std::string& path, const std::function<void(std::string_view)>& use);
 
 /// Prints that `path` cannot be opened.

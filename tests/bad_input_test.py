@@ -160,8 +160,12 @@ class BadInput(HostRuntimeTest):
         def limit():
             resource.setrlimit(resource.RLIMIT_AS, (2**28, 2**28))
         self.write("m.onnx", identity([1, 8]))
-        _, out, _ = self.run_tool("-m", "m.onnx", "-i", "/dev/zero", preexec_fn=limit)
+        self.write("q.json", "{}")
+        status, out, _ = self.run_tool("-m", "m.onnx", "-i", "/dev/zero", "-j", "q.json",
+                                       library=os.environ["HOST_IDENTITY"], preexec_fn=limit)
         self.assertIn("[ERROR] a line of file /dev/zero is longer than 1048576 bytes\n", out)
+        self.assertRegex(out, r"\[ERROR\] inputPath size = 1\d{6}, out of range \(0, 4096\] error\n")
+        self.assertEqual(status, 1)
         for content, said in (("1 " * 2**24 + "1", "file $D/rpn holds more than 16777216 numbers"),
                               ("0." + "0" * 2**21, "a number in file $D/rpn is longer than 1048576 "
                                                    "bytes")):
