@@ -87,11 +87,14 @@ class Rules(OddRuntimeTest):
     def test_groups_are_whole_and_in_the_order_of_the_list(self):
         two_inputs = PLAIN.replace("input task", "input z 4 16 8 2 4\ninput task")
         self.write("z.bin", bytes(range(9, 17)))
+        start = time.time()
         self.check(0, SUCCESS, two_inputs, list_text="x.bin\nx.bin\nz.bin\nx.bin\nmissing\n")
         self.assertEqual(self.calls().count("quilm_mdl_execute"), 2)
         for group, first in ((0, 1), (1, 9)):  # the output is a copy of the first input
             self.assertEqual(self.outputs()[f"{group}/y.0.S.bin"],
                              struct.pack("<8f", *range(first, first + 8)))
+        for file in (self.dir / "out/0").iterdir():
+            self.assertTrue(start < int(file.name.split(".")[2]) / 1e6 < time.time())
 
     def test_the_model_releases_the_inputs_of_a_failed_group_before_its_outputs(self):
         self.check(1, "[ERROR] Set batch size failed\n" + FAILURE,
