@@ -15,9 +15,9 @@
 #include <map>
 #include <string>
 
-#include "runtime/forward/forward.h"
+#include "runtime/interposer/interposer.h"
 
-using namespace quilm_forward;  // NOLINT: what all of this is about
+using namespace quilm_interposer;  // NOLINT: what all of this is about
 
 namespace {
 
@@ -135,4 +135,4 @@ quilm_error Handle(Call<Id::quilm_rt_malloc> call, void** memory, size_t size, i
 
 }  // namespace
 
-QUILM_CALLS(QUILM_FORWARD)
+QUILM_CALLS(QUILM_INTERPOSE)

@@ -8,10 +8,10 @@
 #include <cstring>
 #include <type_traits>
 
-#include "runtime/forward/forward.h"
+#include "runtime/interposer/interposer.h"
 #include "tests/odd_script.h"
 
-using namespace quilm_forward;  // NOLINT: what all of this is about
+using namespace quilm_interposer;  // NOLINT: what all of this is about
 
 namespace {
 
@@ -245,4 +245,4 @@ ResultOf<kId> Handle(Tag<kId> call, Arguments... arguments) {
 
 }  // namespace
 
-QUILM_CALLS(QUILM_FORWARD)
+QUILM_CALLS(QUILM_INTERPOSE)

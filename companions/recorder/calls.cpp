@@ -10,7 +10,7 @@
 #include <cstring>
 #include <type_traits>
 
-#include "runtime/forward/forward.h"
+#include "runtime/interposer/interposer.h"
 
 namespace quilmrun_record {
 namespace {
@@ -23,7 +23,8 @@ constexpr Kind KindOf() {
                                    : (std::is_signed_v<Result> ? Kind::kCode : Kind::kCount);
 }
 
-#define RECORD_KIND(arity, function) KindOf<quilm_forward::ResultOf<quilm_forward::Id::function>>(),
+#define RECORD_KIND(arity, function) \
+  KindOf<quilm_interposer::ResultOf<quilm_interposer::Id::function>>(),
 constexpr Kind kKinds[] = {QUILM_CALLS(RECORD_KIND)};
 #undef RECORD_KIND
 
@@ -51,7 +52,7 @@ std::optional<Calls> Calls::Open(const std::string& path) {
 }
 
 const char* NameOf(const CallEntry& call) {
-  return quilm_forward::kNames[call.call - 1];
+  return quilm_interposer::kNames[call.call - 1];
 }
 
 uint64_t EndOf(const CallEntry& call) {

@@ -8,7 +8,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "runtime/forward/forward.h"
+#include "runtime/interposer/interposer.h"
 
 namespace quilmrun_record {
 namespace {
@@ -21,8 +21,8 @@ Found Try(const char* path, char* text, size_t size) {
   if (access(path, R_OK) != 0) {
     return Found::kNothing;
   }
-  const char* problem = quilm_forward::OpenRealLibrary(path);
-  if (problem == quilm_forward::kPassesOn ||
+  const char* problem = quilm_interposer::OpenRealLibrary(path);
+  if (problem == quilm_interposer::kPassesOn ||
       (problem != nullptr && std::strstr(problem, "wrong ELF class") != nullptr)) {
     return Found::kNothing;
   }

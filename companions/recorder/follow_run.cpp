@@ -3,12 +3,12 @@
 #include <unordered_map>
 
 #include "companions/recorder/calls.h"
-#include "runtime/forward/forward.h"
+#include "runtime/interposer/interposer.h"
 
 namespace quilmrun_record {
 namespace {
 
-using quilm_forward::Id;
+using quilm_interposer::Id;
 
 // Follows one run; the sink gets everything as soon as it is complete.
 class Follower {

@@ -9,11 +9,11 @@
 
 #include "companions/recorder/find_library.h"
 #include "companions/recorder/recording.h"
-#include "runtime/forward/forward.h"
+#include "runtime/interposer/interposer.h"
 
 namespace {
 
-using namespace quilm_forward;  // NOLINT: what all of this is about
+using namespace quilm_interposer;  // NOLINT: what all of this is about
 using quilmrun_record::CallEntry;
 
 quilmrun_record::Recording recording;
@@ -99,4 +99,4 @@ __attribute__((destructor)) void Stop() {
 
 }  // namespace
 
-QUILM_CALLS(QUILM_FORWARD)
+QUILM_CALLS(QUILM_INTERPOSE)

@@ -5,12 +5,12 @@
 #include <map>
 #include <numeric>
 
-#include "runtime/forward/forward.h"
+#include "runtime/interposer/interposer.h"
 
 namespace quilmrun_record {
 namespace {
 
-using quilm_forward::Id;
+using quilm_interposer::Id;
 
 constexpr double kNsPerMs = 1e6;
 

@@ -4,8 +4,8 @@
 #include <filesystem>
 #include <utility>
 
-#include "runtime/forward/forward.h"
 #include "runtime/host/state.h"
+#include "runtime/interposer/interposer.h"
 
 namespace quilm_host {
 
@@ -185,10 +185,10 @@ using namespace quilm_host;  // NOLINT: what follows is this namespace's interfa
 
 // One row a call: name and parameters, what it does. The result is told by runtime/quilm.h.
 // NOLINTBEGIN(bugprone-macro-parentheses): types and parameter lists stand in none.
-#define CALL(name, parameters, ...)                                                                \
-  quilm_forward::ResultOf<quilm_forward::Id::name> name parameters {                               \
-    return Perform<quilm_forward::ResultOf<quilm_forward::Id::name>>(#name,                        \
-                                                                     [&] { return __VA_ARGS__; }); \
+#define CALL(name, parameters, ...)                                         \
+  quilm_interposer::ResultOf<quilm_interposer::Id::name> name parameters {  \
+    return Perform<quilm_interposer::ResultOf<quilm_interposer::Id::name>>( \
+        #name, [&] { return __VA_ARGS__; });                                \
   }
 
 quilm_error quilm_init(const char* config_path) {

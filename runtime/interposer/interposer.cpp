@@ -1,10 +1,10 @@
-#include "runtime/forward/forward.h"
+#include "runtime/interposer/interposer.h"
 
 #include <dlfcn.h>
 
 #include <cstdio>
 
-namespace quilm_forward {
+namespace quilm_interposer {
 
 void* realFunctions[kCallCount];
 
@@ -30,4 +30,4 @@ const char* OpenRealLibrary(const char* path) {
   return nullptr;
 }
 
-}  // namespace quilm_forward
+}  // namespace quilm_interposer

@@ -1,9 +1,9 @@
-#include "runtime/forward/forward.h"
+#include "runtime/interposer/interposer.h"
 
-namespace quilm_forward {
+namespace quilm_interposer {
 
 #define QUILM_NAME(arity, function) #function,
 const char* const kNames[kCallCount] = {QUILM_CALLS(QUILM_NAME)};
 #undef QUILM_NAME
 
-}  // namespace quilm_forward
+}  // namespace quilm_interposer

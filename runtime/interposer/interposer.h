@@ -2,8 +2,9 @@
 // function of the interface and decides for each call what happens before, after or instead of the
 // real one. The recorder, the tests' runtime and the benchmarks' runtime are made of it.
 //
-// A user writes what is to happen to any call, and overloads for the calls that are special, with
-// the very types of the interface, since the template would be the better match otherwise:
+// A user defines one Handle template, which serves every call, and overloads for the calls that are
+// special. An overload takes the very types of the interface, since the template would otherwise be
+// the better match:
 //
 //   template <Id kId, typename... Arguments>
 //   ResultOf<kId> Handle(Call<kId> call, Arguments... arguments) {
@@ -11,22 +12,22 @@
 //   }
 //   quilm_error Handle(Call<Id::quilm_rt_free> call, void* pointer);
 //
-//   QUILM_CALLS(QUILM_FORWARD)  // after them, in the global namespace: the interface itself
+//   QUILM_CALLS(QUILM_INTERPOSE)  // after them, in the global namespace: the interface itself
 //
 // and calls OpenRealLibrary() before the first call. Nothing here needs the C++ library, as the
 // recorder has to get along without.
-#ifndef QUILMRUN_RUNTIME_FORWARD_FORWARD_H_
-#define QUILMRUN_RUNTIME_FORWARD_FORWARD_H_
+#ifndef QUILMRUN_RUNTIME_INTERPOSER_INTERPOSER_H_
+#define QUILMRUN_RUNTIME_INTERPOSER_INTERPOSER_H_
 
 #include <cstddef>
 
-#include "runtime/forward/calls.h"
+#include "runtime/interposer/calls.h"
 #include "runtime/quilm.h"
 
-// Of several such libraries in one process, as when one of them is recorded, each has its own.
+// Hidden, so that two interposers in one process share no symbols: one may be recorded by another.
 #pragma GCC visibility push(hidden)
 
-namespace quilm_forward {
+namespace quilm_interposer {
 
 #define QUILM_ID(arity, function) function,
 enum class Id : unsigned char { QUILM_CALLS(QUILM_ID) kCount };
@@ -96,26 +97,27 @@ ResultOf<kId> Pass(Call<kId>, Arguments... arguments) {
   return reinterpret_cast<Function*>(realFunctions[static_cast<size_t>(kId)])(arguments...);
 }
 
-}  // namespace quilm_forward
+}  // namespace quilm_interposer
 
 #pragma GCC visibility pop
 
 // Defines one function of the interface, which calls the Handle() that is visible where this
 // stands.
-#define QUILM_FORWARD(arity, function)                                                         \
-  quilm_forward::ResultOf<quilm_forward::Id::function> function(                               \
-      QUILM_PARAMETERS_##arity(quilm_forward::Id::function)) {                                 \
-    return Handle(quilm_forward::Call<quilm_forward::Id::function>() QUILM_ARGUMENTS_##arity); \
+#define QUILM_INTERPOSE(arity, function)                                   \
+  quilm_interposer::ResultOf<quilm_interposer::Id::function> function(     \
+      QUILM_PARAMETERS_##arity(quilm_interposer::Id::function)) {          \
+    return Handle(quilm_interposer::Call<quilm_interposer::Id::function>() \
+                      QUILM_ARGUMENTS_##arity);                            \
   }
 #define QUILM_PARAMETERS_0(id) void
-#define QUILM_PARAMETERS_1(id) quilm_forward::ArgumentOf<id, 0> a
-#define QUILM_PARAMETERS_2(id) QUILM_PARAMETERS_1(id), quilm_forward::ArgumentOf<id, 1> b
-#define QUILM_PARAMETERS_3(id) QUILM_PARAMETERS_2(id), quilm_forward::ArgumentOf<id, 2> c
-#define QUILM_PARAMETERS_4(id) QUILM_PARAMETERS_3(id), quilm_forward::ArgumentOf<id, 3> d
+#define QUILM_PARAMETERS_1(id) quilm_interposer::ArgumentOf<id, 0> a
+#define QUILM_PARAMETERS_2(id) QUILM_PARAMETERS_1(id), quilm_interposer::ArgumentOf<id, 1> b
+#define QUILM_PARAMETERS_3(id) QUILM_PARAMETERS_2(id), quilm_interposer::ArgumentOf<id, 2> c
+#define QUILM_PARAMETERS_4(id) QUILM_PARAMETERS_3(id), quilm_interposer::ArgumentOf<id, 3> d
 #define QUILM_ARGUMENTS_0
 #define QUILM_ARGUMENTS_1 , a
 #define QUILM_ARGUMENTS_2 , a, b
 #define QUILM_ARGUMENTS_3 , a, b, c
 #define QUILM_ARGUMENTS_4 , a, b, c, d
 
-#endif  // QUILMRUN_RUNTIME_FORWARD_FORWARD_H_
+#endif  // QUILMRUN_RUNTIME_INTERPOSER_INTERPOSER_H_

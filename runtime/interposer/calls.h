@@ -1,7 +1,7 @@
 // The functions of the interface, each with the number of its parameters. What they take and return
 // is told by runtime/quilm.h alone.
-#ifndef QUILMRUN_RUNTIME_FORWARD_CALLS_H_
-#define QUILMRUN_RUNTIME_FORWARD_CALLS_H_
+#ifndef QUILMRUN_RUNTIME_INTERPOSER_CALLS_H_
+#define QUILMRUN_RUNTIME_INTERPOSER_CALLS_H_
 
 // Expands CALL(parameters, function) for every function, in the order of runtime/quilm.h.
 #define QUILM_CALLS(CALL)                      \
@@ -50,4 +50,4 @@
   CALL(3, quilm_mdl_set_total_t)               \
   CALL(3, quilm_mdl_execute)
 
-#endif  // QUILMRUN_RUNTIME_FORWARD_CALLS_H_
+#endif  // QUILMRUN_RUNTIME_INTERPOSER_CALLS_H_
