@@ -25,7 +25,7 @@ def log_text(inputs, outputs=(), executed=0, files=()):
 
 
 def module_of(companion):
-    """Where the main() of a companion is."""
+    """The room of a companion."""
     return companion.rpartition("-")[2]
 
 
@@ -34,7 +34,7 @@ def status_of(command):
     signal.alarm(120)
     sys.argv = command
     try:
-        importlib.import_module("quilmrun_tools.cli").run(module_of(command[0]))
+        importlib.import_module("quilmrun_tools.common.entry").run(module_of(command[0]))
     except SystemExit as end:
         return end.code
     except BaseException:  # pylint: disable=broad-exception-caught
@@ -55,7 +55,7 @@ class CompanionTest(ToolTest):
         of this process, where Python and its packages, most of a short run's time, are loaded
         already."""
         command = [str(COMPANIONS / (name or self.name)), *map(str, arguments)]
-        importlib.import_module(f"quilmrun_tools.{module_of(command[0])}")
+        importlib.import_module(f"quilmrun_tools.{module_of(command[0])}.program")
         with tempfile.TemporaryFile() as out, tempfile.TemporaryFile() as errors:
             sys.stdout.flush()
             sys.stderr.flush()

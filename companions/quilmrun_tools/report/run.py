@@ -11,12 +11,13 @@ from dataclasses import dataclass, field
 from pathlib import Path
 from typing import Any, Callable, Iterable
 
-from quilmrun_tools import cli
-from quilmrun_tools.cli import Unreadable
-from quilmrun_tools.log import RunLog, read_log
-from quilmrun_tools.manifest import FILE_NAME as MANIFEST_NAME
-from quilmrun_tools.manifest import Manifest, read_manifest
-from quilmrun_tools.record import Record, read_record
+
+from quilmrun_tools.artifacts.prepared_inputs import FILE_NAME as MANIFEST_NAME
+from quilmrun_tools.artifacts.prepared_inputs import Manifest, read_manifest
+from quilmrun_tools.artifacts.record import Record, read_record
+from quilmrun_tools.artifacts.run_log import RunLog, read_log
+from quilmrun_tools.common.errors import Unreadable
+from quilmrun_tools.common.json_files import read_json
 
 LOADED_MODEL = "ModelInfoMem Size"  # in the log's summary
 USUAL_NAMES = {"log": "log.txt", "memory": "memory_data.csv", "record": "record.json",
@@ -114,22 +115,25 @@ def _read_record(path: str) -> Record:
 
 
 def _read_comparison(path: str) -> dict[str, Any]:
-    value = cli.read_json(path, "quilmrun-compare")
+    value = read_json(path, "quilmrun-compare")
     if not isinstance(value.get("outputs"), list) or not isinstance(value.get("runs"), list):
         raise Unreadable(f"{path} is not complete: write it again with quilmrun-compare --json")
     return value
 
+
+Warn = Callable[[str], None]
 
 READERS: dict[str, Callable[[str], Any]] = {
     "log": read_log, "memory": read_memory_report, "record": _read_record,
     "comparison": _read_comparison, "inputs": read_manifest}
 
 
-def collect(folder: str | None, named: dict[str, str | None], label: str = "") -> Run:
+def collect(folder: str | None, named: dict[str, str | None], label: str, warn: Warn) -> Run:
     """Reads what there is of a run.
 
     `named` has the paths that the user gave for single parts; such a file has to be readable. The
-    others are looked for in `folder`. Raises Unreadable when nothing is found at all.
+    others are looked for in `folder`; `warn` is told of those that cannot
+    be read. Raises Unreadable when nothing is found at all.
     """
     root = Path(folder) if folder else None
     if root and not root.is_dir():
@@ -144,7 +148,7 @@ def collect(folder: str | None, named: dict[str, str | None], label: str = "") -
     if not run.found:
         raise Unreadable(_nothing_there(folder))
     for part in USUAL_NAMES:
-        _read_part(run, part, required=bool(named.get(part)))
+        _read_part(run, part, required=bool(named.get(part)), warn=warn)
     if run.inputs is None and run.log:
         _find_inputs(run)
     if run.memory and run.log and LOADED_MODEL in run.log.summary:  # with -p 1, and only there
@@ -160,7 +164,7 @@ def _nothing_there(folder: str | None) -> str:
     return f"{folder} {state} {', '.join(USUAL_NAMES.values())}; {HOW_TO_GET['log']}"
 
 
-def _read_part(run: Run, part: str, required: bool) -> None:
+def _read_part(run: Run, part: str, required: bool, warn: Warn) -> None:
     if part not in run.found:
         run.gaps.append(Gap(part, ""))
         return
@@ -169,7 +173,7 @@ def _read_part(run: Run, part: str, required: bool) -> None:
     except Unreadable as error:
         if required:
             raise
-        cli.warn(str(error))
+        warn(str(error))
         run.gaps.append(Gap(part, str(error)))
 
 

@@ -12,7 +12,7 @@ from dataclasses import dataclass, field
 from pathlib import Path
 from typing import Any, Iterator
 
-from quilmrun_tools.cli import Unreadable
+from quilmrun_tools.common.errors import Unreadable
 
 FORMAT = "quilmrun-record"
 EXECUTE = "quilm_mdl_execute"

@@ -13,7 +13,7 @@ from typing import Callable, Sequence
 
 from markupsafe import Markup, escape
 
-from quilmrun_tools.units import Unit, decade_ticks, plain_unit, ticks
+from quilmrun_tools.common.units import Unit, decade_ticks, plain_unit, ticks
 
 WIDTH, HEIGHT = 1000.0, 300.0
 BINS = 48

@@ -3,15 +3,24 @@
 import argparse
 import datetime
 import shlex
-import sys
 from dataclasses import asdict
 from pathlib import Path
 from typing import Any, Optional
 
-from quilmrun_tools import cli, learn, manifest, pictures, prepare, preview, sources
-from quilmrun_tools.cli import Unreadable
-from quilmrun_tools.log import RunLog, Tensor, read_log
-from quilmrun_tools.target_folder import TargetFolder
+from quilmrun_tools.artifacts import prepared_inputs
+from quilmrun_tools.artifacts.run_log import RunLog, Tensor, read_log
+from quilmrun_tools.common.executable import find_quilmrun
+from quilmrun_tools.common.errors import Status, Unreadable
+from quilmrun_tools.common.json_files import check_json, write_json
+from quilmrun_tools.common.own_files import check_own, write_own
+from quilmrun_tools.common.parser import Parser
+from quilmrun_tools.common.streams import Streams
+from quilmrun_tools.inputs import describe_model
+from quilmrun_tools.inputs import pictures
+from quilmrun_tools.inputs import prepare
+from quilmrun_tools.inputs import preview
+from quilmrun_tools.inputs import sources
+from quilmrun_tools.inputs.target_folder import TargetFolder
 
 DESCRIPTION = """\
 Makes raw input files and a list of them for quilmrun, of pictures (PNG, JPEG,
@@ -77,9 +86,9 @@ def _count(text: str) -> int:
     return int(text)
 
 
-def parser() -> cli.Parser:
+def parser() -> Parser:
     """The command line."""
-    result = cli.Parser("quilmrun-inputs", DESCRIPTION, EXAMPLES, usage=(
+    result = Parser("quilmrun-inputs", DESCRIPTION, EXAMPLES, usage=(
         "quilmrun-inputs (-m MODEL [-j JSON] | --model-log LOG) -o FOLDER [option ...] SOURCE ..."))
     result.add_argument("sources", nargs="*", metavar="SOURCE",
                         help="what a model's only data input is made of")
@@ -120,7 +129,7 @@ def parser() -> cli.Parser:
     return result
 
 
-def _add_other(result: cli.Parser) -> None:
+def _add_other(result: Parser) -> None:
     values = result.add_argument_group("random values")
     values.add_argument("--random", type=_count, default=0, metavar="N",
                         help="N inferences, for all inputs that have no sources")
@@ -137,7 +146,7 @@ def _add_other(result: cli.Parser) -> None:
     result.add_json()
 
 
-def _check(options: argparse.Namespace, errors: cli.Parser) -> None:
+def _check(options: argparse.Namespace, errors: Parser) -> None:
     if bool(options.model) == bool(options.model_log):
         errors.error("give either --model or --model-log")
     if options.seed < 0:
@@ -146,33 +155,34 @@ def _check(options: argparse.Namespace, errors: cli.Parser) -> None:
         errors.error("name pictures or arrays, or ask for --random N")
 
 
-def main() -> int:
-    """Runs the companion on the process's own command line."""
+def main(arguments: list[str], streams: Streams) -> int:
+    """Runs the companion."""
     commands = parser()
-    options = commands.parse_args()
+    options = commands.parse_args(arguments)
     _check(options, commands)
-    cli.check_json(options.json, manifest.FORMAT)
+    check_json(options.json, prepared_inputs.FORMAT)
     if options.preview:
-        cli.check_own(options.preview, preview.MARKER)
-    log = read_log(options.model_log) if options.model_log else learn.describe(
-        options.model, options.quilm_json, learn.find_quilmrun(options.quilmrun))
+        check_own(options.preview, preview.MARKER, streams.program)
+    log = read_log(options.model_log) if options.model_log else describe_model.describe(
+        options.model, options.quilm_json, find_quilmrun(options.quilmrun))
     inputs = _inputs(log, options.without)
     columns = _columns(inputs, options)
     prepare.check(columns, options.batch)
     with TargetFolder(options.output) as folder:
-        result = prepare.write(columns, options.batch, folder.waiting)
-        _report_skipped(result, options.skip_unreadable)
-        description = _description(log, inputs, options, result)
+        result = prepare.write(columns, options.batch, folder.waiting, streams)
+        _report_skipped(result, options.skip_unreadable, streams)
+        description = _description(log, inputs, options, result, [streams.program, *arguments])
         folder.commit(description)
     if result.shown:
         sheet = preview.contact_sheet(result.shown, f"{len(result.shown)} of "
                                       f"{result.inferences} inferences; {_says(columns)}")
-        cli.write_own(options.preview, sheet, preview.MARKER)
+        write_own(options.preview, sheet, preview.MARKER, streams.program)
     if options.json:
-        cli.write_json(options.json, {**description.to_dict(), "skipped": result.skipped})
+        write_json(options.json, {**description.to_dict(), "skipped": result.skipped},
+                   streams.out)
     if options.json != "-":
-        _print_summary(columns, options, log, result)
-    return cli.YES
+        _print_summary(columns, options, log, result, streams)
+    return Status.YES
 
 
 def _inputs(log: RunLog, without: list[str]) -> list[Tensor]:
@@ -232,9 +242,9 @@ def _words(inputs: list[Tensor], options: argparse.Namespace) -> dict[str, list[
     return words
 
 
-def _report_skipped(result: prepare.Result, may_skip: bool) -> None:
+def _report_skipped(result: prepare.Result, may_skip: bool, streams: Streams) -> None:
     for reason in result.skipped:
-        print(f"{cli.program()}: cannot read {reason}", file=sys.stderr)
+        streams.complain(f"cannot read {reason}")
     if result.skipped and not may_skip:
         raise Unreadable(f"{len(result.skipped)} unreadable: repair or remove them, or leave them "
                          "out with --skip-unreadable; nothing was written")
@@ -243,11 +253,11 @@ def _report_skipped(result: prepare.Result, may_skip: bool) -> None:
 
 
 def _description(log: RunLog, inputs: list[Tensor], options: argparse.Namespace,
-                 result: prepare.Result) -> manifest.Manifest:
+                 result: prepare.Result, command: list[str]) -> prepared_inputs.Manifest:
     now = datetime.datetime.now(datetime.timezone.utc)
     described: list[dict[str, Any]] = [asdict(tensor) for tensor in inputs]
-    return manifest.Manifest(
-        now.strftime("%Y-%m-%dT%H:%M:%SZ"), sys.argv, vars(options),
+    return prepared_inputs.Manifest(
+        now.strftime("%Y-%m-%dT%H:%M:%SZ"), command, vars(options),
         {"path": options.model or log.model_path, "inputs": described},
         prepare.LIST_NAME, options.batch, result.files)
 
@@ -271,17 +281,17 @@ def _says_of(column: prepare.Column) -> str:
 
 
 def _print_summary(columns: list[prepare.Column], options: argparse.Namespace, log: RunLog,
-                   result: prepare.Result) -> None:
+                   result: prepare.Result, streams: Streams) -> None:
     folder = Path(options.output)
     batches = "" if options.batch == 1 else f" of {options.batch} batches"
     if result.last_batch != options.batch:
         batches += f", {result.last_batch} in the last"
     skipped = f", {len(result.skipped)} left out" if result.skipped else ""
     many = "inference" if result.inferences == 1 else "inferences"
-    print(f"{result.inferences} {many}{batches}{skipped} in {folder / prepare.LIST_NAME}")
+    streams.say(f"{result.inferences} {many}{batches}{skipped} in {folder / prepare.LIST_NAME}")
     for column in columns:
-        print(_says_of(column))
+        streams.say(_says_of(column))
     batch = [] if options.batch == 1 else ["-b", str(options.batch)]
-    print("next: " + shlex.join([
+    streams.say("next: " + shlex.join([
         "quilmrun", "-m", options.model or log.model_path, "-i", str(folder / prepare.LIST_NAME),
         "-j", options.quilm_json or "JSON", "-o", "OUT", *batch]))

@@ -5,13 +5,17 @@ from __future__ import annotations
 import argparse
 from pathlib import Path
 
-from quilmrun_tools import cli
-from quilmrun_tools.cli import Unreadable
-from quilmrun_tools.report_figures import as_json
-from quilmrun_tools.report_page import GENERATOR, Side, model_difference, render, sides_of
-from quilmrun_tools.report_run import PART_TITLES, USUAL_NAMES, collect
-from quilmrun_tools.report_verdict import FAIL
-from quilmrun_tools.units import change, milliseconds
+
+from quilmrun_tools.common.errors import Status, Unreadable
+from quilmrun_tools.common.json_files import check_json, write_json
+from quilmrun_tools.common.own_files import write_own
+from quilmrun_tools.common.parser import Parser
+from quilmrun_tools.common.streams import Streams
+from quilmrun_tools.common.units import change, milliseconds
+from quilmrun_tools.report.figures import as_json
+from quilmrun_tools.report.page import GENERATOR, Side, model_difference, render, sides_of
+from quilmrun_tools.report.run import PART_TITLES, USUAL_NAMES, collect
+from quilmrun_tools.report.verdict import FAIL
 
 MARKER = f'<meta name="generator" content="{GENERATOR}'.encode()
 
@@ -27,9 +31,9 @@ exit status: 0, 1 when the run failed or its outputs exceed limits, 2 when
 nothing could be read or written"""
 
 
-def parse() -> argparse.Namespace:
+def parse(arguments: list[str]) -> argparse.Namespace:
     """The command line."""
-    parser = cli.Parser("quilmrun-report", DESCRIPTION, EXAMPLES)
+    parser = Parser("quilmrun-report", DESCRIPTION, EXAMPLES)
     parser.add_argument("run", nargs="?", metavar="RUN",
                         help=f"folder with some of {', '.join(USUAL_NAMES.values())}")
     parser.add_argument("-o", "--output", metavar="FILE",
@@ -48,31 +52,32 @@ def parse() -> argparse.Namespace:
     parser.add_argument("--worst", type=int, default=6, metavar="N",
                         help="worst cases of the comparison to show; 6 by default")
     parser.add_json()
-    return parser.parse_args()
+    return parser.parse_args(arguments)
 
 
-def main() -> int:
+def main(arguments: list[str], streams: Streams) -> int:
     """Returns 0, or 1 when the verdict is a failure."""
-    options = parse()
+    options = parse(arguments)
     if options.worst < 0:
         raise Unreadable("--worst takes a number from 0 on")
-    cli.check_json(options.json, GENERATOR)
+    check_json(options.json, GENERATOR)
     named = {part: getattr(options, part) for part in USUAL_NAMES}
-    run = collect(options.run, named, options.name)
-    other = collect(options.compare_with, {}, options.other_name) if options.compare_with else None
+    run = collect(options.run, named, options.name, streams.warn)
+    other = collect(options.compare_with, {}, options.other_name, streams.warn) \
+        if options.compare_with else None
     sides = sides_of(run, other)
     if model_difference(sides):
-        cli.warn(model_difference(sides))
+        streams.warn(model_difference(sides))
     target = options.output or str(Path(options.run or ".") / "report.html")
     page = render(sides, options.title, options.worst)
     # File names may hold bytes that are no text; a page has to be text.
-    cli.write_own(target, page.encode("utf-8", "replace"), MARKER)
+    write_own(target, page.encode("utf-8", "replace"), MARKER, GENERATOR)
     if options.json:
-        cli.write_json(options.json, to_json(sides, target))
+        write_json(options.json, to_json(sides, target), streams.out)
     if options.json != "-":
-        print(summary(sides))
-        print(f"The page is {target}")
-    return cli.NO if sides[-1].verdict.state == FAIL else cli.YES
+        streams.say(summary(sides))
+        streams.say(f"The page is {target}")
+    return Status.NO if sides[-1].verdict.state == FAIL else Status.YES
 
 
 def to_json(sides: list[Side], page: str) -> dict:

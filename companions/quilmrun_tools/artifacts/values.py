@@ -12,7 +12,7 @@ from typing import Iterator, Optional
 
 import numpy as np
 
-from quilmrun_tools.cli import Unreadable
+from quilmrun_tools.common.errors import Unreadable
 
 FLOAT, HALF, INT32 = "float", "half", "int32"
 # By the type code of an output that the dump does not write as its value.

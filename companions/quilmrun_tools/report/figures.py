@@ -6,11 +6,11 @@ import math
 from dataclasses import asdict, dataclass, field
 from typing import Any
 
-from quilmrun_tools.cli import Unreadable
-from quilmrun_tools.outputs import scan_folder
-from quilmrun_tools.record import Distribution, Record
-from quilmrun_tools.report_run import Run
-from quilmrun_tools.report_verdict import judge
+from quilmrun_tools.artifacts.output_folder import scan_folder
+from quilmrun_tools.artifacts.record import Distribution, Record
+from quilmrun_tools.common.errors import Unreadable
+from quilmrun_tools.report.run import Run
+from quilmrun_tools.report.verdict import judge
 
 MOST_FUNCTIONS = 12  # of the table of runtime calls; the rest is summed up
 

@@ -1,33 +1,13 @@
 """Learns what inputs a model wants, from quilmrun itself."""
 
 import re
-import shutil
 import subprocess
-import sys
 import tempfile
 from pathlib import Path
 from typing import Optional
 
-from quilmrun_tools.cli import Unreadable
-from quilmrun_tools.log import RunLog, parse_log
-
-
-def find_quilmrun(named: Optional[str]) -> str:
-    """The executable: as named, beside the companion, in the source tree's build, or on PATH."""
-    if named is not None:
-        found = shutil.which(named)
-        if not found:
-            raise Unreadable(f"{named} cannot be run: name the executable with --quilmrun")
-        return str(Path(found).absolute())
-    here = Path(sys.argv[0]).resolve().parent
-    for candidate in (here / "quilmrun", here.parent / "build/release/quilmrun"):
-        if candidate.is_file():
-            return str(candidate)
-    found = shutil.which("quilmrun")
-    if not found:
-        raise Unreadable("there is no quilmrun on PATH: name it with --quilmrun, or give "
-                         "--model-log with the log of a run elsewhere")
-    return found
+from quilmrun_tools.artifacts.run_log import RunLog, parse_log
+from quilmrun_tools.common.errors import Unreadable
 
 
 def describe(model: str, settings: Optional[str], tool: str) -> RunLog:

@@ -4,7 +4,8 @@ from dataclasses import asdict, dataclass, field
 from pathlib import Path
 from typing import Any
 
-from quilmrun_tools import cli
+from quilmrun_tools.common.errors import Unreadable
+from quilmrun_tools.common.json_files import read_json
 
 FORMAT = "quilmrun-inputs"
 FILE_NAME = "inputs.json"
@@ -72,7 +73,7 @@ def read_manifest(path: str) -> Manifest:
     """Reads an inputs.json, or the one in the directory `path`."""
     if Path(path).is_dir():
         path = str(Path(path) / FILE_NAME)
-    value = cli.read_json(path, FORMAT)
+    value = read_json(path, FORMAT)
     try:
         files = [PreparedFile(**{**file, "sources": tuple(Source(**source)
                                                           for source in file["sources"])})
@@ -80,5 +81,5 @@ def read_manifest(path: str) -> Manifest:
         return Manifest(value["created"], value["command"], value["options"], value["model"],
                         value["list"], value["batch"], files, path)
     except (KeyError, TypeError) as error:
-        raise cli.Unreadable(f"{path} is not complete: prepare the inputs again with "
+        raise Unreadable(f"{path} is not complete: prepare the inputs again with "
                              "quilmrun-inputs") from error

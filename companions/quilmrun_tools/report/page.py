@@ -12,12 +12,14 @@ from typing import Any
 from jinja2 import Environment, FileSystemLoader
 from markupsafe import Markup
 
-from quilmrun_tools import __version__, charts, units
-from quilmrun_tools.record import Call
-from quilmrun_tools.report_figures import PHASES, Figures, calls_table, figures_of
-from quilmrun_tools.report_run import Run, option
-from quilmrun_tools.report_verdict import Verdict, count, judge, limits_in_words
-from quilmrun_tools.report_worst import worst_cases
+from quilmrun_tools import __version__
+from quilmrun_tools.artifacts.record import Call
+from quilmrun_tools.common import units
+from quilmrun_tools.report import charts
+from quilmrun_tools.report.figures import PHASES, Figures, calls_table, figures_of
+from quilmrun_tools.report.run import Run, option
+from quilmrun_tools.report.verdict import Verdict, count, judge, limits_in_words
+from quilmrun_tools.report.worst import worst_cases
 
 GENERATOR = "quilmrun-report"
 HERE = Path(__file__).resolve().parent

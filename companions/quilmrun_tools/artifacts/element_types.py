@@ -2,8 +2,8 @@
 
 import numpy as np
 
-from quilmrun_tools.cli import Unreadable
-from quilmrun_tools.log import TYPES, Tensor
+from quilmrun_tools.artifacts.run_log import TYPES, Tensor
+from quilmrun_tools.common.errors import Unreadable
 
 
 def dtype_of(tensor: Tensor) -> np.dtype:

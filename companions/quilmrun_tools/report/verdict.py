@@ -5,8 +5,8 @@ from __future__ import annotations
 from dataclasses import dataclass
 from typing import Any
 
-from quilmrun_tools.report_run import Run
-from quilmrun_tools.units import percent
+from quilmrun_tools.common.units import percent
+from quilmrun_tools.report.run import Run
 
 PASS, FAIL, OPEN = "pass", "fail", "open"
 

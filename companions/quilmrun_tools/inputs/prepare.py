@@ -11,12 +11,14 @@ from pathlib import Path
 
 from PIL import Image
 
-from quilmrun_tools import elements
-from quilmrun_tools.ahead import ahead
-from quilmrun_tools.cli import Unreadable, progress
-from quilmrun_tools.log import Tensor
-from quilmrun_tools.manifest import PreparedFile
-from quilmrun_tools.sources import Item, Loaded, PictureItem
+from quilmrun_tools.artifacts import element_types
+from quilmrun_tools.artifacts.prepared_inputs import PreparedFile
+from quilmrun_tools.artifacts.run_log import Tensor
+from quilmrun_tools.common.errors import Unreadable
+from quilmrun_tools.common.parallel_map import ahead
+from quilmrun_tools.common.progress import progress
+from quilmrun_tools.common.streams import Streams
+from quilmrun_tools.inputs.sources import Item, Loaded, PictureItem
 
 LIST_NAME = "list.txt"
 _LARGEST_FILE = 2**31 - 1  # bytes that quilmrun takes
@@ -64,18 +66,18 @@ def check(columns: list[Column], batch: int) -> int:
             counts = ", ".join(f"{other.rows} for {other.tensor.name}" for other in columns)
             raise Unreadable(f"the inputs differ in number: {counts}; give each as many, or one "
                              "that serves for all")
-        row_bytes = elements.dtype_of(tensor).itemsize * (tensor.dims or (1,))[-1]
+        row_bytes = element_types.dtype_of(tensor).itemsize * (tensor.dims or (1,))[-1]
         if batch > 1 and row_bytes < tensor.stride:
             raise Unreadable(f"{tensor.name} has padded rows ({row_bytes} of {tensor.stride} bytes)"
                              ", of which quilmrun takes one batch a file: leave out --batch")
-        size = batch * tensor.elements * elements.dtype_of(tensor).itemsize
+        size = batch * tensor.elements * element_types.dtype_of(tensor).itemsize
         if size > _LARGEST_FILE:
             raise Unreadable(f"a file of {tensor.name} would have {size} bytes, and quilmrun takes "
                              f"{_LARGEST_FILE}: lower --batch")
     return rows
 
 
-def write(columns: list[Column], batch: int, folder: Path) -> Result:
+def write(columns: list[Column], batch: int, folder: Path, streams: Streams) -> Result:
     """Writes all files and the list to `folder`; unreadable sources are in the result, and the
     rows that they belong to left out."""
     rows = check(columns, batch)
@@ -86,7 +88,7 @@ def write(columns: list[Column], batch: int, folder: Path) -> Result:
     result = writer.result
     waiting: list[list[list[Loaded]]] = []
     loaded = ahead(lambda row: _load(columns, row), range(rows))
-    for row in progress(loaded, rows, "preparing", "row" if batch > 1 else "inference"):
+    for row in progress(streams, loaded, rows, "preparing", "row" if batch > 1 else "inference"):
         if isinstance(row, list):
             waiting.append(row)
             result.shown += [(item.label, item.shown) for column in row for item in column

@@ -9,9 +9,9 @@ from typing import Any
 import numpy as np
 from markupsafe import Markup
 
-from quilmrun_tools import charts
-from quilmrun_tools.report_pictures import is_picture, thumbnail
-from quilmrun_tools.report_run import Run
+from quilmrun_tools.report import charts
+from quilmrun_tools.report.pictures import is_picture, thumbnail
+from quilmrun_tools.report.run import Run
 
 FEW = 32  # outputs with so few values are drawn value by value
 MOST_PICTURES = 4  # of one inference; a batch may have more

@@ -13,10 +13,12 @@ from typing import Iterator, Optional, Protocol
 import numpy as np
 from PIL import Image
 
-from quilmrun_tools import elements, pictures, preview
-from quilmrun_tools.cli import Unreadable
-from quilmrun_tools.log import Tensor
-from quilmrun_tools.manifest import Source
+from quilmrun_tools.artifacts import element_types
+from quilmrun_tools.artifacts.prepared_inputs import Source
+from quilmrun_tools.artifacts.run_log import Tensor
+from quilmrun_tools.common.errors import Unreadable
+from quilmrun_tools.inputs import pictures
+from quilmrun_tools.inputs import preview
 
 ARRAY_SUFFIXES = (".npy", ".npz")
 LIST_SUFFIXES = (".txt", ".lst")
@@ -76,7 +78,7 @@ class ArrayItem:
             array = array[self.rows]
             place += f"[{self.rows.start}]"
         return Loaded(self.path.stem + place.strip("]"),
-                      elements.convert(np.asarray(array), self.dtype),
+                      element_types.convert(np.asarray(array), self.dtype),
                       Source(str(self.path.absolute()) + place, _digest(self.path)))
 
 
@@ -96,16 +98,16 @@ class RandomItem:
         else:
             values = generator.integers(int(self.low), int(self.high), self.tensor.dims,
                                         endpoint=True)
-        return Loaded("random", elements.convert(values, self.dtype), Source("random"))
+        return Loaded("random", element_types.convert(values, self.dtype), Source("random"))
 
 
 def random_items(tensor: Tensor, count: int, seed: tuple[int, int],
                  bounds: Optional[tuple[float, float]]) -> list[Item]:
     """Floats from 0 to 1, 8-bit integers of their whole range, others from 0 to 255, or within
     `bounds`."""
-    dtype = elements.dtype_of(tensor)
+    dtype = element_types.dtype_of(tensor)
     low, high = bounds or ((0, 1) if dtype.kind == "f" else
-                           elements.limits(dtype) if dtype.itemsize == 1 else (0, 255))
+                           element_types.limits(dtype) if dtype.itemsize == 1 else (0, 255))
     return [RandomItem(tensor, dtype, (*seed, inference), low, high) for inference in range(count)]
 
 
@@ -187,7 +189,7 @@ def _digest(path: Path) -> str:
 
 
 def _array_items(path: Path, tensor: Tensor) -> Iterator[Item]:
-    dtype = elements.dtype_of(tensor)
+    dtype = element_types.dtype_of(tensor)
     for member in _members(path):
         array = _array(path, member)
         if array.dtype.kind not in "fiub":

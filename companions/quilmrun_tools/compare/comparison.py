@@ -4,13 +4,13 @@ import math
 from dataclasses import dataclass, field
 from typing import Any, Iterable, Iterator, Optional
 
-from quilmrun_tools import values
-from quilmrun_tools.ahead import ahead_in_processes
-from quilmrun_tools.log import Tensor
-from quilmrun_tools.manifest import Source
-from quilmrun_tools.metrics import CHUNK, Meter, Tally, same_bytes, tally_scores
-from quilmrun_tools.pairing import Key, Side
-from quilmrun_tools.values import Reader, Values
+from quilmrun_tools.artifacts import values
+from quilmrun_tools.artifacts.prepared_inputs import Source
+from quilmrun_tools.artifacts.run_log import Tensor
+from quilmrun_tools.artifacts.values import Reader, Values
+from quilmrun_tools.common.parallel_map import ahead_in_processes
+from quilmrun_tools.compare.metrics import CHUNK, Meter, Tally, same_bytes, tally_scores
+from quilmrun_tools.compare.pairing import Key, Side
 
 _LARGEST_SCORES = 100_000  # a longer vector is no list of classes
 _JOB = 32 * CHUNK  # elements that one processor compares at a time

@@ -11,7 +11,7 @@ from dataclasses import dataclass, field
 from pathlib import Path
 from typing import Iterator, Optional
 
-from quilmrun_tools.cli import Unreadable
+from quilmrun_tools.common.errors import Unreadable
 
 _FILE = re.compile(r"(.+)\.(\d+)\.(\d+)\.(bin|float)", re.DOTALL)
 

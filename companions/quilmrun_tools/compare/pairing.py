@@ -6,12 +6,13 @@ from dataclasses import dataclass, field
 from pathlib import Path
 from typing import Optional
 
-from quilmrun_tools import outputs, values
-from quilmrun_tools.cli import Unreadable
-from quilmrun_tools.log import RunLog, Tensor, name_in_files, read_log
-from quilmrun_tools.manifest import FILE_NAME, Manifest, read_manifest
-from quilmrun_tools.record import read_record
-from quilmrun_tools.values import Values
+from quilmrun_tools.artifacts import output_folder
+from quilmrun_tools.artifacts import values
+from quilmrun_tools.artifacts.prepared_inputs import FILE_NAME, Manifest, read_manifest
+from quilmrun_tools.artifacts.record import read_record
+from quilmrun_tools.artifacts.run_log import RunLog, Tensor, name_in_files, read_log
+from quilmrun_tools.artifacts.values import Values
+from quilmrun_tools.common.errors import Unreadable
 
 Key = tuple[str, int]  # an output's name in files, and how many of that name come before it
 LOG_NAME, RECORD_NAME = "log.txt", "record.json"
@@ -49,7 +50,7 @@ def read_side(path: str, log: Optional[str], inputs: Optional[str], types: dict[
     there, and inputs.json beside the log's input files count."""
     side = Side(path)
     try:
-        folder = outputs.scan_folder(path)
+        folder = output_folder.scan_folder(path)
     except Unreadable as error:
         reason = _why_none(Path(log or Path(path) / LOG_NAME), path)
         raise Unreadable(reason or str(error)) from error
@@ -136,11 +137,12 @@ def _last_run(side: Side) -> Optional[tuple[int, str]]:
     return min(known, default=None)
 
 
-def _in_order(found: list[outputs.Output], log: Optional[RunLog]) -> list[outputs.Output]:
+def _in_order(found: list[output_folder.Output],
+              log: Optional[RunLog]) -> list[output_folder.Output]:
     """In the order of the model where the log tells it, otherwise by time."""
     order = [name_in_files(tensor.name) for tensor in log.outputs] if log else []
 
-    def place(output: outputs.Output) -> tuple:
+    def place(output: output_folder.Output) -> tuple:
         return (order.index(output.name) if output.name in order else len(order),
                 output.duplicate if output.name in order else 0, output.timestamp_us)
     return sorted(found, key=place)

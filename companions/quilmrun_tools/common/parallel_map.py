@@ -9,7 +9,7 @@ import threading
 from concurrent.futures.process import BrokenProcessPool, ProcessPoolExecutor
 from typing import Any, Callable, Iterable, Iterator, TypeVar
 
-from quilmrun_tools.cli import Unreadable
+from quilmrun_tools.common.errors import Unreadable
 
 Given = TypeVar("Given")
 Made = TypeVar("Made")

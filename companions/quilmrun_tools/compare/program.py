@@ -4,12 +4,16 @@ import argparse
 import math
 from pathlib import Path
 
-from quilmrun_tools import cli, comparison, pairing
-from quilmrun_tools.cli import Unreadable
-from quilmrun_tools.comparison import Comparer, Comparison, Limits
-from quilmrun_tools.manifest import Source
-from quilmrun_tools.metrics import Tally
-from quilmrun_tools.pairing import Key, Side, text
+from quilmrun_tools.artifacts.prepared_inputs import Source
+from quilmrun_tools.common.errors import Status, Unreadable
+from quilmrun_tools.common.json_files import check_json, write_json
+from quilmrun_tools.common.parser import Parser
+from quilmrun_tools.common.progress import progress
+from quilmrun_tools.common.streams import Streams
+from quilmrun_tools.compare import comparison, pairing
+from quilmrun_tools.compare.comparison import Comparer, Comparison, Limits
+from quilmrun_tools.compare.metrics import Tally
+from quilmrun_tools.compare.pairing import Key, Side, text
 
 FORMAT = "quilmrun-compare"
 ATOL, RTOL = 1e-5, 1e-5
@@ -60,9 +64,9 @@ def _typed(value: str) -> tuple[str, str]:
     return pairing.name_in_files(name), kind
 
 
-def parser() -> cli.Parser:
+def parser() -> Parser:
     """The command line."""
-    result = cli.Parser("quilmrun-compare", DESCRIPTION, EXAMPLES,
+    result = Parser("quilmrun-compare", DESCRIPTION, EXAMPLES,
                         usage="quilmrun-compare OUT REFERENCE [option ...]")
     result.add_argument("output", metavar="OUT")
     result.add_argument("reference", metavar="REFERENCE")
@@ -98,15 +102,15 @@ def parser() -> cli.Parser:
     return result
 
 
-def main() -> int:
-    """Runs the companion on the process's own command line."""
-    options = parser().parse_args()
-    cli.check_json(options.json, FORMAT)
+def main(arguments: list[str], streams: Streams) -> int:
+    """Runs the companion."""
+    options = parser().parse_args(arguments)
+    check_json(options.json, FORMAT)
     output = pairing.read_side(options.output, options.log, options.inputs, dict(options.type))
     reference = _reference(options, output)
     keys = pairing.pair_keys(output, reference, options.by_order)
     scores = _scores(options, output, reference)
-    result = compare(output, reference, keys, scores, options)
+    result = compare(output, reference, keys, scores, options, streams)
     notes = output.notes + reference.notes
     if Path(options.output).resolve() == Path(options.reference).resolve():
         notes.append("both are the same directory")
@@ -114,10 +118,11 @@ def main() -> int:
     sources = {run: inputs.sources_of(run) for run in output.runs | reference.runs} \
         if inputs else {}
     if options.json:
-        cli.write_json(options.json, comparison.to_json(result, output, reference, notes, sources))
+        write_json(options.json, comparison.to_json(result, output, reference, notes, sources),
+                   streams.out)
     if options.json != "-":
-        print_result(result, output, notes, sources, options.worst)
-    return cli.YES if result.passed else cli.NO
+        print_result(result, output, notes, sources, options.worst, streams)
+    return Status.YES if result.passed else Status.NO
 
 
 def _reference(options: argparse.Namespace, output: Side) -> Side:
@@ -148,14 +153,14 @@ def _scores(options: argparse.Namespace, output: Side, reference: Side) -> dict[
 
 
 def compare(output: Side, reference: Side, keys: dict[Key, Key], scores: dict[Key, int],
-            options: argparse.Namespace) -> Comparison:
+            options: argparse.Namespace, streams: Streams) -> Comparison:
     """Reads and compares everything."""
     result = Comparison(_limits(options))
     rows = {key: comparison.row_of(output.tensor(key) or reference.tensor(key))
             for key in output.keys()}
     comparer = Comparer(result.limits, scores, rows)
     pairs = [*comparison.every_pair(output, reference, keys, options.common)]
-    for one in cli.progress(comparer.compare(pairs), len(pairs), "comparing", "output"):
+    for one in progress(streams, comparer.compare(pairs), len(pairs), "comparing", "output"):
         result.results.append(one)
         if not one.problem:
             result.totals.setdefault(one.key, Tally()).add(one.tally)
@@ -184,12 +189,12 @@ def _cells(tally: Tally) -> list[str]:
               for counts in (tally.nan, tally.inf))]
 
 
-def _print_table(head: list[str], rows: list[list[str]]) -> None:
+def _print_table(head: list[str], rows: list[list[str]], streams: Streams) -> None:
     """Columns as wide as their longest cell, measures flush right."""
     widths = [max(len(row[at]) for row in [head, *rows]) for at in range(len(head))]
     for row in [head, *rows]:
-        print("  ".join(cell.rjust(width) if title in _COLUMNS else cell.ljust(width)
-                        for cell, title, width in zip(row, head, widths)).rstrip())
+        streams.say("  ".join(cell.rjust(width) if title in _COLUMNS else cell.ljust(width)
+                              for cell, title, width in zip(row, head, widths)).rstrip())
 
 
 def _printable(name: str) -> str:
@@ -198,30 +203,31 @@ def _printable(name: str) -> str:
 
 
 def print_result(result: Comparison, output: Side, notes: list[str],
-                 sources: dict[int, list[Source]], worst: int) -> None:
+                 sources: dict[int, list[Source]], worst: int, streams: Streams) -> None:
     """Outputs, the worst runs, notes and the verdict."""
     labels = {run: _printable(", ".join(source.label for source in found))
               for run, found in sources.items()}
     _print_table(["output", "type", *_COLUMNS],
                  [[text(key), comparison.type_of(key, output), *_cells(tally)]
-                  for key, tally in result.totals.items()])
+                  for key, tally in result.totals.items()], streams)
     listed = [one for one in result.worst() if one.tally.max_abs > 0 or one.problem][:max(worst, 0)]
     compared = [one for one in listed if not one.problem]
     if compared:
-        print("\nworst runs:")
+        streams.say("\nworst runs:")
         _print_table(["run", "output", *_COLUMNS, "from"],
                      [[str(one.run), text(one.key), *_cells(one.tally),
-                       labels.get(one.run, "")] for one in compared])
+                       labels.get(one.run, "")] for one in compared], streams)
     problems = [one for one in result.results if one.problem]
     if problems:
-        print()
+        streams.say()
     for one in problems[:max(worst, 1)]:
-        print(f"{one.run}/{text(one.key)}: {one.problem}; {labels.get(one.run, '')}".rstrip("; "))
+        label = labels.get(one.run, "")
+        streams.say(f"{one.run}/{text(one.key)}: {one.problem}; {label}".rstrip("; "))
     if len(problems) > max(worst, 1):
-        print(f"... and {len(problems) - max(worst, 1)} more")
+        streams.say(f"... and {len(problems) - max(worst, 1)} more")
     for note in notes:
-        print(f"note: {note}")
-    print(f"\n{verdict(result)}")
+        streams.say(f"note: {note}")
+    streams.say(f"\n{verdict(result)}")
 
 
 def verdict(result: Comparison) -> str:

@@ -9,7 +9,7 @@ from dataclasses import dataclass, field
 from pathlib import Path
 from typing import Iterator, Optional
 
-from quilmrun_tools.cli import Unreadable
+from quilmrun_tools.common.errors import Unreadable
 
 # Element types by the runtime's codes: (numpy's name, as users write it).
 TYPES = {0: ("<f4", "float"), 1: ("<f2", "half"), 2: ("<i1", "int8"), 3: ("<i4", "int32"),

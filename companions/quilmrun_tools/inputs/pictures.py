@@ -12,9 +12,9 @@ import numpy as np
 from PIL import (BmpImagePlugin, Image, ImageOps, JpegImagePlugin, PngImagePlugin,
                  TiffImagePlugin)
 
-from quilmrun_tools import elements
-from quilmrun_tools.cli import Unreadable
-from quilmrun_tools.log import Tensor
+from quilmrun_tools.artifacts import element_types
+from quilmrun_tools.artifacts.run_log import Tensor
+from quilmrun_tools.common.errors import Unreadable
 
 SUFFIXES = (".png", ".jpg", ".jpeg", ".bmp", ".tif", ".tiff")
 _FORMATS = tuple(plugin.format for plugin in (
@@ -54,7 +54,7 @@ class Preparation:
     """Turns pictures into elements of one input."""
 
     def __init__(self, tensor: Tensor, options: Options) -> None:
-        self.dtype = elements.dtype_of(tensor)
+        self.dtype = element_types.dtype_of(tensor)
         self.shape = picture_shape(tensor, options)
         self.color = options.color or ("gray" if self.shape.channels == 1 else "rgb")
         self._size = options.size
@@ -62,8 +62,8 @@ class Preparation:
         self._fill = fill[::-1] if self.color == "bgr" else fill  # as Pillow takes it
         exact = self._exact_values(options)
         # [channel][pixel value]: the element, and how the preview shows it
-        self.table = np.stack([elements.convert(row, self.dtype) for row in exact])
-        self.saturated_values = elements.saturated(exact, self.dtype)
+        self.table = np.stack([element_types.convert(row, self.dtype) for row in exact])
+        self.saturated_values = element_types.saturated(exact, self.dtype)
         self._shown = _shown(self.table)
 
     def _exact_values(self, options: Options) -> np.ndarray:
@@ -179,6 +179,6 @@ def _shown(table: np.ndarray) -> np.ndarray:
     """Bytes that show the elements: over the whole range of 8-bit types, otherwise over what the
     pictures can hold."""
     values = table.astype(np.float64)
-    low, high = elements.limits(table.dtype) if table.dtype.itemsize == 1 else \
+    low, high = element_types.limits(table.dtype) if table.dtype.itemsize == 1 else \
         (values.min(), values.max())
     return np.rint((values - low) * (255 / max(high - low, 1e-30))).astype(np.uint8)

@@ -1,0 +1,1 @@
+"""Every file that passes between programs: its dataclass, its reader and its writer together."""

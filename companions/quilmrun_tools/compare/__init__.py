@@ -1,0 +1,1 @@
+"""quilmrun-compare: judges the outputs of a run by those of another."""

@@ -1,0 +1,1 @@
+"""quilmrun-inputs: makes input files and a list of pictures or arrays."""

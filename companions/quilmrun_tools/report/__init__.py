@@ -1,0 +1,1 @@
+"""quilmrun-report: one page that shows what there is of a run."""
