@@ -154,7 +154,7 @@ def measure_memory(scratch):
     def run(what, lines=line, inputs=1, output="0 64 64 1 16", floats=16, model=b"model"):
         settings = write(scratch / "memory.cfg", f"output y {output}\n" + "".join(
             f"input in{i} 4 32 32 1 32\n" for i in range(inputs + 2)))
-        done = Run(BUILD / "tests/odd/libquilm.so", write(scratch / "model", model),
+        done = Run(BUILD / "scripted/libquilm.so", write(scratch / "model", model),
                    write(scratch / "list.txt", lines), settings)
         add(f"peak memory, {what} | floats + 16 MiB", floats * 4 / MIB + 16, done.memory(), "MiB",
             1)

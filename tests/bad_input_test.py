@@ -9,7 +9,7 @@ from onnx import TensorProto, helper
 
 from models import (FAILURE, SHAPE_WARNING, SUCCESS, HostRuntimeTest, copies, executed,
                     identity, model, tensor)
-from tool import NO_MEDIA_MEMORY, QUILMRUN, TEARDOWN
+from tool import BUILD, NO_MEDIA_MEMORY, QUILMRUN, TEARDOWN
 
 
 class BadInput(HostRuntimeTest):
@@ -162,7 +162,7 @@ class BadInput(HostRuntimeTest):
         self.write("m.onnx", identity([1, 8]))
         self.write("q.json", "{}")
         status, out, _ = self.run_tool("-m", "m.onnx", "-i", "/dev/zero", "-j", "q.json",
-                                       library=os.environ["HOST_IDENTITY"], preexec_fn=limit)
+                                       library=str(BUILD / "host_identity"), preexec_fn=limit)
         self.assertIn("[ERROR] a line of file /dev/zero is longer than 1048576 bytes\n", out)
         self.assertRegex(out, r"\[ERROR\] inputPath size = 1\d{6}, out of range \(0, 4096\] error\n")
         self.assertEqual(status, 1)

@@ -6,12 +6,12 @@ import subprocess
 import unittest
 from unittest import mock
 
-from odd import ODD_RUNTIME, PLAIN, UNLOADED, OddRuntimeTest
-from tool import QUILMRUN, TEARDOWN
+from scripted import SCRIPTED_RUNTIME, PLAIN, UNLOADED, ScriptedRuntimeTest
+from tool import BUILD, QUILMRUN, TEARDOWN
 
 
 @unittest.skipIf("debug" in QUILMRUN, "the sanitizers have a malloc() of their own")
-class MemoryRunsOut(OddRuntimeTest):
+class MemoryRunsOut(ScriptedRuntimeTest):
     # Recurrent, and with enough inputs for named entries and RPN data.
     SCRIPT = "net_type 2\n" + "".join(f"input {name} 0 16 16 1 4\n" for name in "abcd") + \
         "output y 0 16 16 1 4\n"
@@ -19,8 +19,8 @@ class MemoryRunsOut(OddRuntimeTest):
     def run_short(self, options, fail=""):
         """(status, stdout, number of allocations)"""
         with mock.patch.dict(os.environ, FAILING_ALLOCATION=fail):
-            status, out, err = self.start_odd(
-                self.SCRIPT, "-t", "1", *options, library=os.environ["SHORT_OF_MEMORY"],
+            status, out, err = self.start_scripted(
+                self.SCRIPT, "-t", "1", *options, library=str(BUILD / "short_of_memory"),
                 data=bytes(16), list_text="b:x.bin\na:x.bin\n" * 2)
         # Nothing is left over.
         self.assertRegex(err, r"^(host runtime: \w+ before quilm_init\n)*\d+ allocations\n$")
@@ -52,10 +52,10 @@ class MemoryRunsOut(OddRuntimeTest):
         print(f"seen: {runs} runs short of memory")
 
 
-class Exceptions(OddRuntimeTest):
+class Exceptions(ScriptedRuntimeTest):
     def run_throwing(self, function, text):
         """(status, stdout) of a run that gets to its end."""
-        status, out, _ = self.start_odd(f"throw {function} 0 {text}\n" + PLAIN)
+        status, out, _ = self.start_scripted(f"throw {function} 0 {text}\n" + PLAIN)
         self.assertTrue(self.calls().endswith("quilm_finalize\n"), self.calls())
         return status, out
 
@@ -93,11 +93,11 @@ class Exceptions(OddRuntimeTest):
             self.csv()
 
 
-class OthersAtTheSameFiles(OddRuntimeTest):
+class OthersAtTheSameFiles(ScriptedRuntimeTest):
     def start(self, stdout, **files):
         return subprocess.Popen([os.path.abspath(QUILMRUN), *self.arguments(PLAIN, **files)],
                                 cwd=self.dir, stdout=stdout, text=True,
-                                env=dict(os.environ, LD_LIBRARY_PATH=ODD_RUNTIME))
+                                env=dict(os.environ, LD_LIBRARY_PATH=SCRIPTED_RUNTIME))
 
     def test_report_is_replaced_by_one_run_at_a_time(self):
         os.link(self.write("memory_data.csv", "old\n" * 500), self.dir / "link")
@@ -118,7 +118,7 @@ class OthersAtTheSameFiles(OddRuntimeTest):
 
     def test_a_log_that_takes_no_more_is_waited_for(self):
         list_text = "x.bin\n" * 100
-        _, expected = self.run_odd(PLAIN, list_text=list_text)
+        _, expected = self.run_scripted(PLAIN, list_text=list_text)
         reading, writing = os.pipe()
         os.set_blocking(writing, False)
         fcntl.fcntl(writing, fcntl.F_SETPIPE_SZ, 4096)
@@ -131,13 +131,13 @@ class OthersAtTheSameFiles(OddRuntimeTest):
         self.assertEqual(process.wait(), 0)
 
 
-class Locale(OddRuntimeTest):
+class Locale(ScriptedRuntimeTest):
     def test_figures_have_a_point_in_every_locale(self):
         subprocess.run(["localedef", "-c", "-i", "de_DE", "-f", "UTF-8", self.dir / "de_DE.UTF-8"],
                        check=True, capture_output=True)
         self.write("rpn", "0.5 1 1 1")
         with mock.patch.dict(os.environ, LOCPATH=str(self.dir)):
-            status, out = self.run_odd("locale quilm_init 1 de_DE.UTF-8\n" + PLAIN.replace(
+            status, out = self.run_scripted("locale quilm_init 1 de_DE.UTF-8\n" + PLAIN.replace(
                 "input task", "input r 0 32 32 1 4\ninput task"), "-p", "1", "-r", "rpn")
         self.assertEqual(status, 0)
         self.assertEqual(self.csv(), "T,T,T,0.047,0.008,0.016,0.016,0.005,0\n")

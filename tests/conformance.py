@@ -13,7 +13,6 @@ import collections
 import concurrent.futures
 import glob
 import os
-import queue
 import re
 import subprocess
 import sys
@@ -25,6 +24,7 @@ from onnx import numpy_helper
 
 DATA_DIR = "/usr/share/libonnx-testdata/data"
 RIGHT_FLOOR = 850
+SECONDS_PER_CASE = 20
 ARGUMENTS = "-m model.onnx -i list.txt -j settings.json -o out".split()
 SANITIZER_REPORT = re.compile(r"AddressSanitizer|LeakSanitizer|runtime error:")
 EXPLANATION = re.compile(r"^host runtime: (.*)$", re.MULTILINE)
@@ -168,27 +168,14 @@ def judge(status, errors, case, graph, folder):
     return refused(QUOTED_OR_NUMBER.sub("*", explained.group(1))[:150])
 
 
-class Tool:
-    """The executable, run once for a first model and then again in copies of its process."""
-
-    def __init__(self, executable, first_case):
-        warm_start = os.path.dirname(executable) + "/tests/libwarm_start.so"
-        self._folder = tempfile.TemporaryDirectory()
-        write_case(first_case, onnx.load(first_case + "/model.onnx").graph, self._folder.name)
-        self._process = subprocess.Popen([executable, *ARGUMENTS], cwd=self._folder.name, text=True,
-                                         env=dict(os.environ, LD_PRELOAD=warm_start),
-                                         stdin=subprocess.PIPE, stdout=subprocess.PIPE)
-
-    def run(self, folder):
-        """(exit status, negative after a signal; standard error)"""
-        self._process.stdin.write(folder + "\n")
-        self._process.stdin.flush()
-        status = int(self._process.stdout.readline())
-        with open(f"{folder}/stderr", encoding="utf-8", errors="replace") as file:
-            return os.waitstatus_to_exitcode(status), file.read()
+def run_tool(executable, folder):
+    """(exit status, negative after a signal; standard error) of a run on what write_case() made"""
+    result = subprocess.run([executable, *ARGUMENTS], cwd=folder, timeout=SECONDS_PER_CASE,
+                            stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, check=False)
+    return result.returncode, result.stderr.decode(errors="replace")
 
 
-def run_case(tool, case):
+def run_case(executable, case):
     path = os.path.join(case, "model.onnx")
     if not os.path.exists(path):
         return refused("not expressible: case without a model file")
@@ -198,17 +185,14 @@ def run_case(tool, case):
         return refused(reason)
     with tempfile.TemporaryDirectory() as folder:
         write_case(case, graph, folder)
-        return judge(*tool.run(folder), case, graph, folder)
+        return judge(*run_tool(executable, folder), case, graph, folder)
 
 
-def run_quietly(tools, case):
-    tool = tools.get()
+def run_quietly(executable, case):
     try:
-        return run_case(tool, case)
+        return run_case(executable, case)
     except Exception as problem:  # one broken case must not hide the others
         return wrong(f"{type(problem).__name__}: {problem}")
-    finally:
-        tools.put(tool)
 
 
 def report(outcomes):
@@ -235,11 +219,8 @@ def main():
     executable = os.path.abspath(sys.argv[1])
     data_dir = sys.argv[2] if len(sys.argv) == 3 else DATA_DIR
     cases = sorted(path for path in glob.glob(data_dir + "/*/test_*") if os.path.isdir(path))
-    tools = queue.SimpleQueue()
-    for _ in range(os.cpu_count()):
-        tools.put(Tool(executable, DATA_DIR + "/node/test_relu"))
     with concurrent.futures.ThreadPoolExecutor(os.cpu_count()) as pool:
-        outcomes = list(pool.map(lambda case: run_quietly(tools, case), cases))
+        outcomes = list(pool.map(lambda case: run_quietly(executable, case), cases))
     return 0 if report([*zip(map(os.path.basename, cases), outcomes)]) else 1
 
 

@@ -1,4 +1,4 @@
-// A malloc() that fails on demand, for processes with the odd runtime. It counts what the tool
+// A malloc() that fails on demand, for processes with the scripted runtime. It counts what the tool
 // allocates after the start of the process; within runtime calls nothing counts. The environment
 // variable FAILING_ALLOCATION says which one fails: N, or N+ for all from the N-th on. At the end
 // the count goes to standard error.
@@ -7,7 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "tests/odd_script.h"
+#include "runtime/scripted/script.h"
 
 // The C library's own.
 // NOLINTBEGIN(bugprone-reserved-identifier, readability-identifier-naming)
@@ -36,7 +36,7 @@ __attribute__((destructor)) void ShowCount() {
 }
 
 bool IsRefused() {
-  if (withinOddRuntime > 0) {
+  if (callsInProgress > 0) {
     return false;
   }
   ++allocations;

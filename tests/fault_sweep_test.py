@@ -1,13 +1,13 @@
 """Fails each runtime call of a run in turn and checks what becomes of the run."""
 
 import json
-import os
 import re
 import shutil
 import unittest
 
 from fault_table import Run, calls
 from models import HostRuntimeTest, copies, floats
+from tool import BUILD
 
 
 class FaultSweep(HostRuntimeTest):
@@ -18,7 +18,7 @@ class FaultSweep(HostRuntimeTest):
         self.write("q.json", json.dumps(settings))
         status, out, err = self.run_tool("-m", self.dir / "m.onnx", "-i", self.dir / "list.txt",
                                          "-j", self.dir / "q.json", "-o", "out", *options,
-                                         library=os.environ["HOST_IDENTITY"])
+                                         library=str(BUILD / "host_identity"))
         if "end to finalize quilm\n" not in out:
             self.fail(f"the run did not end: {status}\n{out}\n{err}")
         self.csv()

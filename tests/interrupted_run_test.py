@@ -8,8 +8,8 @@ import subprocess
 import unittest
 
 from models import NOT_EXECUTED, HostRuntimeTest, copies, floats
-from odd import FAILURE, PLAIN, SUCCESS, OddRuntimeTest
-from tool import QUILMRUN
+from scripted import FAILURE, PLAIN, SUCCESS, ScriptedRuntimeTest
+from tool import BUILD, QUILMRUN
 
 FOUR = "x.bin\n" * 4
 DUMPED = ("[INFO]  model execute success\n[INFO]  The value of quilm_data_type is [4]\n"
@@ -24,7 +24,7 @@ def groups_of(files):
     return sorted({int(name.split("/")[0]) for name, content in files.items() if content})
 
 
-class Signals(OddRuntimeTest):
+class Signals(ScriptedRuntimeTest):
     def check_stop(self, script, done, tail, status=1):
         self.check(status, tail, script + PLAIN, list_text=FOUR)
         self.assertEqual(groups_of(self.outputs()), list(range(done)))
@@ -52,13 +52,13 @@ class Signals(OddRuntimeTest):
                             f"signal quilm_mdl_execute {group} 2\n", group - 1, failed)
 
     def test_a_long_list_is_not_resolved_for_nothing(self):
-        _, out = self.run_odd("signal quilm_mdl_create_desc 1 15\n" + PLAIN, list_text=FOUR)
+        _, out = self.run_scripted("signal quilm_mdl_create_desc 1 15\n" + PLAIN, list_text=FOUR)
         self.assertEqual(out.count("inputPath"), 2)
         self.assertTrue(out.endswith(stopped(0)), out)
 
     def test_second_signal_ends_the_process(self):
         for first, second in ((2, 15), (15, 2), (2, 2)):
-            status, _, _ = self.start_odd(f"signal quilm_mdl_execute 2 {first}\n"
+            status, _, _ = self.start_scripted(f"signal quilm_mdl_execute 2 {first}\n"
                                           f"signal quilm_mdl_unload 1 {second}\n" + PLAIN,
                                           list_text=FOUR)
             self.assertEqual(status, -second)
@@ -70,7 +70,7 @@ class Signals(OddRuntimeTest):
         self.setUp()
         twice = "run quilm_mdl_execute 2 kill -{0} $PPID; sleep 0.1; kill -{0} $PPID\n"
         self.check_stop(twice.format("HUP"), 2, DUMPED + stopped(2))
-        status, _, _ = self.start_odd(twice.format("TERM") + PLAIN, list_text=FOUR)
+        status, _, _ = self.start_scripted(twice.format("TERM") + PLAIN, list_text=FOUR)
         self.assertEqual(status, -signal.SIGTERM)
 
     def test_signals_that_do_not_end_a_run(self):
@@ -100,27 +100,27 @@ class SystemCalls(HostRuntimeTest):
             self.write(name, floats(*range(1, 13)))
         self.write("rpn", "0.5 1.5\n2.5 3.5")
         proto = copies({"x": [1, 3, 4], "r": [1, 4]})
-        preload = shutil.copy(os.environ["SHORT_CALLS"], self.dir)  # to a path without blanks
+        preload = shutil.copy(BUILD / "libshort_calls.so", self.dir)  # to a path without blanks
         # The real engine reads files of the system, and complains when that is cut short.
-        library = ("env", f"LD_LIBRARY_PATH={os.environ['HOST_IDENTITY']}")
+        library = ("env", f"LD_LIBRARY_PATH={BUILD / 'host_identity'}")
         runs = [(self.run_model(proto, "a\nb\n", "-r", "rpn", within=within), self.outputs(),
                  self.csv()) for within in (library, (*library, f"LD_PRELOAD={preload}"))]
         self.assertEqual(runs[0], runs[1])
         self.assertEqual(len(runs[0][1]), 8)
 
 
-class StandardStreams(OddRuntimeTest):
+class StandardStreams(ScriptedRuntimeTest):
     def test_closed_ones_take_no_messages_to_other_files(self):
         def close():
             for stream in range(3):
                 os.close(stream)
-        status, out = self.run_odd(PLAIN, list_text=FOUR, limit=close)
+        status, out = self.run_scripted(PLAIN, list_text=FOUR, limit=close)
         self.assertEqual((status, out), (0, ""))
         self.assertNotIn("[INFO]", self.calls())
         self.assertEqual(groups_of(self.outputs()), [0, 1, 2, 3])
 
 
-class OutputDirectory(OddRuntimeTest):
+class OutputDirectory(ScriptedRuntimeTest):
     """Each of four groups writes two files of one page; the third finds no place any more."""
 
     def failures(self, *groups):
@@ -129,7 +129,7 @@ class OutputDirectory(OddRuntimeTest):
             for suffix in ("float", "bin"))) for group in groups)
 
     def check_run(self, event, log, done, within=(), directory="out"):
-        status, out = self.run_odd(event + PLAIN, list_text=FOUR, within=within)
+        status, out = self.run_scripted(event + PLAIN, list_text=FOUR, within=within)
         said = re.sub(r"^\[(INFO|WARN)\]  (start|The (amount|stride|data|shape)|Reading|quilm_mdl).*\n",
                       "", out, flags=re.M)
         self.assertTrue(said.endswith("Model Iters : 4\n" + DUMPED * 2 + log + SUCCESS), said)
@@ -142,7 +142,7 @@ class OutputDirectory(OddRuntimeTest):
                        directory="gone")
 
 
-class MediaMemory(OddRuntimeTest):
+class MediaMemory(ScriptedRuntimeTest):
     def test_figures_of_a_real_text(self):
         # The start of the runtime gives 8 KB back, the load of the model another 12 KB.
         within = self.own_mounts(
@@ -150,7 +150,7 @@ class MediaMemory(OddRuntimeTest):
             'export ASAN_OPTIONS=detect_leaks=0; mkdir proc && mount --bind /proc proc && mount -t tmpfs none /proc && '
             'ln -s "$PWD/proc/self" /proc/self && mkdir /proc/umap && '
             'printf "media memory\\ntotal=2048KB, used=100KB, free=1948KB\\n" > /proc/umap/media-mem')
-        status, out = self.run_odd(
+        status, out = self.run_scripted(
             "run quilm_init 1 echo used= 92 KB > /proc/umap/media-mem\n"
             "run quilm_mdl_load_from_mem 1 echo used=80 > /proc/umap/media-mem\n" + PLAIN,
             "-p", "1", within=within)
@@ -160,7 +160,7 @@ class MediaMemory(OddRuntimeTest):
         self.assertNotIn("open failed", out)
         self.assertEqual(self.csv(), "T,T,T,0.016,0.008,0.016,0.016,0.005,4294967288\n")
         shutil.rmtree(self.dir / "proc")
-        status, _ = self.run_odd("run quilm_init 1 echo used=107KB > /proc/umap/media-mem\n"
+        status, _ = self.run_scripted("run quilm_init 1 echo used=107KB > /proc/umap/media-mem\n"
                                  "fail quilm_init 1 7\n" + PLAIN, within=within,
                                  complaint=".* before quilm_init")
         self.assertEqual((status, self.csv()), (1, "T,T,T,0.000,0.000,0.000,0.000,0.000,7\n"))

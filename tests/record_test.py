@@ -11,7 +11,7 @@ import subprocess
 import unittest
 
 from models import HostRuntimeTest, copies, floats
-from odd import ODD_RUNTIME, PLAIN, OddRuntimeTest
+from scripted import SCRIPTED_RUNTIME, PLAIN, ScriptedRuntimeTest
 from tool import QUILMRUN
 
 RECORD = str(pathlib.Path(QUILMRUN).resolve().parent / "quilmrun-record")
@@ -112,14 +112,14 @@ class WholeRuns(HostRuntimeTest):
         self.assertEqual((len(record.executions()), record.facts["complete"]), (int(done), True))
 
 
-class Crashes(OddRuntimeTest):
+class Crashes(ScriptedRuntimeTest):
     def test_crash_of_the_library(self):
-        status, _, err = self.start_odd(f"signal quilm_mdl_execute 2 {signal.SIGABRT:d}\n" + PLAIN,
+        status, _, err = self.start_scripted(f"signal quilm_mdl_execute 2 {signal.SIGABRT:d}\n" + PLAIN,
                                         list_text="x.bin\n" * 4, within=(RECORD, "-o", "r.json"))
         self.assertEqual(status, -signal.SIGABRT)
         self.assertIn("the run was cut short", err)
         record = Recording(self.dir / "r.json")
-        self.assertEqual(record.facts["library"], os.path.join(ODD_RUNTIME, "libquilm.so"))
+        self.assertEqual(record.facts["library"], os.path.join(SCRIPTED_RUNTIME, "libquilm.so"))
         self.assertEqual((record.facts["complete"], record.facts["exit_status"]),
                          (False, 128 + signal.SIGABRT))
         self.assertEqual([call["name"] for call in record.calls],
@@ -129,7 +129,7 @@ class Crashes(OddRuntimeTest):
         self.assertEqual(sorted(p.name for p in self.dir.glob("r.json*")), ["r.json"])
 
     def test_recorder_is_killed_too(self):
-        killed, *_ = self.start_odd("run quilm_mdl_execute 2 kill -KILL $(ps -o ppid= $PPID) $PPID\n" +
+        killed, *_ = self.start_scripted("run quilm_mdl_execute 2 kill -KILL $(ps -o ppid= $PPID) $PPID\n" +
                                     PLAIN, list_text="x.bin\n" * 4, within=(RECORD, "-o", "r.json"))
         self.assertEqual(killed, -signal.SIGKILL)
         (left,) = self.dir.glob("r.json.*")
@@ -141,8 +141,8 @@ class Crashes(OddRuntimeTest):
 
     def test_exceptions_pass_through(self):
         script = "throw quilm_mdl_execute 1 error\n" + PLAIN
-        plain = self.start_odd(script)
-        recorded = self.start_odd(script, within=(RECORD, "-q"))
+        plain = self.start_scripted(script)
+        recorded = self.start_scripted(script, within=(RECORD, "-q"))
         self.assertEqual(recorded[:2], plain[:2])
         self.assertEqual(Recording(self.dir / "record.json").calls[-1]["name"], "quilm_finalize")
 

@@ -7,7 +7,7 @@ import time
 import unittest
 import unittest.mock
 
-from odd import FAILURE, PLAIN, SUCCESS, TASK_AND_WORK, OddRuntimeTest
+from scripted import FAILURE, PLAIN, SUCCESS, TASK_AND_WORK, ScriptedRuntimeTest
 from tool import NO_MEDIA_MEMORY, TEARDOWN, ToolTest
 
 RPN = PLAIN.replace("input task", "input r 0 32 32 {}\ninput task")
@@ -53,7 +53,7 @@ class Options(ToolTest):
             self.assertEqual("open file" in out, path != LONGEST + "x")  # it goes on with the list
 
 
-class Rules(OddRuntimeTest):
+class Rules(ScriptedRuntimeTest):
     def test_how_runs_end(self):
         os.mkdir(self.dir / "d")
         self.write("rpn", "1 2 3 4")
@@ -126,14 +126,14 @@ class Rules(OddRuntimeTest):
 
     def test_a_bad_rpn_path_ends_it_before_the_runtime_is_touched(self):
         self.write("rpn", "1 2 3 4")
-        status, out, _ = self.start_odd(PLAIN, "-r", "rpn,,rpn")
+        status, out, _ = self.start_scripted(PLAIN, "-r", "rpn,,rpn")
         self.assertEqual((status, out), (1, "".join(
-            f"[INFO]  inputPath: {path}\n" for path in ("m.om", "odd.cfg", "rpn", "")) +
+            f"[INFO]  inputPath: {path}\n" for path in ("m.om", "script.cfg", "rpn", "")) +
             "[ERROR] inputPath size = 0, out of range (0, 4096] error\n"))
         self.assertFalse((self.dir / "calls").exists())
 
     def test_files_are_not_handed_on_to_other_programs(self):
-        self.run_odd(f"run quilm_ext_get_mdl_net_type 1 ls -l /proc/self/fd > {self.dir}/open\n" +
+        self.run_scripted(f"run quilm_ext_get_mdl_net_type 1 ls -l /proc/self/fd > {self.dir}/open\n" +
                      PLAIN)
         self.assertNotIn("x.bin", (self.dir / "open").read_text())
 

@@ -9,7 +9,9 @@ import subprocess
 import tempfile
 import unittest
 
-QUILMRUN = os.environ.get("QUILMRUN", "build/release/quilmrun")
+BUILD = pathlib.Path(os.environ.get("QUILMRUN_BUILD",
+                                    pathlib.Path(__file__).parents[1] / "build/release"))
+QUILMRUN = os.environ.get("QUILMRUN", str(BUILD / "quilmrun"))
 
 INFO, WARN, ERROR = "[INFO]  ", "[WARN]  ", "[ERROR] "
 NO_MEDIA_MEMORY = "/proc/umap/media-mem open failed!\n"

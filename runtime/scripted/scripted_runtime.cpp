@@ -1,7 +1,7 @@
-// A libquilm.so for tests: it passes calls on to the host runtime, unless its script describes a
-// model; then it answers as that model would, however odd, and keeps the rest, memory, datasets and
-// buffers, with the host runtime, which checks handles and tells what is left at the end. Execution
-// of such a model copies the bytes of input 0 to the start of output 0.
+// A libquilm.so for tests and benchmarks. It passes calls on to the host runtime. Where its script
+// describes a model, it answers for that model itself; memory, datasets and buffers stay with the
+// host runtime, which checks handles and tells what is left at the end. An execution of such a
+// model copies the bytes of input 0 to the start of output 0.
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
@@ -9,7 +9,7 @@
 #include <type_traits>
 
 #include "runtime/interposer/interposer.h"
-#include "tests/odd_script.h"
+#include "runtime/scripted/script.h"
 
 using namespace quilm_interposer;  // NOLINT: what all of this is about
 
@@ -17,25 +17,25 @@ namespace {
 
 __attribute__((constructor)) void Open() {
   if (const char* problem = OpenRealLibrary(QUILMRUN_REAL_RUNTIME)) {
-    std::fprintf(stderr, "odd runtime: %s\n", problem);
+    std::fprintf(stderr, "scripted runtime: %s\n", problem);
     std::abort();
   }
-  withinOddRuntime = 0;
+  callsInProgress = 0;
 }
 
 struct Within {
-  Within() { ++withinOddRuntime; }
-  ~Within() { --withinOddRuntime; }
+  Within() { ++callsInProgress; }
+  ~Within() { --callsInProgress; }
   Within(const Within&) = delete;
   Within& operator=(const Within&) = delete;
 };
 
-const OddTensor& At(const std::vector<OddTensor>& tensors, size_t index) {
-  static const OddTensor kNone;
+const ScriptedTensor& At(const std::vector<ScriptedTensor>& tensors, size_t index) {
+  static const ScriptedTensor kNone;
   return index < tensors.size() ? tensors[index] : kNone;
 }
 
-quilm_error FillDims(const OddTensor& tensor, quilm_mdl_io_dims* dims) {
+quilm_error FillDims(const ScriptedTensor& tensor, quilm_mdl_io_dims* dims) {
   if (tensor.name == "*") {
     std::memset(dims->name, 'n', sizeof(dims->name));
   } else {
@@ -60,13 +60,13 @@ Block EntryOf(const quilm_mdl_dataset* dataset, size_t index) {
 
 void LogDataset(const quilm_mdl_dataset* dataset) {
   const size_t count = Pass(Call<Id::quilm_mdl_get_dataset_num_buffers>(), dataset);
-  for (size_t entry = 0; odd.log != nullptr && entry < count; ++entry) {
+  for (size_t entry = 0; script.log != nullptr && entry < count; ++entry) {
     const Block block = EntryOf(dataset, entry);
-    std::fprintf(odd.log, "  %zu/%zu:", block.size, odd.strides[block.bytes]);
+    std::fprintf(script.log, "  %zu/%zu:", block.size, script.strides[block.bytes]);
     for (size_t i = 0; i < std::min<size_t>(block.size, 256); ++i) {
-      std::fprintf(odd.log, "%02x", block.bytes[i]);
+      std::fprintf(script.log, "%02x", block.bytes[i]);
     }
-    std::fputc('\n', odd.log);
+    std::fputc('\n', script.log);
   }
 }
 
@@ -81,33 +81,33 @@ quilm_error Describe(Tag<Id::quilm_mdl_load_from_mem>, const void*, size_t, uint
 }
 
 size_t Describe(Tag<Id::quilm_mdl_get_num_inputs>, const quilm_mdl_desc*) {
-  return odd.inputs.size();
+  return script.inputs.size();
 }
 
 size_t Describe(Tag<Id::quilm_mdl_get_num_outputs>, const quilm_mdl_desc*) {
-  return odd.outputs.size();
+  return script.outputs.size();
 }
 
 quilm_error Describe(Tag<Id::quilm_mdl_get_input_dims>, const quilm_mdl_desc*, size_t index,
                      quilm_mdl_io_dims* dims) {
-  return FillDims(At(odd.inputs, index), dims);
+  return FillDims(At(script.inputs, index), dims);
 }
 
 quilm_error Describe(Tag<Id::quilm_mdl_get_output_dims>, const quilm_mdl_desc*, size_t index,
                      quilm_mdl_io_dims* dims) {
-  return FillDims(At(odd.outputs, index), dims);
+  return FillDims(At(script.outputs, index), dims);
 }
 
-#define ODD_FIELD(question, list, field)                                                    \
+#define SCRIPTED_FIELD(question, list, field)                                               \
   ResultOf<Id::question> Describe(Tag<Id::question>, const quilm_mdl_desc*, size_t index) { \
-    return At(odd.list, index).field;                                                       \
+    return At(script.list, index).field;                                                    \
   }
-ODD_FIELD(quilm_mdl_get_input_data_type, inputs, type)
-ODD_FIELD(quilm_mdl_get_output_data_type, outputs, type)
-ODD_FIELD(quilm_mdl_get_input_size_by_index, inputs, size)
-ODD_FIELD(quilm_mdl_get_output_size_by_index, outputs, size)
-ODD_FIELD(quilm_mdl_get_input_default_stride, inputs, stride)
-ODD_FIELD(quilm_mdl_get_output_default_stride, outputs, stride)
+SCRIPTED_FIELD(quilm_mdl_get_input_data_type, inputs, type)
+SCRIPTED_FIELD(quilm_mdl_get_output_data_type, outputs, type)
+SCRIPTED_FIELD(quilm_mdl_get_input_size_by_index, inputs, size)
+SCRIPTED_FIELD(quilm_mdl_get_output_size_by_index, outputs, size)
+SCRIPTED_FIELD(quilm_mdl_get_input_default_stride, inputs, stride)
+SCRIPTED_FIELD(quilm_mdl_get_output_default_stride, outputs, stride)
 
 int32_t Describe(Tag<Id::quilm_mdl_get_input_format>, const quilm_mdl_desc*, size_t) {
   return -2;
@@ -119,7 +119,7 @@ int32_t Describe(Tag<Id::quilm_mdl_get_output_format>, const quilm_mdl_desc*, si
 
 const char* Describe(Tag<Id::quilm_mdl_get_output_name_by_index>, const quilm_mdl_desc*,
                      size_t index) {
-  const std::string& name = At(odd.outputs, index).name;
+  const std::string& name = At(script.outputs, index).name;
   return name == "-" ? nullptr : name == "." ? "" : name.c_str();
 }
 
@@ -138,7 +138,7 @@ quilm_error Describe(Tag<Id::quilm_ext_get_mdl_net_type>, uint32_t, int32_t* typ
 quilm_error Describe(Tag<Id::quilm_mdl_execute>, uint32_t, const quilm_mdl_dataset* input,
                      quilm_mdl_dataset* output) {
   LogDataset(input);
-  if (!odd.outputs.empty()) {
+  if (!script.outputs.empty()) {
     const Block source = EntryOf(input, 0);
     const Block target = EntryOf(output, 0);
     std::memcpy(target.bytes, source.bytes, std::min(source.size, target.size));
@@ -153,7 +153,7 @@ quilm_error Describe(Tag<Id::quilm_rt_malloc> call, void** pointer, size_t size,
     return 2;
   }
   const quilm_error result = Pass(call, pointer, size, policy);
-  if (result == 0 && odd.log != nullptr) {
+  if (result == 0 && script.log != nullptr) {
     std::memset(*pointer, 0xEE, size);
   }
   return result;
@@ -161,8 +161,8 @@ quilm_error Describe(Tag<Id::quilm_rt_malloc> call, void** pointer, size_t size,
 
 quilm_data_buffer* Describe(Tag<Id::quilm_create_data_buffer> call, void* pointer, size_t size,
                             size_t stride) {
-  if (odd.log != nullptr) {  // otherwise it would only grow
-    odd.strides[pointer] = stride;
+  if (script.log != nullptr) {  // otherwise it would only grow
+    script.strides[pointer] = stride;
   }
   return Pass(call, pointer, size, stride);
 }
@@ -190,12 +190,12 @@ ResultOf<kId> Describe(Tag<kId> call, Arguments... arguments) {
 
 template <Id kId, typename... Arguments>
 ResultOf<kId> Answer(Tag<kId> call, Arguments... arguments) {
-  const bool described = !odd.inputs.empty() || !odd.outputs.empty();
+  const bool described = !script.inputs.empty() || !script.outputs.empty();
   return described ? Describe(call, arguments...) : Pass(call, arguments...);
 }
 
 quilm_error Answer(Tag<Id::quilm_init> call, const char*) {
-  return Pass(call, odd.settings.c_str());
+  return Pass(call, script.settings.c_str());
 }
 
 quilm_error Answer(Tag<Id::quilm_rt_get_run_mode> call, uint32_t* mode) {
@@ -207,19 +207,19 @@ quilm_error Answer(Tag<Id::quilm_rt_get_run_mode> call, uint32_t* mode) {
 template <typename Argument>
 void LogArgument(Argument argument) {
   if constexpr (std::is_signed_v<Argument>) {
-    std::fprintf(odd.log, " %lld", static_cast<long long>(argument));
+    std::fprintf(script.log, " %lld", static_cast<long long>(argument));
   } else if constexpr (std::is_unsigned_v<Argument>) {
-    std::fprintf(odd.log, " %llu", static_cast<unsigned long long>(argument));
+    std::fprintf(script.log, " %llu", static_cast<unsigned long long>(argument));
   }
 }
 
 template <typename... Arguments>
 void LogCall(const char* function, Arguments... arguments) {
-  if (odd.log != nullptr) {
-    std::fputs(function, odd.log);
+  if (script.log != nullptr) {
+    std::fputs(function, script.log);
     (LogArgument(arguments), ...);
-    std::fputc('\n', odd.log);
-    std::fflush(odd.log);
+    std::fputc('\n', script.log);
+    std::fflush(script.log);
   }
 }
 

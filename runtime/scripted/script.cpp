@@ -1,4 +1,4 @@
-#include "tests/odd_script.h"
+#include "runtime/scripted/script.h"
 
 #include <sys/mman.h>
 #include <unistd.h>
@@ -10,13 +10,13 @@
 #include <sstream>
 #include <stdexcept>
 
-OddRuntime odd;
-int withinOddRuntime = 1;
+Script script;
+int callsInProgress = 1;
 
 namespace {
 
-OddTensor ReadTensor(std::istringstream& words) {
-  OddTensor tensor;
+ScriptedTensor ReadTensor(std::istringstream& words) {
+  ScriptedTensor tensor;
   words >> tensor.name >> tensor.type >> tensor.size >> tensor.stride;
   for (int64_t dim = 0; words >> dim;) {
     tensor.dims.push_back(dim);
@@ -28,7 +28,7 @@ void ReadEvent(const std::string& kind, std::istringstream& words) {
   std::string function;
   int call = 0;
   words >> function >> call >> std::ws;
-  std::getline(words, odd.events[{function, call}][kind]);
+  std::getline(words, script.events[{function, call}][kind]);
 }
 
 void ReadLine(const std::string& line) {
@@ -36,17 +36,17 @@ void ReadLine(const std::string& line) {
   std::string key;
   words >> key;
   if (key == "input" || key == "output") {
-    (key == "input" ? odd.inputs : odd.outputs).push_back(ReadTensor(words));
+    (key == "input" ? script.inputs : script.outputs).push_back(ReadTensor(words));
   } else if (key == "log") {
     std::string name;
     words >> name;
-    odd.log = std::fopen(name.c_str(), "we");
+    script.log = std::fopen(name.c_str(), "we");
   } else if (key == "settings") {
-    words >> odd.settings;
+    words >> script.settings;
   } else if (line.find("quilm_") != std::string::npos) {
     ReadEvent(key, words);
   } else {
-    words >> odd.numbers[key];
+    words >> script.numbers[key];
   }
 }
 
@@ -58,9 +58,9 @@ std::string MakeUsualSettings() {
 
 void Happen(const std::string& kind, const std::string& what) {
   if (kind == "run" && std::system(what.c_str()) != 0) {
-    std::fprintf(stderr, "odd runtime: %s failed\n", what.c_str());
+    std::fprintf(stderr, "scripted runtime: %s failed\n", what.c_str());
   } else if (kind == "locale" && std::setlocale(LC_ALL, what.c_str()) == nullptr) {
-    std::fprintf(stderr, "odd runtime: there is no locale %s\n", what.c_str());
+    std::fprintf(stderr, "scripted runtime: there is no locale %s\n", what.c_str());
   } else if (kind == "signal") {
     std::raise(std::stoi(what));
   } else if (kind == "kill") {
@@ -76,27 +76,27 @@ void Happen(const std::string& kind, const std::string& what) {
 }  // namespace
 
 bool ReadScript(const char* path) {
-  std::ifstream script(path);
-  for (std::string line; std::getline(script, line);) {
+  std::ifstream file(path);
+  for (std::string line; std::getline(file, line);) {
     ReadLine(line);
   }
-  if (odd.settings.empty()) {
-    odd.settings = MakeUsualSettings();
+  if (script.settings.empty()) {
+    script.settings = MakeUsualSettings();
   }
-  return script.is_open();
+  return file.is_open();
 }
 
 long NumberOr(const char* key, long fallback) {
-  const auto found = odd.numbers.find(key);
-  return found == odd.numbers.end() ? fallback : found->second;
+  const auto found = script.numbers.find(key);
+  return found == script.numbers.end() ? fallback : found->second;
 }
 
 bool TakeEvent(const char* function, long& code) {
-  auto found = odd.events.find({function, ++odd.calls[function]});
-  if (found == odd.events.end()) {
-    found = odd.events.find({function, 0});
+  auto found = script.events.find({function, ++script.calls[function]});
+  if (found == script.events.end()) {
+    found = script.events.find({function, 0});
   }
-  if (found == odd.events.end()) {
+  if (found == script.events.end()) {
     return false;
   }
   const std::map<std::string, std::string>& event = found->second;

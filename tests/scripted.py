@@ -1,10 +1,8 @@
-"""Runs of the tool on the odd runtime, which tests/odd_script.h explains."""
+"""Runs of the tool on the scripted runtime, whose script runtime/scripted/script.h explains."""
 
-import os
+from tool import BUILD, TEARDOWN, ToolTest
 
-from tool import TEARDOWN, ToolTest
-
-ODD_RUNTIME = os.environ["ODD_RUNTIME"]
+SCRIPTED_RUNTIME = str(BUILD / "scripted")
 
 TASK_AND_WORK = "input task 4 8 8 1 8\ninput work 4 16 16 1 16\n"
 PLAIN = "input x 4 16 8 2 4\n" + TASK_AND_WORK + "output y 4 16 8 2 4\n"
@@ -14,24 +12,24 @@ FAILURE = UNLOADED + "[ERROR] sample process failed\n" + TEARDOWN
 STAGING_FAILED = "[ERROR] get pic device buffer failed\n[ERROR] CreateInputBuf failed\n" + FAILURE
 
 
-class OddRuntimeTest(ToolTest):
+class ScriptedRuntimeTest(ToolTest):
     def arguments(self, script, *options, data=bytes(range(1, 9)), list_text="x.bin\n"):
         """Writes the files of a run and returns the tool's arguments for it."""
         self.write("m.om", "model")
         self.write("x.bin", data)
         self.write("list.txt", list_text)
-        self.write("odd.cfg", f"log {self.dir}/calls\n" + script)
-        return ["-m", "m.om", "-i", "list.txt", "-j", "odd.cfg", "-o", "out", *options]
+        self.write("script.cfg", f"log {self.dir}/calls\n" + script)
+        return ["-m", "m.om", "-i", "list.txt", "-j", "script.cfg", "-o", "out", *options]
 
-    def start_odd(self, *arguments, limit=None, within=(), library=ODD_RUNTIME, **files):
+    def start_scripted(self, *arguments, limit=None, within=(), library=SCRIPTED_RUNTIME, **files):
         """(status, masked stdout, stderr)"""
         return self.run_tool(*self.arguments(*arguments, **files), library=library, preexec_fn=limit,
                              within=within)
 
-    def run_odd(self, *arguments, complaint="(?!)", **options):
+    def run_scripted(self, *arguments, complaint="(?!)", **options):
         """(status, masked stdout) of a run that gets to its end, where the host runtime finds nothing
         to complain of, such as leftovers, but `complaint`."""
-        status, out, err = self.start_odd(*arguments, **options)
+        status, out, err = self.start_scripted(*arguments, **options)
         self.assertRegex(err, rf"^({complaint}\n)*$")
         self.assertTrue(self.calls().endswith("quilm_finalize\n"), self.calls())
         return status, out
@@ -40,6 +38,6 @@ class OddRuntimeTest(ToolTest):
         return (self.dir / "calls").read_text()
 
     def check(self, expected_status, expected_tail, script, *options, **files):
-        status, out = self.run_odd(script, *options, **files)
+        status, out = self.run_scripted(script, *options, **files)
         self.assertTrue(out.endswith(expected_tail), out)
         self.assertEqual(status, expected_status)

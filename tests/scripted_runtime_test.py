@@ -1,4 +1,4 @@
-"""The same executable on another library: order of calls, releases, and odd descriptions."""
+"""The same executable on another library: order of calls, releases, descriptions that make no sense."""
 
 import os
 import re
@@ -7,8 +7,8 @@ import signal
 import struct
 import unittest
 
-from odd import (FAILURE, ODD_RUNTIME, PLAIN, STAGING_FAILED, SUCCESS, TASK_AND_WORK,
-                 OddRuntimeTest)
+from scripted import (FAILURE, SCRIPTED_RUNTIME, PLAIN, STAGING_FAILED, SUCCESS, TASK_AND_WORK,
+                 ScriptedRuntimeTest)
 from tool import QUILMRUN
 
 # Messages and the first releases in the order in which they come.
@@ -16,7 +16,7 @@ SAY_FREED = "run quilm_rt_free 1 echo freed\n"
 SAY_DESTROYED = "run quilm_destroy_data_buffer 1 echo destroyed\n"
 
 
-class Calls(OddRuntimeTest):
+class Calls(ScriptedRuntimeTest):
     def test_order_of_a_run(self):
         self.check(0, SUCCESS, PLAIN, "-b", "2", "-t", "5", data=bytes(range(1, 17)))
         questions = r"^quilm_(mdl_get_(num|input|output|dataset)|data_type_size|get_data).*\n"
@@ -68,9 +68,9 @@ quilm_finalize
 """)
 
 
-class Descriptions(OddRuntimeTest):
+class Descriptions(ScriptedRuntimeTest):
     def test_info_block(self):
-        _, out = self.run_odd("input * 4 16 8 2 4\n" + TASK_AND_WORK + "output y -1 16 8\n", "-b",
+        _, out = self.run_scripted("input * 4 16 8 2 4\n" + TASK_AND_WORK + "output y -1 16 8\n", "-b",
                               "3")
         self.assertIn(f"""\
 [INFO]  Input index: 0, name: {'n' * 128}
@@ -133,7 +133,7 @@ class Descriptions(OddRuntimeTest):
 
     def test_memory_of_a_wrapped_size_is_neither_overrun_nor_read_beyond(self):
         huge = 2**63 + 8  # two batches of it wrap to 16 bytes
-        _, out = self.run_odd(PLAIN.replace("4 16 8 2 4", f"4 {huge} 8 2 4"), "-b", "2")
+        _, out = self.run_scripted(PLAIN.replace("4 16 8 2 4", f"4 {huge} 8 2 4"), "-b", "2")
         self.assertIn("  16/8:01020304000000000506070800000000\n", self.calls())
         self.assertEqual(out.count(f"[ERROR] output[0] needs {2**64 - 1} bytes, its buffer holds "
                                    "16\n[ERROR] GetOutputWithOutStride fail\n"), 2)
@@ -155,14 +155,14 @@ class Descriptions(OddRuntimeTest):
                    list_text="x.bin\nx.bin\n")
 
 
-class Outputs(OddRuntimeTest):
-    # Two rows of data; the odd runtime hands the staged bytes back as output 0.
+class Outputs(ScriptedRuntimeTest):
+    # Two rows of data; the scripted runtime hands the staged bytes back as output 0.
     DATA = bytes([0, 255, 1, 128, 0xFF, 0x7F, 0x80, 0x3F])
 
     def dump(self, output, script="", **options):
         for path in (self.dir / "out").glob("*/*"):
             path.unlink()
-        status, out = self.run_odd("input x 4 16 8 2 4\n" + TASK_AND_WORK + output + script,
+        status, out = self.run_scripted("input x 4 16 8 2 4\n" + TASK_AND_WORK + output + script,
                                    data=self.DATA, **options)
         self.assertEqual(status, 0)
         files = self.outputs()
@@ -244,9 +244,9 @@ class Outputs(OddRuntimeTest):
         self.write("m.om", "model")
         self.write("x.bin", self.DATA)
         self.write("list.txt", "x.bin")
-        self.write("odd.cfg", PLAIN.replace("output", "output z 4 64 8 8 8\noutput"))
-        status, out, _ = self.run_tool("-m", "m.om", "-i", "list.txt", "-j", "odd.cfg", "-o", "out",
-                                       library=ODD_RUNTIME, preexec_fn=limit)
+        self.write("script.cfg", PLAIN.replace("output", "output z 4 64 8 8 8\noutput"))
+        status, out, _ = self.run_tool("-m", "m.om", "-i", "list.txt", "-j", "script.cfg", "-o", "out",
+                                       library=SCRIPTED_RUNTIME, preexec_fn=limit)
         self.assertEqual(status, 0)
         self.assertTrue(out.endswith(
             "[INFO]  dump data success\n" + SUCCESS +
@@ -261,14 +261,14 @@ class Outputs(OddRuntimeTest):
         count = 64 * 2**20
         def limit():
             resource.setrlimit(resource.RLIMIT_AS, (5 * count, 5 * count))
-        status, out = self.run_odd(PLAIN + f"output big 4 {count} {count} 1 {count}\n", limit=limit)
+        status, out = self.run_scripted(PLAIN + f"output big 4 {count} {count} 1 {count}\n", limit=limit)
         self.assertEqual(status, 0)
         self.assertEqual(out.count(f"[ERROR] output[1]: no memory for {count} values\n"
                                    "[ERROR] GetOutputWithOutStride fail\n"), 2)
         self.assertEqual(sorted(self.outputs()), ["0/y.0.S.bin", "0/y.0.S.float"])
 
 
-class RpnData(OddRuntimeTest):
+class RpnData(ScriptedRuntimeTest):
     SINGLE = "input x 4 16 8 2 4\ninput r 0 32 32 1 4\n" + TASK_AND_WORK + "output y 4 16 8 2 4\n"
     MULTI = "input x 4 16 8 2 4\ninput r 0 72 18 4 3\n" + TASK_AND_WORK + "output y 4 16 8 2 4\n"
 
@@ -278,7 +278,7 @@ class RpnData(OddRuntimeTest):
     def test_layouts(self):
         self.write("single", "1 2\t3\n4")
         self.check(0, SUCCESS, self.SINGLE, "-r", "single")
-        self.assertIn("[INFO]  input rpn data height[1] * width[4]\n", self.run_odd(
+        self.assertIn("[INFO]  input rpn data height[1] * width[4]\n", self.run_scripted(
             self.SINGLE, "-r", "single")[1])
         self.assertEqual(self.buffers()[1],
                          ("32/32", (struct.pack("<4f", 1, 2, 3, 4) + bytes(16)).hex()))

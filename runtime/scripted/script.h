@@ -1,4 +1,4 @@
-// What the odd runtime is told to do differently from the host runtime. quilm_init() reads its
+// What the scripted runtime is told to do differently from the host runtime. quilm_init() reads its
 // script from the file it is given:
 //
 //   log FILE                      record calls here, with their numbers
@@ -19,8 +19,8 @@
 //   kill FUNCTION N NUMBER        ... two, as if another process had sent them
 //   throw FUNCTION N TYPE         an exception leaves the call: an "int", or an "error"
 //   fail FUNCTION N CODE          the call returns CODE (0: null) and does nothing
-#ifndef QUILMRUN_TESTS_ODD_SCRIPT_H_
-#define QUILMRUN_TESTS_ODD_SCRIPT_H_
+#ifndef QUILMRUN_RUNTIME_SCRIPTED_SCRIPT_H_
+#define QUILMRUN_RUNTIME_SCRIPTED_SCRIPT_H_
 
 #include <cstddef>
 #include <cstdint>
@@ -30,7 +30,7 @@
 #include <utility>
 #include <vector>
 
-struct OddTensor {
+struct ScriptedTensor {
   std::string name;
   int32_t type = 0;
   size_t size = 0;    // bytes
@@ -38,11 +38,11 @@ struct OddTensor {
   std::vector<int64_t> dims;
 };
 
-struct OddRuntime {
+struct Script {
   std::FILE* log = nullptr;
   std::string settings;
-  std::vector<OddTensor> inputs;
-  std::vector<OddTensor> outputs;
+  std::vector<ScriptedTensor> inputs;
+  std::vector<ScriptedTensor> outputs;
   std::map<std::string, long> numbers;  // dim_count, net_type, ...
   // What happens, by function and call: {"signal", "15"}, ...
   std::map<std::pair<std::string, int>, std::map<std::string, std::string>> events;
@@ -50,10 +50,10 @@ struct OddRuntime {
   std::map<const void*, size_t> strides;  // bytes, by the memory of a data buffer
 };
 
-extern OddRuntime odd;
+extern Script script;
 
 /// Above 0 while the process is in a call of the runtime, or is being started.
-extern int withinOddRuntime;
+extern int callsInProgress;
 
 /// False when there is no such script.
 bool ReadScript(const char* path);
@@ -63,4 +63,4 @@ long NumberOr(const char* key, long fallback);
 /// Counts the call and does what is due at it; true when it is to return `code` at once.
 bool TakeEvent(const char* function, long& code);
 
-#endif  // QUILMRUN_TESTS_ODD_SCRIPT_H_
+#endif  // QUILMRUN_RUNTIME_SCRIPTED_SCRIPT_H_
