@@ -1,4 +1,6 @@
 # Debian packages, for the scripts beside this file; sourced, not run.
+# shellcheck shell=bash
+# shellcheck disable=SC2034  # the lists are for the scripts that source this file
 
 # What building the tool and running the examples takes.
 build_packages=(g++ cmake ninja-build libprotobuf-c-dev protobuf-c-compiler libonnx-dev

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "runtime/quilm.h"
+#include "tests/scratch_directory.h"
 
 namespace {
 
@@ -16,7 +17,7 @@ class HostInterface : public testing::Test {
  protected:
   void SetUp() override {
     testing::internal::CaptureStderr();
-    const std::string settings = testing::TempDir() + "host_interface.json";
+    const std::string settings = directory_.Path() + "/settings.json";
     std::ofstream(settings) << "{}";
     ASSERT_EQ(quilm_init(settings.c_str()), 0);
     ASSERT_EQ(quilm_rt_set_device(0), 0);
@@ -54,6 +55,7 @@ class HostInterface : public testing::Test {
   }
 
  private:
+  const quilmrun::ScratchDirectory directory_;
   bool finished_ = false;
 };
 

@@ -6,6 +6,8 @@
 #include <string>
 #include <vector>
 
+#include "tests/scratch_directory.h"
+
 namespace quilmrun {
 namespace {
 
@@ -18,8 +20,8 @@ Strings ReadListWith(const std::string& directory, const std::string& text) {
 }
 
 TEST(ReadInputList, PutsTheDirectoryIntoEveryEntry) {
-  const std::string d = testing::TempDir() + "quilmrun_list";
-  ASSERT_EQ(std::system(("mkdir -p " + d).c_str()), 0);
+  const ScratchDirectory directory;
+  const std::string& d = directory.Path();
   const std::pair<const char*, Strings> rows[] = {
       {"", {}},
       {"\n\n", {}},
@@ -43,8 +45,8 @@ TEST(ReadInputList, PutsTheDirectoryIntoEveryEntry) {
 
 // Lines that lie across the chunks in which the text is read, or span several of them.
 TEST(ReadInputList, TakesLinesOfAnyLength) {
-  const std::string d = testing::TempDir() + "quilmrun_long_list";
-  ASSERT_EQ(std::system(("mkdir -p " + d).c_str()), 0);
+  const ScratchDirectory directory;
+  const std::string& d = directory.Path();
   std::string text;
   Strings entries;
   for (const size_t length : std::initializer_list<size_t>{3, 65532, 65535, 65536, 1, 200000, 7}) {

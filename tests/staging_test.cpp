@@ -7,21 +7,18 @@
 #include <string>
 #include <vector>
 
+#include "tests/scratch_directory.h"
+
 namespace quilmrun {
 namespace {
 
 // A directory of its own with one file in it.
 class CopyRowsTest : public testing::Test {
  protected:
-  void SetUp() override { ASSERT_NE(mkdtemp(directory_.data()), nullptr); }
-  void TearDown() override {
-    std::remove(Path().c_str());
-    std::remove(directory_.c_str());
-  }
-  std::string Path() const { return directory_ + "/rows"; }
+  std::string Path() const { return directory_.Path() + "/rows"; }
 
  private:
-  std::string directory_ = testing::TempDir() + "/quilmrun_XXXXXX";
+  const ScratchDirectory directory_;
 };
 
 std::string Content(size_t size) {
