@@ -2,6 +2,7 @@
 
 import os
 import pathlib
+import shutil
 import signal
 import subprocess
 import unittest
@@ -58,6 +59,58 @@ class RunExample(tool.ToolTest):
                                 set(after) - set(before)))
         self.assertEqual(process.returncode, 0)
         self.assertEqual(len(list((self.dir / "out/3/19").iterdir())), 2)
+
+
+class Building(tool.ToolTest):
+    """Scripts in a directory of their own, with other programs in the place of npm and cmake."""
+
+    def setUp(self):
+        super().setUp()
+        shutil.copytree(SOURCE / "scripts", self.dir / "scripts")
+
+    def stand_in(self, program, script):
+        os.chmod(self.write(f"bin/{program}", f"#!/bin/sh\n{script}\n"), 0o755)
+
+    def bash(self, script, **environment):
+        environment = {"PATH": f"{self.dir}/bin:{os.environ['PATH']}", **environment}
+        result = subprocess.run(["bash", "-c", script], cwd=self.dir, env=environment, check=False,
+                                capture_output=True, text=True, timeout=60)
+        return result.returncode, result.stdout, result.stderr
+
+    def test_builds_wait_for_each_other(self):
+        own = ". scripts/building.sh; lock_build; "
+        status, out, _ = self.bash(f"{own} mkfifo said; env -u QUILMRUN_BUILD_LOCK bash -c '{own}"
+                                   "echo second' 9<&- > said & exec 8< said; read -r line <&8; "
+                                   "echo $line; bash -c '. scripts/building.sh; lock_build'; "
+                                   "echo first; unlock_build; cat <&8")
+        self.assertEqual((status, self.mask(out)),
+                         (0, "Waiting for another build in $D\nfirst\nsecond\n"))
+
+    def test_takes_the_engine_that_is_named(self):
+        self.stand_in("cmake", 'echo "$@"')
+        for named, options in (("/some/engine.so", " -DQUILMRUN_ONNXRUNTIME=/some/engine.so"), ("", "")):
+            self.bash("mkdir -p build; . scripts/building.sh; configure release",
+                      QUILMRUN_ONNXRUNTIME=named)
+            self.assertEqual((self.dir / "build/configured.release").read_text(),
+                             f"--preset release --no-warn-unused-cli{options}\n")
+
+    def test_says_why_the_engine_cannot_be_fetched(self):
+        log = "\nnpm ERR! A complete log of this run can be found in:\nnpm ERR!     /root/.npm/1.log"
+        for said, reason in [
+                ("npm ERR! code ENOSPC\nnpm ERR! syscall write\nnpm ERR! errno -28\n"
+                 "npm ERR! nospc ENOSPC: no space left on device, write" + log,
+                 "nospc ENOSPC: no space left on device, write"),
+                ("npm error code E404\nnpm error 404 Not Found" + log, "404 Not Found"),
+                ("", "it gives no reason")]:
+            self.stand_in("npm", f"cat >&2 << 'END'\n{said}\nEND\nexit 1")
+            status, _, errors = self.bash("scripts/fetch-engine")
+            self.assertEqual((status, errors.count("\n")), (1, 1))
+            self.assertTrue(errors.endswith(f": {reason}\n"), errors)
+            self.assertEqual(list((self.dir / "build/engine").iterdir()), [])
+
+    def test_the_demo_refuses_more_than_one_word(self):
+        for words in ("digits ecg", "''", "numbers"):
+            self.assertEqual(self.bash(f"scripts/demo {words}")[0], 2)
 
 
 if __name__ == "__main__":
