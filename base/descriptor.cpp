@@ -19,18 +19,16 @@ auto RetryInterrupted(const Call& call) {
   return result;
 }
 
-// Takes the first `size` bytes off the list.
-void DropFilled(std::vector<iovec>& pieces, size_t size) {
-  auto piece = pieces.begin();
-  while (piece != pieces.end() && piece->iov_len <= size) {
+// Takes the first `size` bytes off the list; returns its new start.
+iovec* DropFilled(iovec* piece, size_t size) {
+  for (; size > 0 && piece->iov_len <= size; ++piece) {
     size -= piece->iov_len;
-    ++piece;
   }
-  if (piece != pieces.end()) {
+  if (size > 0) {
     piece->iov_base = static_cast<char*>(piece->iov_base) + size;
     piece->iov_len -= size;
   }
-  pieces.erase(pieces.begin(), piece);
+  return piece;
 }
 
 // `isToBeTriedAgain` decides after a write that failed.
@@ -86,14 +84,15 @@ size_t Descriptor::Read(void* target, size_t size) const {
   return done;
 }
 
-bool Descriptor::ReadPieces(std::vector<iovec>& pieces) const {
-  while (!pieces.empty()) {
-    const ssize_t received = RetryInterrupted(
-        [&] { return readv(number_, pieces.data(), static_cast<int>(pieces.size())); });
+bool Descriptor::ReadPieces(iovec* pieces, size_t count) const {
+  const iovec* const end = pieces + count;
+  while (pieces != end) {
+    const ssize_t received =
+        RetryInterrupted([&] { return readv(number_, pieces, static_cast<int>(end - pieces)); });
     if (received <= 0) {
       return false;
     }
-    DropFilled(pieces, static_cast<size_t>(received));
+    pieces = DropFilled(pieces, static_cast<size_t>(received));
   }
   return true;
 }

@@ -8,7 +8,6 @@
 
 #include <cstddef>
 #include <string>
-#include <vector>
 
 namespace quilmrun {
 
@@ -36,10 +35,10 @@ class Descriptor {
   /// Fills `size` bytes at `target`; returns how many the file still had.
   size_t Read(void* target, size_t size) const;
 
-  /// Fills the pieces one after the other, all with one system call where the file delivers; stops
-  /// at the end of the file. Consumes the list. Returns false when the file ended first. REQUIRES:
-  /// at most IOV_MAX pieces.
-  bool ReadPieces(std::vector<iovec>& pieces) const;
+  /// Fills `count` pieces one after the other, all with one system call where the file delivers;
+  /// stops at the end of the file. Changes the list. Returns false when the file ended first.
+  /// REQUIRES: no piece is empty, and there are at most IOV_MAX of them.
+  bool ReadPieces(iovec* pieces, size_t count) const;
 
   /// Writes all `size` bytes, with one system call where the file takes them; false, with errno
   /// set, when it takes no more.

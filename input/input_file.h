@@ -8,7 +8,6 @@
 #include <optional>
 #include <string>
 #include <string_view>
-#include <vector>
 
 #include "base/descriptor.h"
 
@@ -29,7 +28,9 @@ class InputFile {
 
   /// As Descriptor's.
   size_t Read(void* target, size_t size) const { return descriptor_.Read(target, size); }
-  bool ReadPieces(std::vector<iovec>& pieces) const { return descriptor_.ReadPieces(pieces); }
+  bool ReadPieces(iovec* pieces, size_t count) const {
+    return descriptor_.ReadPieces(pieces, count);
+  }
 
   /// Appends what is next to `text`; false when the file has ended.
   bool AppendChunk(std::string& text) const;
