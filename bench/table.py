@@ -8,6 +8,7 @@ repetitions, floor and figure taking turns, the shortest counts, in processor ti
 memory, or in the directory QUILMRUN_BENCH_DIR. A brief run only shows that everything works.
 """
 
+import csv
 import json
 import os
 import pathlib
@@ -85,26 +86,28 @@ def measure_parts():
 
 
 class Run:
-    """A finished run of the tool through the measuring runtime; `figures` are what that noted."""
+    """A finished run of the tool on digits, with the record that quilmrun-record made of it."""
 
-    def __init__(self, runtime, model, inputs, settings):
+    def __init__(self, model, inputs, settings):
         self.out = pathlib.Path(tempfile.mkdtemp(dir=settings.parent))
         self.log = self.out.with_suffix(".log")
-        figures = self.out.with_suffix(".figures")
-        environment = dict(os.environ, LD_LIBRARY_PATH=str(BUILD / "bench/measuring"),
-                           QUILM_MEASURED=str(runtime), QUILM_FIGURES=str(figures))
+        self.record = self.out.with_suffix(".json")
+        self.calls = self.out.with_suffix(".csv")
         with open(self.log, "wb") as log:
-            subprocess.run([BUILD / "quilmrun", "-m", model, "-i", inputs, "-j", settings, "-o",
-                            self.out], env=environment, stdout=log, check=True)
-        self.figures = {key: int(value) for key, value in
-                        (line.split() for line in figures.read_text().splitlines())}
+            subprocess.run([BUILD / "quilmrun-record", "-q", "-o", self.record, "--csv", self.calls,
+                            BUILD / "quilmrun", "-m", model, "-i", inputs, "-j", settings, "-o",
+                            self.out], stdout=log, stderr=subprocess.DEVNULL, check=True)
 
-    def per_group(self):
-        """Microseconds: all of a group, and what the runtime takes of it."""
-        return [self.figures[key] / self.figures["groups"] / 1000
-                for key in ("loop_ns", "runtime_ns")]
+    def per_inference(self):
+        """Microseconds: a whole inference, and what the runtime's calls take of it."""
+        with open(self.record, encoding="utf-8") as record:
+            whole = json.load(record)["otherData"]["statistics"]["inference"]
+        with open(self.calls, encoding="utf-8", newline="") as calls:
+            runtime = sum(float(call["duration_us"]) for call in csv.DictReader(calls)
+                          if call["group"])
+        return whole["mean"] * 1000, runtime / whole["count"]
 
-    def bare_per_group(self):
+    def bare_per_inference(self):
         """Microseconds, for the same messages and files with bare system calls."""
         target = tempfile.mkdtemp(dir=self.out.parent)
         result = subprocess.run([BUILD / "bench/bare_run", self.log, self.out, target],
@@ -112,9 +115,10 @@ class Run:
         shutil.rmtree(target)
         return float(result.stdout) / 1000
 
-    def memory(self):
-        """MiB at the peak, beyond what the runtime had handed out."""
-        return (self.figures["peak_rss_bytes"] - self.figures["peak_device_bytes"]) / MIB
+    def remove(self):
+        shutil.rmtree(self.out)
+        for file in (self.log, self.record, self.calls):
+            file.unlink()
 
 
 def write(path, content):
@@ -134,10 +138,10 @@ def measure_digits(scratch):
                                                      for i in range(groups)))
         times, bare_times = [], []
         for _ in range(runs):
-            run = Run(BUILD / "libquilm.so", example / "digits.onnx", inputs, settings)
-            times.append(run.per_group())
-            bare_times.append(run.bare_per_group())
-            shutil.rmtree(run.out)
+            run = Run(example / "digits.onnx", inputs, settings)
+            times.append(run.per_inference())
+            bare_times.append(run.bare_per_inference())
+            run.remove()
         (whole, runtime), bare = min(times), min(bare_times)
         tool = tool_times[groups] = whole - runtime
         add(f"digits, {groups:,} groups: {1e6 / whole:,.0f} a second, {tool / whole:.0%} the tool's"
@@ -149,21 +153,36 @@ def measure_digits(scratch):
             tool_times[most], "us", 1.1)
 
 
+def peak_bytes(folder, model, lines, description):
+    """Most memory that a run on the scripted runtime has had, by the system's account. The process
+    itself shows it at its end: later it is gone, and a parent is told what it had itself at most."""
+    shown = folder / "status"
+    settings = write(folder / "memory.cfg", description +
+                     f"run quilm_finalize 1 grep VmHWM /proc/$PPID/status > '{shown}'\n")
+    subprocess.run([BUILD / "quilmrun", "-m", write(folder / "model", model), "-i",
+                    write(folder / "list.txt", lines), "-j", settings, "-o",
+                    tempfile.mkdtemp(dir=folder)],
+                   env=dict(os.environ, LD_LIBRARY_PATH=str(BUILD / "scripted")),
+                   stdout=subprocess.DEVNULL, check=True)
+    return int(shown.read_text(encoding="ascii").split()[1]) * 1024
+
+
 def measure_memory(scratch):
-    """Peaks with a runtime that does nothing, against the floats of the largest output + 16 MiB."""
+    """Peaks without device memory, against the floats of the largest output + 16 MiB."""
     directory = scratch / "recordings of a whole day"
     directory.mkdir()
     write(directory / "channel.bin", bytes(32))
     line = f"{directory.name}/channel.bin\n"
 
     def run(what, lines=line, inputs=1, output="0 64 64 1 16", floats=16, model=b"model"):
-        settings = write(scratch / "memory.cfg", f"output y {output}\n" + "".join(
-            f"input in{i} 4 32 32 1 32\n" for i in range(inputs + 2)))
-        done = Run(BUILD / "scripted/libquilm.so", write(scratch / "model", model),
-                   write(scratch / "list.txt", lines), settings)
-        add(f"peak memory, {what} | floats + 16 MiB", floats * 4 / MIB + 16, done.memory(), "MiB",
-            1)
-        shutil.rmtree(done.out)
+        description = f"output y {output}\n" + "".join(
+            f"input in{i} 4 32 32 1 32\n" for i in range(inputs + 2))
+        device = len(model) + int(output.split()[1]) + 32 * (inputs + 2)
+        with tempfile.TemporaryDirectory(dir=scratch) as folder:
+            shutil.copytree(directory, pathlib.Path(folder) / directory.name)
+            peak = peak_bytes(pathlib.Path(folder), model, lines, description)
+        add(f"peak memory, {what} | floats + 16 MiB", floats * 4 / MIB + 16, (peak - device) / MIB,
+            "MiB", 1)
 
     values = MEMORY_VALUES
     shape = f"{values // 1024} 1024"
