@@ -127,17 +127,22 @@ class BadInput(HostRuntimeTest):
 
     def test_settings(self):
         self.write("m.onnx", identity([1, 8]))
+        cores = len(os.sched_getaffinity(0))
         for content, reason in [
-                (None, "cannot be opened"), ("{", "parse error"), ("[]", "JSON object"),
+                (None, "cannot be opened"), (os.mkfifo, "is not a regular file"), ("{", "parse error"), ("[]", "JSON object"),
                 ('{"run_node": 0}', 'unknown key "run_node"'), ('{"run_mode": "0"}', '"run_mode": .* type must be number'),
                 ('{"row_alignment": 0}', "from 1"), ('{"row_alignment": 1.5}', "whole ones"),
                 ('{"threads": -1}', "whole ones"), ('{"threads": 4294967296}', "2147483647"),
+                (f'{{"threads": {cores * 4 + 1}}}', f"{cores * 4 + 1} is more than {cores * 4}, 4 times"),
                 ('{"faults": [{"function": "quilm_init", "call": 1, "kode": 1}]}', "takes"),
                 ('{"faults": {}}', "must be array"), ('{"faults": [{"function": "quilm_init"}]}', "call"),
                 ('{"faults": [{"function": "printf", "call": 1}]}', "no such function"),
                 ("[" * 200000, "too deeply")]:
             with self.subTest(content=content):
-                if content is not None:
+                if callable(content):
+                    content(self.dir / "q.json")
+                elif content is not None:
+                    (self.dir / "q.json").unlink(missing_ok=True)
                     self.write("q.json", content)
                 status, out, err = self.run_tool("-m", "m.onnx", "-j", "q.json")
                 self.assertEqual(status, 1)

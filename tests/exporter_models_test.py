@@ -79,11 +79,30 @@ def branching():
         return helper.make_graph(nodes, name, [], [tensor(name, None)])
     squeezed = branch("e", node("Squeeze", "x", "s"), node("ReduceSum", "s one", "r", keepdims=0),
                       node("Concat", "r r", "e", axis=1))
-    return model([node("Equal", "n zero", "b"),
+    return model([node("Less", "n two", "b"),
                   node("If", "b", "y", else_branch=branch("t", node("Neg", "x", "t")),
                        then_branch=squeezed)],
                  {"x": (FLOAT, ["H", "W"]), "n": (INT64, [])}, {"y": (FLOAT, None)},
-                 one=np.array([1]), zero=np.int64(0))
+                 one=np.array([1]), two=np.int64(2))
+
+
+def gathered(first):
+    """A scalar, by an index from `first` to `first` + 9: neither 0 nor 1 will do."""
+    return model([node("Sub", "i f", "d"), node("Gather", "t d", "g"),
+                  node("ReduceMax", "g", "y", keepdims=0)],
+                 {"i": (INT64, [1])}, {"y": (FLOAT, [])}, f=np.int64(first), t=TABLE[:, 0])
+
+
+def reshaped():
+    """Runs with the index 0 only, which shows the output's shape."""
+    return model([node("Gather", "s i", "t"), node("Reshape", "x t", "y")],
+                 {"x": (FLOAT, [4]), "i": (INT64, [])}, {"y": (FLOAT, None)}, s=np.array([[2, 2]]))
+
+
+def selected():
+    """The engine's Unique ends the process when NonZero leaves it nothing."""
+    return model([node("NonZero", "x", "n"), node("Unique", "n", "y", axis=0)],
+                 {"x": (FLOAT, [4])}, {"y": (INT64, None)})
 
 
 def message(field, content):
@@ -145,16 +164,32 @@ class ExporterModels(HostRuntimeTest):
              [line], {}, -line),
             ("truth values", model([node("Not", "x", "y")], {"x": (BOOL, [3])}, {"y": (BOOL, [3])}),
              [np.array([0, 1, 200], "u1")], {}, [1, 0, 0]),
-            ("branches", branching(), [line, np.array([1], "<i4")],
+            ("branches", branching(), [line, np.array([2], "<i4")],
              {"input_shapes": {"x": [1, 4]}, "output_shapes": {"y": [1, 4]}}, -line),
             ("scalar", model([node("ReduceSum", "x", "y", keepdims=0)], {"x": (FLOAT, ["N", 4])},
-                             {"y": (FLOAT, [])}), [line, line][:1], {}, [6])]
+                             {"y": (FLOAT, [])}), [line], {}, [6]),
+            ("known scalar", gathered(20), [np.array([21], "<i4")], {}, TABLE[1, 0]),
+            ("shown by zeros", reshaped(), [line, np.array([0], "<i4")], {}, line)]
         for name, model_bytes, arrays, settings, expected in rows:
             with self.subTest(name):
                 status, _, err = self.run_arrays(model_bytes, arrays, **settings)
                 self.assertEqual((status, err), (0, ""))
                 np.testing.assert_allclose(self.output(), np.ravel(expected), 1e-4, 1e-5)
             self.setUp()
+
+    def test_ones_leave_something(self):
+        """Of every type: where the input is a 1, this shows its index."""
+        self.run_arrays(selected(), [np.ones(4, "f4")])
+        np.testing.assert_array_equal(self.output(dtype="<i4"), range(4))
+        for kind, dtype in ((FLOAT, "f4"), (TensorProto.FLOAT16, "f2"), (DOUBLE, "f4"), (BOOL, "u1"),
+                            (TensorProto.UINT8, "u1"), (TensorProto.INT16, "i2"), (INT64, "i4")):
+            ones = model([node("Cast", "x", "f", to=FLOAT), node("Equal", "f one", "e"),
+                          node("NonZero", "e", "y")], {"x": (kind, [4])}, {"y": (INT64, None)},
+                         one=np.float32(1))
+            with self.subTest(kind=kind):
+                self.setUp()
+                self.assertEqual(self.run_arrays(ones, [np.ones(4, dtype)])[::2], (0, ""))
+                np.testing.assert_array_equal(self.output(dtype="<i4"), range(4))
 
     def test_batches(self):
         """As one where the first dimension is symbolic, one by one where it does not stay so."""
@@ -196,12 +231,13 @@ class ExporterModels(HostRuntimeTest):
              "described is [1, 2]; sizes that depend on the data are not supported"),
             (huge, [line, np.array([2**31 - 1, 2**31 - 1], "<i4")], {},
              "execution failed: .*ConstantOfShape.*"),
-            (model([node("NonZero", "x", "y")], {"x": (FLOAT, [4])}, {"y": (INT64, None)}), [line],
-             {}, "the model cannot be loaded: a run on zeros does not show shapes of outputs: write "
+            (model([node("Sub", "x x", "z"), node("NonZero", "z", "y")], {"x": (FLOAT, [4])},
+                   {"y": (INT64, None)}), [line],
+             {}, "the model cannot be loaded: a trial run does not show shapes of outputs: write "
              '"output_shapes": {"y": [1, -1]}, with whole shapes for these, into the settings '
              'file: output "y" came out with shape [1, 0]'),
             (branching(), [line, line], {"input_shapes": {"x": [1, 4]}},
-             "the model cannot be loaded: .*ReduceSum.*\nhost runtime: a run on zeros .*ReduceSum.*"),
+             "the model cannot be loaded: .*ReduceSum.*\nhost runtime: a trial run .*ReduceSum.*"),
             (two_payloads(), [line], {}, "the model cannot be loaded: .*mismatch in attribute alpha.*"),
             (model([helper.make_node("Neg", ["x"], [])], {"x": (FLOAT, [4])}, {"x": (FLOAT, [4])}),
              [line], {}, "the model cannot be loaded: .*output size 0.*"),
@@ -223,10 +259,10 @@ class ExporterModels(HostRuntimeTest):
         many = model([*[node("Expand", "x s" + name, name) for name in names],
                       node("Concat", " ".join(names), "c", axis=0),
                       node("ReduceMax", "c", "y", keepdims=0)], {"x": (FLOAT, [4])},
-                     {"y": (FLOAT, [])}, **{"s" + name: np.array([2**24 + index, 4])
+                     {"y": (FLOAT, None)}, **{"s" + name: np.array([2**24 + index, 4])
                                             for index, name in enumerate(names)})
         large = model([node("Expand", "x s", "e"), node("ReduceMax", "e", "y", keepdims=0)],
-                      {"x": (FLOAT, [4])}, {"y": (FLOAT, [])}, s=np.array([2**19, 2**19, 4]))
+                      {"x": (FLOAT, [4])}, {"y": (FLOAT, None)}, s=np.array([2**19, 2**19, 4]))
         given = {"output_shapes": {"y": []}}
         for content, settings, failed in ((many, {}, "the model cannot be loaded"),
                                           (many, given, "execution failed"),

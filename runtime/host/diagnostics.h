@@ -1,6 +1,6 @@
-// How the host runtime explains itself: lines on standard error with the prefix "host runtime: ",
-// apart from the tool's own messages on standard output. What refuses a call throws, and the
-// interface turns that into an explanation and a result, in one place.
+// Messages of the host runtime: lines on standard error with the prefix "host runtime: ", apart
+// from the tool's own messages on standard output. Code throws a Refusal to refuse a call, and the
+// interface turns it into a message and a result, in one place.
 #ifndef QUILMRUN_RUNTIME_HOST_DIAGNOSTICS_H_
 #define QUILMRUN_RUNTIME_HOST_DIAGNOSTICS_H_
 
@@ -16,20 +16,20 @@ struct Refusal : std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
-/// Prints a problem, each line of it with the prefix.
-inline void Explain(const std::string& problem) {
-  std::istringstream lines(problem);
+/// Prints a message, each line of it with the prefix.
+inline void Explain(const std::string& message) {
+  std::istringstream lines(message);
   std::string text;
   for (std::string line; std::getline(lines, line);) {
     text += "host runtime: " + line + "\n";
   }
-  // Texts from files may hold anything.
+  // Names from model files may hold control characters, which would disturb a terminal.
   const auto isControl = [](unsigned char c) { return c < ' ' && c != '\n'; };
   std::replace_if(text.begin(), text.end(), isControl, ' ');
   std::fwrite(text.data(), 1, text.size(), stderr);
 }
 
-/// The text in quotation marks, for names.
+/// A blank and the text in quotation marks, to follow a word such as "input".
 inline std::string Quoted(const std::string& name) {
   return " \"" + name + "\"";
 }
@@ -51,7 +51,8 @@ template <typename... Parts>
   throw Refusal(reason.str());
 }
 
-/// Refuses unless `right`.
+/// Refuses unless `right`. The parts are evaluated in any case: code that every inference passes
+/// through tests the condition itself and calls Refuse().
 template <typename... Parts>
 void Require(bool right, const Parts&... parts) {
   if (!right) {
@@ -59,13 +60,14 @@ void Require(bool right, const Parts&... parts) {
   }
 }
 
-/// Calls `body`; the reason of a Refusal is put after what it is about.
-template <typename Body>
-void About(const std::string& subject, const Body& body) {
+/// Calls `body`. When it throws a Refusal, `describe()`, which returns a text, goes before its
+/// reason.
+template <typename Describe, typename Body>
+void WithContext(const Describe& describe, const Body& body) {
   try {
     body();
   } catch (const Refusal& refusal) {
-    Refuse(subject, ": ", refusal.what());
+    Refuse(describe(), ": ", refusal.what());
   }
 }
 

@@ -1,4 +1,4 @@
-// The functions of runtime/quilm.h: each looks up its handles and passes on to what does the work.
+// The functions of runtime/quilm.h. Each looks up its handles and calls what does the work.
 #include <algorithm>
 #include <cstring>
 #include <filesystem>
@@ -14,8 +14,12 @@ const char* currentCall = "";
 
 namespace {
 
-// Counts the current call and, if wanted, traces it. A fault that is due for it is thrown.
+// Counts the current call, names it on standard error when the settings say so, and throws the
+// fault that they have for it. Nothing else needs the count.
 void CountCall() {
+  if (!state.settings.trace && state.settings.faults.empty()) {
+    return;
+  }
   const uint64_t count = ++state.callCounts[currentCall];
   if (state.settings.trace) {
     Explain(std::string("call: ") + currentCall + " " + std::to_string(count));
@@ -27,11 +31,11 @@ void CountCall() {
   }
 }
 
-// Runs the body of an interface function, which may return nothing: then it has succeeded at its
-// end. The one place where refusals become explanations and results.
+// Calls the body of an interface function. A body that returns nothing has succeeded when it ends.
+// This is the one place where refusals become messages and results.
 template <typename Result, typename Body>
 Result Guard(const char* call, const Body& body) {
-  Result failure{};  // null, or a size of nothing
+  Result failure{};  // null, or a size of 0
   currentCall = call;
   try {
     if constexpr (std::is_void_v<decltype(body())>) {
@@ -58,7 +62,7 @@ Result Guard(const char* call, const Body& body) {
 template <typename Result, typename Body>
 Result Perform(const char* call, const Body& body) {
   return Guard<Result>(call, [&] {
-    // After a failed start the reason has been told; teardown calls are only to be expected.
+    // The caller has read why the start failed. The calls of its teardown need no message.
     Require(!state.initFailed, "");
     Require(state.initialized, call, " before quilm_init");
     CountCall();
@@ -90,7 +94,8 @@ void Initialize(const char* configPath) {
   state = State();
   state.initFailed = true;
   const std::string path = configPath == nullptr ? "" : configPath;
-  About("settings file " + path, [&] { state.settings = ReadSettings(path); });
+  WithContext([&] { return "settings file " + path; },
+              [&] { state.settings = ReadSettings(path); });
   CountCall();
   state.openFiles = CountOpenFiles();
   state.initialized = true;
@@ -120,7 +125,7 @@ void Put(Value value, Value* where) {
 void Allocate(void** pointer, size_t size) {
   constexpr size_t kAlignment = 64;  // bytes, a cache line
   RequireOfCaller(pointer != nullptr && size > 0, size, " bytes cannot be allocated");
-  // Beyond that a system that overcommits would say yes and then kill somebody.
+  // A system that overcommits memory would grant more than it has, and later end a process.
   const size_t rounded = (size + kAlignment - 1) / kAlignment * kAlignment;
   void* memory = size <= PhysicalMemory() ? std::aligned_alloc(kAlignment, rounded) : nullptr;
   RequireOfCaller(memory != nullptr, "no memory for ", size, " bytes");
@@ -131,10 +136,11 @@ void Allocate(void** pointer, size_t size) {
 
 void Load(const void* data, size_t size, uint32_t* modelId) {
   RequireOfCaller(data != nullptr && size > 0 && modelId != nullptr, "there is no model");
-  About("the model cannot be loaded", [&] {
-    Model model = LoadModel({static_cast<const char*>(data), size}, state.settings);
-    state.models.Add(++state.lastModelId, std::make_shared<Model>(std::move(model)));
-  });
+  WithContext([] { return "the model cannot be loaded"; },
+              [&] {
+                Model model = LoadModel({static_cast<const char*>(data), size}, state.settings);
+                state.models.Add(++state.lastModelId, std::make_shared<Model>(std::move(model)));
+              });
   *modelId = state.lastModelId;
 }
 
@@ -153,7 +159,7 @@ const Element& At(const std::vector<Element>& elements, size_t index) {
 void GetDims(const Tensor& tensor, quilm_mdl_io_dims* dims) {
   Put({}, dims);
   std::memcpy(dims->name, tensor.name.c_str(), tensor.name.size());
-  dims->dims[0] = 1;  // what a scalar is described as
+  dims->dims[0] = 1;  // a scalar is described as one element
   dims->dim_count = std::max<size_t>(tensor.dims.size(), 1);
   std::copy(tensor.dims.begin(), tensor.dims.end(), dims->dims);
 }
@@ -183,8 +189,9 @@ void SetTotalT(const Model& model, quilm_mdl_dataset& input, int64_t totalT) {
 
 using namespace quilm_host;  // NOLINT: what follows is this namespace's interface to C
 
-// One row a call: name and parameters, what it does. The result is told by runtime/quilm.h.
-// NOLINTBEGIN(bugprone-macro-parentheses): types and parameter lists stand in none.
+// Defines a function by its name, its parameters and what it does; runtime/quilm.h has the result's
+// type.
+// NOLINTBEGIN(bugprone-macro-parentheses): types and parameter lists take none.
 #define CALL(name, parameters, ...)                                         \
   quilm_interposer::ResultOf<quilm_interposer::Id::name> name parameters {  \
     return Perform<quilm_interposer::ResultOf<quilm_interposer::Id::name>>( \

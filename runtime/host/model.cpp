@@ -1,12 +1,14 @@
-// From a file to a model: reads it with the decoder that is generated from ONNX's own schema, finds
-// numbers for all shapes, and hands it to the engine.
+// Makes a model of a file: reads the file with the decoder that is generated from ONNX's own
+// schema, finds numbers for all shapes, and creates the engine.
 #include "runtime/host/model.h"
 
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <charconv>
 #include <cstdlib>
+#include <cstring>
 #include <memory>
 #include <set>
 #include <thread>
@@ -18,12 +20,14 @@ namespace {
 
 using Dimension = Onnx__TensorShapeProto__Dimension;
 
-// Names that a file leaves out.
+// Returns the text of a field, which the decoder gives as a null pointer when the file leaves it
+// out.
 std::string Text(const char* text) {
   return text == nullptr ? protobuf_c_empty_string : text;
 }
 
-// The tensor type of an input or output. Others are refused by the names of ONNX's schema.
+// Returns the tensor type of an input or output. Refuses other types, by their names in ONNX's
+// schema.
 const Onnx__TypeProto__Tensor& TensorType(const Onnx__TypeProto* type) {
   const int kind = type == nullptr ? 0 : type->value_case;
   std::string name = "value without a type";
@@ -42,8 +46,8 @@ const Onnx__TypeProto__Tensor& TensorType(const Onnx__TypeProto* type) {
   return *type->tensor_type;
 }
 
-// Its number. Open dimensions get negative ones, those of the same name the same: -1 stands for the
-// first name.
+// Returns the number of a dimension. An open one gets a negative number, which stands for its name:
+// -1 for the first of `names`, to which new ones are added.
 int64_t NumberOf(const Dimension& dim, std::vector<std::string>& names) {
   if (dim.value_case == ONNX__TENSOR_SHAPE_PROTO__DIMENSION__VALUE_DIM_VALUE &&
       dim.dim_value >= 0) {
@@ -55,7 +59,7 @@ int64_t NumberOf(const Dimension& dim, std::vector<std::string>& names) {
   return -1 - (std::find(names.begin(), names.end(), names.back()) - names.begin());
 }
 
-// Takes over the shapes that the settings file gives under the key "`kind`_shapes".
+// Puts the shapes that the settings file has under the key "`kind`_shapes" into the tensors.
 void TakeShapes(const std::string& kind, const Shapes& given, std::vector<Tensor>& tensors) {
   const auto fits = [](int64_t own, int64_t number) { return own < 0 || own == number; };
   for (const auto& [name, shape] : given) {
@@ -65,7 +69,7 @@ void TakeShapes(const std::string& kind, const Shapes& given, std::vector<Tensor
     Require(tensor != tensors.end(), "it has no ", kind, Quoted(name), " as \"", kind,
             "_shapes\" has");
     const std::vector<int64_t>& dims = tensor->dims;
-    // The engine tells a shape of any number of dimensions like that of a scalar.
+    // The engine describes a shape of any number of dimensions like that of a scalar.
     Require((kind == "output" && dims.empty()) ||
                 std::equal(dims.begin(), dims.end(), shape.begin(), shape.end(), fits),
             kind, Quoted(name), ": \"", kind, "_shapes\" has ", ShapeText(shape), ", the model ",
@@ -74,8 +78,8 @@ void TakeShapes(const std::string& kind, const Shapes& given, std::vector<Tensor
   }
 }
 
-// Open dimensions of the same name are the same number. Those that are given count before the first
-// dimensions that stand for a batch.
+// Gives open dimensions of the same name the same number: one that the settings file has, or
+// otherwise 1 where the name is that of a first dimension, which stands for a batch.
 void InferFromNames(const std::vector<Tensor>& inFile, std::vector<Tensor>& inputs) {
   const auto replace = [&](int64_t open, int64_t number) {
     for (Tensor& input : inputs) {
@@ -96,7 +100,8 @@ void InferFromNames(const std::vector<Tensor>& inFile, std::vector<Tensor>& inpu
   }
 }
 
-// Whether a batch can be the first dimension: of all inputs, and of nothing else.
+// Returns whether the first dimension of all inputs, and no other dimension, is open and counts
+// batches.
 bool CanBatchAsOne(const std::vector<Tensor>& inFile, const std::vector<Tensor>& inputs) {
   std::set<int64_t> others;
   for (const Tensor& input : inFile) {
@@ -109,7 +114,7 @@ bool CanBatchAsOne(const std::vector<Tensor>& inFile, const std::vector<Tensor>&
   return std::equal(inputs.begin(), inputs.end(), inFile.begin(), isBatched);
 }
 
-// The entries that the settings file lacks, with the model's names for the missing numbers.
+// Returns the entries that the settings file lacks, with the model's names for the missing numbers.
 std::string MissingEntries(const std::vector<Tensor>& inputs,
                            const std::vector<std::string>& names) {
   std::vector<std::string> entries;
@@ -134,7 +139,7 @@ void WriteDim(Dimension& dim, int64_t number) {
   dim.dim_value = number;
 }
 
-// Of all that are no initializers, whose numbers stand in the file.
+// Returns the graph's inputs without the initializers, whose numbers stand in the file.
 std::vector<const Onnx__ValueInfoProto*> FindInputs(const Onnx__GraphProto& graph) {
   std::set<std::string> initializers;
   for (size_t i = 0; i < graph.n_initializer; ++i) {
@@ -149,21 +154,23 @@ std::vector<const Onnx__ValueInfoProto*> FindInputs(const Onnx__GraphProto& grap
   return inputs;
 }
 
-// Returns whether dimensions that the file leaves open have become numbers in it.
+// Fills in the model's inputs. Returns whether dimensions that the file leaves open have become
+// numbers in `graph`.
 bool ReadInputs(const Onnx__GraphProto& graph, const Settings& settings, Model& model) {
   const std::vector<const Onnx__ValueInfoProto*> values = FindInputs(graph);
-  std::vector<std::string> names;  // of open dimensions
+  std::vector<std::string> names;  // the open dimensions'
   for (const Onnx__ValueInfoProto* value : values) {
     Tensor& input = model.inputs.emplace_back();
     input.name = Text(value->name);
-    About("input" + Quoted(input.name), [&] {
-      const Onnx__TypeProto__Tensor& type = TensorType(value->type);
-      Require(type.shape != nullptr, "it does not even have a number of dimensions");
-      input.type = FindElementType(type.elem_type);
-      for (size_t i = 0; i < type.shape->n_dim; ++i) {
-        input.dims.push_back(NumberOf(*type.shape->dim[i], names));
-      }
-    });
+    WithContext([&] { return "input" + Quoted(input.name); },
+                [&] {
+                  const Onnx__TypeProto__Tensor& type = TensorType(value->type);
+                  Require(type.shape != nullptr, "it does not even have a number of dimensions");
+                  input.type = FindElementType(type.elem_type);
+                  for (size_t i = 0; i < type.shape->n_dim; ++i) {
+                    input.dims.push_back(NumberOf(*type.shape->dim[i], names));
+                  }
+                });
   }
   const std::vector<Tensor> inFile = model.inputs;
   TakeShapes("input", settings.input_shapes, model.inputs);
@@ -186,10 +193,15 @@ bool ReadInputs(const Onnx__GraphProto& graph, const Settings& settings, Model& 
 
 void ReadOutputs(const Onnx__GraphProto& graph, Model& model) {
   for (size_t i = 0; i < graph.n_output; ++i) {
-    model.outputs.emplace_back().name = Text(graph.output[i]->name);
+    const std::string name = model.outputs.emplace_back().name = Text(graph.output[i]->name);
     if (graph.output[i]->type != nullptr) {
-      About("output" + Quoted(model.outputs.back().name),
-            [&] { TensorType(graph.output[i]->type); });
+      WithContext([&] { return "output" + Quoted(name); },
+                  [&] {
+                    const auto* shape = TensorType(graph.output[i]->type).shape;
+                    if (shape != nullptr && shape->n_dim == 0) {
+                      model.scalarOutputs.insert(name);
+                    }
+                  });
     }
   }
   Require(!model.outputs.empty(), "it has no outputs");
@@ -207,17 +219,17 @@ int32_t ReadNetType(const Onnx__ModelProto& proto) {
   return netType;
 }
 
-// Memory for the decoder, which calls itself for each message in a message. It gets none any more
-// before it runs out of stack.
+// Allocates memory for the decoder, which calls itself for each message in a message. It gets no
+// more memory before it runs out of stack.
 void* AllocateForDecoder(void* outermost, size_t size) {
-  constexpr std::ptrdiff_t kMostStack = 2 << 20;  // bytes, of 8 MB on most systems
+  constexpr std::ptrdiff_t kMostStack = 2 << 20;  // bytes; most systems have 8 MB
   const auto* innermost = static_cast<const char*>(__builtin_frame_address(0));
   return static_cast<const char*>(outermost) - innermost > kMostStack ? nullptr : std::malloc(size);
 }
 
-// Fills in the inputs that are no initializers, the outputs' names, and the net type. Dimensions of
-// inputs that the file leaves open come from `settings`; a first one counts as 1 otherwise. Returns
-// the file with these numbers in it, or nothing when it is the same.
+// Fills in the model's inputs, the outputs' names, and the net type. Dimensions of inputs that the
+// file leaves open come from `settings`; a first one is 1 otherwise. Returns the file with these
+// numbers in it, or an empty text when that is the file as it is.
 std::string ReadOnnxFile(std::string_view file, const Settings& settings, Model& model) {
   ProtobufCAllocator allocator = {AllocateForDecoder,
                                   [](void*, void* memory) { std::free(memory); },
@@ -244,83 +256,106 @@ std::string ReadOnnxFile(std::string_view file, const Settings& settings, Model&
   return encoded;
 }
 
-// Device memory and the engine's hold each tensor once.
+// Lays out the tensors in device memory. Refuses tensors that the machine's memory cannot hold once
+// there and once in the engine.
 void LayOutAll(const char* kind, std::vector<Tensor>& tensors, size_t rowAlignment) {
   size_t needed = 0;
   for (Tensor& tensor : tensors) {
-    About(kind + Quoted(tensor.name), [&] { LayOut(tensor, rowAlignment); });
+    WithContext([&] { return kind + Quoted(tensor.name); }, [&] { LayOut(tensor, rowAlignment); });
     needed += tensor.size + tensor.Elements() * tensor.type->modelBytes;
   }
   Require(needed <= PhysicalMemory(), "its ", kind, "s take ", needed, " bytes, the machine has ",
           PhysicalMemory());
 }
 
-std::vector<Array> RunOnZeros(const Model& model) {
-  std::vector<Array> zeros;
-  for (const Tensor& input : model.inputs) {
-    zeros.push_back({input.dims, {}});
-    zeros.back().bytes.resize(input.Elements() * input.type->modelBytes);
+// Calls `attempt` with one candidate after the other until it does not refuse. When it refuses all
+// of them, refuses with all the reasons, each once.
+template <typename Candidates, typename Attempt>
+void TryEach(const Candidates& candidates, const Attempt& attempt) {
+  std::vector<std::string> problems;
+  for (const auto& candidate : candidates) {
+    try {
+      attempt(candidate);
+      return;
+    } catch (const Refusal& refusal) {
+      problems.emplace_back(refusal.what());
+    }
   }
-  return model.engine(zeros);
+  problems.erase(std::unique(problems.begin(), problems.end()), problems.end());
+  Refuse(Joined(problems, "\n"));
 }
 
-// What neither the engine nor the settings tell is learnt by a run on zeros. The engine tells a
-// shape of any number of dimensions like that of a scalar.
+std::vector<Array> MakeTrialInputs(const Model& model, bool ones) {
+  std::vector<Array> inputs;
+  for (const Tensor& input : model.inputs) {
+    const size_t elementBytes = input.type->modelBytes;
+    std::vector<unsigned char> bytes(input.Elements() * elementBytes);
+    for (size_t at = 0; ones && at < bytes.size(); at += elementBytes) {
+      std::memcpy(bytes.data() + at, &input.type->one, elementBytes);
+    }
+    inputs.push_back({input.dims, std::move(bytes)});
+  }
+  return inputs;
+}
+
+// Executes the model to learn the shapes of the outputs at the indexes `unknown`. Ones come before
+// zeros: operators that select by value then leave something, and some of the engine's end the
+// process when they get nothing.
+void LearnShapes(Model& model, const std::vector<size_t>& unknown) {
+  TryEach(std::array{true, false}, [&](bool ones) {
+    const std::vector<Array> results = model.engine(MakeTrialInputs(model, ones));
+    for (const size_t i : unknown) {
+      const std::vector<int64_t>& dims = results[i].dims;
+      Require(std::count(dims.begin(), dims.end(), 0) == 0, "output", Quoted(model.outputs[i].name),
+              " came out with shape ", ShapeText(dims));
+      model.outputs[i].dims = dims;
+    }
+  });
+}
+
+// Completes the outputs' shapes. The engine describes a shape of any number of dimensions like that
+// of a scalar; the file tells the two apart.
 void DescribeOutputs(Model& model, const Settings& settings) {
   TakeShapes("output", settings.output_shapes, model.outputs);
   std::vector<size_t> unknown;
   std::vector<std::string> entries;
   for (size_t i = 0; i < model.outputs.size(); ++i) {
     const Tensor& output = model.outputs[i];
-    if ((output.dims.empty() || output.IsOpen()) &&
-        settings.output_shapes.count(output.name) == 0) {
+    const bool mayHaveDims = output.dims.empty() && model.scalarOutputs.count(output.name) == 0;
+    if ((mayHaveDims || output.IsOpen()) && settings.output_shapes.count(output.name) == 0) {
       unknown.push_back(i);
       entries.push_back("\"" + output.name + "\": " + ShapeText(output.dims));
     }
   }
-  if (unknown.empty()) {
-    return;
+  const auto describe = [&] {
+    return "a trial run does not show shapes of outputs: write \"output_shapes\": {" +
+           Joined(entries) + "}, with whole shapes for these, into the settings file";
+  };
+  if (!unknown.empty()) {
+    WithContext(describe, [&] { LearnShapes(model, unknown); });
   }
-  About("a run on zeros does not show shapes of outputs: write \"output_shapes\": {" +
-            Joined(entries) + "}, with whole shapes for these, into the settings file",
-        [&] {
-          const std::vector<Array> results = RunOnZeros(model);
-          for (const size_t i : unknown) {
-            const std::vector<int64_t>& dims = model.outputs[i].dims = results[i].dims;
-            Require(std::count(dims.begin(), dims.end(), 0) == 0, "output",
-                    Quoted(model.outputs[i].name), " came out with shape ", ShapeText(dims));
-          }
-        });
 }
 
-// With given shapes written into the file, the engine may find fault with a branch that they rule
-// out. The file as it is then may still do, with tensors of these shapes.
+// Creates the engine for the file with the given shapes in it, or for the file as it is when the
+// engine finds fault with the first, as with a branch that these shapes rule out.
 void CreateEngineOfEither(std::string_view changed, std::string_view asItIs,
                           const Settings& settings, Model& model) {
   const size_t threads =
       settings.threads > 0 ? settings.threads : std::thread::hardware_concurrency();
-  std::vector<std::string> problems;
-  for (const std::string_view file : {changed, asItIs}) {
-    if (file.empty()) {
-      continue;
-    }
-    try {
-      model.engine = CreateEngine(file, model.inputs, model.outputs, threads);
-      DescribeOutputs(model, settings);
-      return;
-    } catch (const Refusal& refusal) {
-      problems.emplace_back(refusal.what());
-    }
-  }
-  // Mostly they are the same.
-  problems.erase(std::unique(problems.begin(), problems.end()), problems.end());
-  Refuse(Joined(problems, "\n"));
+  std::vector<std::string_view> files{changed, asItIs};
+  files.erase(files.begin(), files.begin() + (changed.empty() ? 1 : 0));
+  TryEach(files, [&](std::string_view file) {
+    model.engine = CreateEngine(file, model.inputs, model.outputs, threads);
+    DescribeOutputs(model, settings);
+  });
 }
 
 }  // namespace
 
 size_t PhysicalMemory() {
-  return static_cast<size_t>(sysconf(_SC_PHYS_PAGES)) * static_cast<size_t>(sysconf(_SC_PAGESIZE));
+  static const size_t bytes =
+      static_cast<size_t>(sysconf(_SC_PHYS_PAGES)) * static_cast<size_t>(sysconf(_SC_PAGESIZE));
+  return bytes;
 }
 
 Model LoadModel(std::string_view file, const Settings& settings) {

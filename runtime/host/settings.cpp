@@ -1,8 +1,10 @@
 // Reads the settings file.
 #include <dlfcn.h>
 
+#include <filesystem>
 #include <fstream>
 #include <nlohmann/json.hpp>
+#include <thread>
 
 #include "runtime/host/model.h"
 
@@ -17,13 +19,13 @@ namespace {
 
 using Json = nlohmann::json;
 
-// What builds, shows or deletes JSON may call itself for each level.
+// Refuses deep nesting: the library's functions may call themselves for each level.
 bool CheckDepth(int depth, Json::parse_event_t, const Json&) {
   Require(depth <= 8, "its parts lie in each other too deeply");
   return true;
 }
 
-// What was read and can be written as the same has been understood: conversions from JSON cut off
+// Refuses a value that is not the same when it is written again: conversions from JSON cut off
 // fractions and signs, and ignore what they do not know.
 void CheckUnderstood(const std::string& key, const Json& value) {
   const Json understood = Json::object({{key, value}}).get<Settings>();
@@ -38,8 +40,11 @@ void CheckValues(const Settings& settings) {
                               settings.work_buffer_size, settings.run_mode, settings.threads}) {
     Require(number <= INT32_MAX, number, " is more than 2147483647");
   }
+  const size_t mostThreads = 4UL * std::max(std::thread::hardware_concurrency(), 1U);
+  Require(settings.threads <= mostThreads, "\"threads\": ", settings.threads, " is more than ",
+          mostThreads, ", 4 times the machine's cores");
   for (const Fault& fault : settings.faults) {
-    // The interface itself is the list of functions that can go wrong.
+    // The process has a symbol for each function of the interface.
     Require(fault.function.rfind("quilm_", 0) == 0 &&
                 dlsym(RTLD_DEFAULT, fault.function.c_str()) != nullptr,
             "no such function:", Quoted(fault.function));
@@ -50,6 +55,10 @@ void CheckValues(const Settings& settings) {
 
 Settings ReadSettings(const std::string& path) {
   Settings settings;
+  // Reading a pipe or a device may never end.
+  std::error_code absent;
+  const auto type = std::filesystem::status(path, absent).type();
+  Require(absent || type == std::filesystem::file_type::regular, "is not a regular file");
   std::ifstream file(path);
   Require(file.good(), "cannot be opened");
   std::string where;

@@ -1,4 +1,4 @@
-// What the host runtime remembers between calls: settings, and everything it has handed out.
+// What the host runtime remembers between calls: its settings, and all objects of its callers.
 #ifndef QUILMRUN_RUNTIME_HOST_STATE_H_
 #define QUILMRUN_RUNTIME_HOST_STATE_H_
 
@@ -21,22 +21,22 @@ struct quilm_data_buffer {
 struct quilm_mdl_dataset {
   std::vector<quilm_data_buffer*> buffers;
   uint64_t batchSize = 1;
-  int64_t totalT = 0;  // frames that count, of input 0 of a recurrent model; 0 means all
+  int64_t totalT = 0;  // how many frames of a recurrent model's input 0 count; 0 means all
 };
 
 namespace quilm_host {
 
-/// The interface function being executed, for explanations.
+/// The name of the interface function that is being executed, for messages.
 extern const char* currentCall;
 
-/// Refuses it by its name, unless `right`.
+/// Refuses the current call, with its name, unless `right`.
 template <typename... Parts>
 void RequireOfCaller(bool right, const Parts&... parts) {
   Require(right, currentCall, ": ", parts...);
 }
 
-/// Objects that callers know by a handle. Handles are checked, so that a stale one is an error and
-/// not a crash.
+/// Objects that callers know by a handle. Each use checks the handle, so that a stale one is an
+/// error and not a crash.
 template <typename Handle, typename Object>
 class HandleTable {
  public:
@@ -46,7 +46,7 @@ class HandleTable {
     objects_.insert_or_assign(handle, std::move(object));
   }
 
-  /// A new object whose address is its handle.
+  /// Adds a new object, whose address is its handle.
   Object* Create(Object content = {}) {
     auto object = std::make_shared<Object>(std::move(content));
     Add(object.get(), object);
@@ -90,10 +90,10 @@ struct State {
   bool deviceOpen = false;
   Settings settings;
   std::map<std::string, uint64_t> callCounts;
-  std::set<std::string> hints;  // that have been given
-  long openFiles = 0;           // of the process, at the end of quilm_init()
+  std::set<std::string> hints;  // those that have been given
+  long openFiles = 0;           // files of the process, at the end of quilm_init()
   uint32_t lastModelId = 0;
-  ObjectTable<char> contexts{"context"};  // means nothing on a PC, as a stream
+  ObjectTable<char> contexts{"context"};  // contexts and streams mean nothing on a PC
   ObjectTable<char> streams{"stream"};
   ObjectTable<MemoryBlock> memory{"block of device memory"};
   HandleTable<uint32_t, Model> models{"model"};
@@ -104,7 +104,7 @@ struct State {
 
 extern State state;
 
-/// Executes the model on the datasets: batches at once where it can, one at a time otherwise.
+/// Executes the model on the datasets: all batches at once where it can, otherwise one at a time.
 void Execute(const Model& model, const quilm_mdl_dataset& input, const quilm_mdl_dataset& output);
 
 }  // namespace quilm_host

@@ -11,6 +11,10 @@ namespace {
 
 template <typename From, typename To>
 bool Convert(const unsigned char* from, size_t count, unsigned char* to) {
+  if constexpr (std::is_same_v<From, To>) {
+    std::memcpy(to, from, count * sizeof(To));
+    return true;
+  }
   for (size_t i = 0; i < count; ++i) {
     From element;
     std::memcpy(&element, from + i * sizeof(From), sizeof(From));
@@ -25,7 +29,7 @@ bool Convert(const unsigned char* from, size_t count, unsigned char* to) {
   return true;
 }
 
-// A byte that stands for a truth value may hold any number.
+// A truth value of a model, which is 0 or 1. In device memory any other number means true too.
 struct Truth {
   explicit Truth(uint8_t number = 0) : byte(number != 0) {}
   explicit operator uint8_t() const { return byte != 0; }
@@ -33,21 +37,26 @@ struct Truth {
 };
 
 template <typename Device, typename Model = Device>
-constexpr ElementType Row(int32_t onnx, int32_t code) {
-  return {
-      onnx, code, sizeof(Device), sizeof(Model), Convert<Device, Model>, Convert<Model, Device>};
+constexpr ElementType Row(int32_t onnx, int32_t code, uint64_t one = 1) {
+  return {onnx,
+          code,
+          sizeof(Device),
+          sizeof(Model),
+          one,
+          Convert<Device, Model>,
+          Convert<Model, Device>};
 }
 
 constexpr ElementType kElementTypes[] = {
-    Row<float>(ONNX__TENSOR_PROTO__DATA_TYPE__FLOAT, 0),
-    Row<uint16_t>(ONNX__TENSOR_PROTO__DATA_TYPE__FLOAT16, 1),
+    Row<float>(ONNX__TENSOR_PROTO__DATA_TYPE__FLOAT, 0, 0x3F80'0000),
+    Row<uint16_t>(ONNX__TENSOR_PROTO__DATA_TYPE__FLOAT16, 1, 0x3C00),
     Row<int8_t>(ONNX__TENSOR_PROTO__DATA_TYPE__INT8, 2),
     Row<int32_t>(ONNX__TENSOR_PROTO__DATA_TYPE__INT32, 3),
     Row<uint8_t>(ONNX__TENSOR_PROTO__DATA_TYPE__UINT8, 4),
     Row<int16_t>(ONNX__TENSOR_PROTO__DATA_TYPE__INT16, 6),
     Row<uint16_t>(ONNX__TENSOR_PROTO__DATA_TYPE__UINT16, 7),
     Row<int32_t, int64_t>(ONNX__TENSOR_PROTO__DATA_TYPE__INT64, 3),
-    Row<float, double>(ONNX__TENSOR_PROTO__DATA_TYPE__DOUBLE, 0),
+    Row<float, double>(ONNX__TENSOR_PROTO__DATA_TYPE__DOUBLE, 0, 0x3FF0'0000'0000'0000),
     Row<uint8_t, Truth>(ONNX__TENSOR_PROTO__DATA_TYPE__BOOL, 4),
 };
 
@@ -87,7 +96,7 @@ void LayOut(Tensor& tensor, size_t rowAlignment) {
   Require(tensor.size <= kMaxSize, "it takes more than 2147483647 bytes");
 }
 
-Array TakeFromDevice(const Tensor& tensor, const unsigned char* device, size_t batches) {
+Array ReadFromDevice(const Tensor& tensor, const unsigned char* device, size_t batches) {
   Array array{tensor.dims, {}};
   if (!array.dims.empty()) {
     array.dims.front() *= static_cast<int64_t>(batches);
@@ -100,7 +109,7 @@ Array TakeFromDevice(const Tensor& tensor, const unsigned char* device, size_t b
   return array;
 }
 
-bool PutToDevice(const Array& array, const Tensor& tensor, unsigned char* device) {
+bool WriteToDevice(const Array& array, const Tensor& tensor, unsigned char* device) {
   const size_t rowBytes = tensor.RowElements() * tensor.type->modelBytes;
   bool fits = true;
   for (size_t at = 0; at < array.bytes.size() && fits; at += rowBytes, device += tensor.stride) {

@@ -1,5 +1,5 @@
-// Model inputs and outputs as the runtime's interface describes them, and the way of their elements
-// between device memory and an engine.
+// Model inputs and outputs as the runtime's interface describes them, and the conversion of their
+// elements between device memory and an engine's arrays.
 #ifndef QUILMRUN_RUNTIME_HOST_TENSOR_H_
 #define QUILMRUN_RUNTIME_HOST_TENSOR_H_
 
@@ -15,7 +15,8 @@
 namespace quilm_host {
 
 /// An element type of ONNX models. 64-bit integers, doubles and truth values have no code in the
-/// interface; they appear as 32-bit integers, floats and bytes.
+/// interface; they appear as 32-bit integers, floats and bytes. The table of these types is not the
+/// tool's, which knows neither ONNX nor conversions.
 struct ElementType {
   /// Converts `count` elements; false when one has no value in the other type.
   using Converter = bool (*)(const unsigned char* from, size_t count, unsigned char* to);
@@ -24,6 +25,7 @@ struct ElementType {
   int32_t code;        // data type code of the interface
   size_t deviceBytes;  // of one element in device memory
   size_t modelBytes;   // of one element in the model
+  uint64_t one;        // the number 1 in the model, in its low bytes
   Converter toModel;
   Converter toDevice;
 };
@@ -49,7 +51,7 @@ struct Tensor {
   size_t Elements() const { return size / stride * RowElements(); }
 };
 
-/// A tensor as an engine takes and gives it: packed, in the model's element type.
+/// A tensor as engines take and return it: packed, in the model's element type.
 struct Array {
   std::vector<int64_t> dims;
   std::vector<unsigned char> bytes;
@@ -66,12 +68,13 @@ inline std::string ShapeText(const std::vector<int64_t>& dims) {
 /// what cannot be laid out.
 void LayOut(Tensor& tensor, size_t rowAlignment);
 
-/// The batches that follow each other at `device`, as one array whose first dimension they
-/// multiply.
-Array TakeFromDevice(const Tensor& tensor, const unsigned char* device, size_t batches);
+/// Copies the batches that follow each other at `device` into one array, whose first dimension is
+/// the tensor's times `batches`.
+Array ReadFromDevice(const Tensor& tensor, const unsigned char* device, size_t batches);
 
-/// The other way. Row padding is left alone. False when an element does not fit.
-bool PutToDevice(const Array& array, const Tensor& tensor, unsigned char* device);
+/// Copies the array to `device`, where it leaves row padding unchanged. Returns false when an
+/// element has no value in the type that device memory holds.
+bool WriteToDevice(const Array& array, const Tensor& tensor, unsigned char* device);
 
 }  // namespace quilm_host
 
