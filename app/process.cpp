@@ -30,6 +30,19 @@ int ResolvePaths(std::vector<std::string>& paths) {
   return kSuccess;
 }
 
+// Releases the input dataset of an inference at the end of its scope. The dataset of a group that
+// stops before its execution is left to the model, which releases it after the description.
+class InputOwner {
+ public:
+  explicit InputOwner(ModelProcess& model) : model_(model) {}
+  ~InputOwner() { model_.DestroyInput(); }
+  InputOwner(const InputOwner&) = delete;
+  InputOwner& operator=(const InputOwner&) = delete;
+
+ private:
+  ModelProcess& model_;
+};
+
 }  // namespace
 
 int SampleProcess::Process() {
@@ -81,13 +94,13 @@ int SampleProcess::RunGroups(ModelProcess& model) {
   return kSuccess;
 }
 
-int SampleProcess::ProcessGroup(const std::vector<std::string>& inputFiles, ModelProcess& model,
+int SampleProcess::ProcessGroup(const std::vector<std::string>& files, ModelProcess& model,
                                 size_t groupIndex, size_t inputNum) {
   if (model.InitInput() != kSuccess) {
     LogError("execute InitInput failed");
     return kFailure;
   }
-  const auto first = inputFiles.begin() + static_cast<std::ptrdiff_t>(groupIndex * inputNum);
+  const auto first = files.begin() + static_cast<std::ptrdiff_t>(groupIndex * inputNum);
   const std::vector<std::string> group(first, first + static_cast<std::ptrdiff_t>(inputNum));
   if (model.CreateInputBuf(group) != kSuccess) {
     LogError("CreateInputBuf failed");
@@ -105,14 +118,13 @@ int SampleProcess::ProcessGroup(const std::vector<std::string>& inputFiles, Mode
     LogError("CreateTaskBufAndWorkBuf failed");
     return kFailure;
   }
-  const int executeResult = model.Execute();
-  if (executeResult != kSuccess) {
+  const InputOwner owner(model);
+  if (model.Execute() != kSuccess) {
     LogError("execute inference failed");
-  } else {
-    model.DumpModelOutput(outputPath);
+    return kFailure;
   }
-  model.DestroyInput();
-  return executeResult;
+  model.DumpModelOutput(outputPath);
+  return kSuccess;
 }
 
 }  // namespace quilmrun

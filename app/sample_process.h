@@ -50,9 +50,9 @@ class SampleProcess {
   /// a group does, or when a signal asks to stop while groups are left.
   int RunGroups(ModelProcess& model);
 
-  /// One inference: stages files groupIndex * inputNum and following, executes, dumps.
-  int ProcessGroup(const std::vector<std::string>& inputFiles, ModelProcess& model,
-                   size_t groupIndex, size_t inputNum);
+  /// One inference: stages `files` from groupIndex * inputNum on, executes, dumps.
+  int ProcessGroup(const std::vector<std::string>& files, ModelProcess& model, size_t groupIndex,
+                   size_t inputNum);
 
   std::string modelPath;
   std::vector<std::string> inputFiles;

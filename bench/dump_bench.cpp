@@ -11,8 +11,9 @@
 
 #include "base/descriptor.h"
 #include "bench/scratch.h"
-#include "output/dump.h"
+#include "output/dump_format.h"
 #include "output/output_file.h"
+#include "output/output_rows.h"
 
 namespace quilmrun {
 namespace {

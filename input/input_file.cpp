@@ -50,7 +50,7 @@ bool InputFile::AppendChunk(std::string& text) const {
   return received == kChunkSize;
 }
 
-InputFile::LinesEnd InputFile::ReadLines(size_t mostBytes, size_t longestLine,
+InputFile::LinesEnd InputFile::ReadLines(size_t maxBytes, size_t maxLineLength,
                                          const std::function<void(std::string_view)>& use) const {
   std::string text;  // from the start of a line whose end has not been read
   size_t total = 0;
@@ -59,11 +59,11 @@ InputFile::LinesEnd InputFile::ReadLines(size_t mostBytes, size_t longestLine,
     const size_t searched = text.size();
     more = AppendChunk(text);
     total += text.size() - searched;
-    if (total > mostBytes) {
+    if (total > maxBytes) {
       return LinesEnd::kFileTooLarge;
     }
     UseLines(text, searched, use);
-    if (text.size() > longestLine) {
+    if (text.size() > maxLineLength) {
       use(text);
       return LinesEnd::kLineTooLong;
     }

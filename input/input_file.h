@@ -39,9 +39,9 @@ class InputFile {
   enum class LinesEnd { kWhole, kFileTooLarge, kLineTooLong };
 
   /// Calls `use` with every line up to the end, without its newline; the last one needs none. Holds
-  /// no more than a line and a chunk of the text. Stops where the file has more than `mostBytes`,
-  /// or in a line of more than `longestLine` bytes, of which the beginning is used.
-  LinesEnd ReadLines(size_t mostBytes, size_t longestLine,
+  /// no more than a line and a chunk of the text. Stops where the file has more than `maxBytes`,
+  /// or in a line of more than `maxLineLength` bytes, of which the beginning is used.
+  LinesEnd ReadLines(size_t maxBytes, size_t maxLineLength,
                      const std::function<void(std::string_view)>& use) const;
 
  private:

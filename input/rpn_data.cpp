@@ -52,17 +52,17 @@ bool Fits(const ParameterRows& layout, size_t count, size_t size) {
 }
 
 // Far more than a model takes or a number has, and few enough to be held.
-constexpr size_t kMostValues = size_t{1} << 24;
-constexpr size_t kLongestNumber = size_t{1} << 20;
+constexpr size_t kMaxValues = size_t{1} << 24;
+constexpr size_t kMaxNumberLength = size_t{1} << 20;
 
 // False, after a report, when a file goes on and on.
 bool IsReasonable(const std::string& path, size_t values, size_t unfinished) {
-  if (values > kMostValues) {
-    LogError("file %s holds more than %zu numbers", path.c_str(), kMostValues);
+  if (values > kMaxValues) {
+    LogError("file %s holds more than %zu numbers", path.c_str(), kMaxValues);
     return false;
   }
-  if (unfinished > kLongestNumber) {
-    LogError("a number in file %s is longer than %zu bytes", path.c_str(), kLongestNumber);
+  if (unfinished > kMaxNumberLength) {
+    LogError("a number in file %s is longer than %zu bytes", path.c_str(), kMaxNumberLength);
     return false;
   }
   return true;

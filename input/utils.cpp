@@ -24,7 +24,7 @@ constexpr int64_t kMaxFileSize = std::numeric_limits<int32_t>::max();
 
 // A path has at most 4096 bytes and a name of a model input 127, so that no useful line is longer:
 // what is kept of one that is will be found too long for a path.
-constexpr size_t kLongestLine = size_t{1} << 20;
+constexpr size_t kMaxLineLength = size_t{1} << 20;
 
 void ReportTooLarge(const std::string& path) {
   LogError("file %s is too large, 2 GiB or more is not supported", path.c_str());
@@ -90,11 +90,11 @@ bool ReadLines(const std::string& path, const std::function<void(std::string_vie
     ReportOpenFailure(path);
     return false;
   }
-  const InputFile::LinesEnd end = file.ReadLines(kMaxFileSize, kLongestLine, use);
+  const InputFile::LinesEnd end = file.ReadLines(kMaxFileSize, kMaxLineLength, use);
   if (end == InputFile::LinesEnd::kFileTooLarge) {
     ReportTooLarge(path);
   } else if (end == InputFile::LinesEnd::kLineTooLong) {
-    LogError("a line of file %s is longer than %zu bytes", path.c_str(), kLongestLine);
+    LogError("a line of file %s is longer than %zu bytes", path.c_str(), kMaxLineLength);
   }
   return end != InputFile::LinesEnd::kFileTooLarge;
 }

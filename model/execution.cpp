@@ -1,9 +1,8 @@
-// One inference on filled datasets: batch size, number of frames, execution and dump.
+// One inference on filled datasets: batch size, number of frames, execution.
 #include "base/clock.h"
 #include "base/log.h"
 #include "base/status.h"
 #include "model/model_process.h"
-#include "output/dump.h"
 #include "runtime/tensor_description.h"
 #include "runtime/values.h"
 
@@ -64,11 +63,6 @@ int ModelProcess::Execute() {
   ++executeCount;
   LogInfo("model execute success");
   return kSuccess;
-}
-
-void ModelProcess::DumpModelOutput(const std::string& outputPath) {
-  quilmrun::DumpModelOutput({modelDesc.get(), output.get(), outputSizes_, batchSize}, outputPath,
-                            executeCount - 1);
 }
 
 }  // namespace quilmrun

@@ -13,6 +13,9 @@
 
 namespace quilmrun {
 
+class OutputFile;
+struct OutputRows;
+
 /// Owns the loaded model, the device memory of its file, its description and both datasets; each
 /// release operation may be called twice. Operations return kSuccess or kFailure and print what
 /// went wrong.
@@ -76,8 +79,9 @@ class ModelProcess {
   /// The last execution decides the result.
   int Execute();
 
-  /// Writes every output to outputPath/<run index>/, as text and as raw floats; output/dump.h says
-  /// in which format. Reports what cannot be written and goes on with the next output.
+  /// Writes every output to outputPath/<run index>/, as text and as raw floats;
+  /// output/dump_format.h says in which format. Reports what cannot be written and goes on with the
+  /// next output.
   void DumpModelOutput(const std::string& outputPath);
 
  private:
@@ -87,8 +91,12 @@ class ModelProcess {
   /// is 0 on success.
   int GetInputStrideParam(int32_t index, size_t& size, size_t& stride, quilm_mdl_io_dims& dims);
 
+  /// The same for an output, with `size` for one batch.
+  int GetOutputStrideParam(int32_t index, size_t& size, size_t& stride, quilm_mdl_io_dims& dims);
+
   /// Bytes per element; 0 means unusable, which the caller reports.
   size_t GetInputDataSize(int32_t index) const;
+  size_t GetOutputDataSize(int32_t index) const;
 
   /// Appends `memory`, as `size` bytes with rows `stride` bytes apart, to the input dataset, which
   /// then owns it; on failure it is freed.
@@ -104,6 +112,30 @@ class ModelProcess {
 
   /// Hands total_t to a recurrent model; does nothing unless it is above 0.
   int SetNlpTotalT();
+
+  /// Writes one output to `fileBase` + ".float" and + ".bin". Its data type code decides as what
+  /// its elements are read.
+  void DumpOutputByType(const std::string& fileBase, size_t index);
+  template <typename T>
+  void WriteOutputFiles(const std::string& fileBase, size_t index);
+
+  /// Write one file of output `index`, whose elements are stored as T. No file is created when
+  /// there is nothing to put into it.
+  template <typename T>
+  void WriteOutputText(const std::string& path, size_t index);
+  template <typename T>
+  void WriteOutputBinary(const std::string& path, size_t index);
+  template <typename T>
+  void WriteOutput(const std::string& path, size_t index,
+                   void (*write)(const std::vector<float>&, const OutputFile&));
+
+  /// Appends the values of output `index` to `values`, without the padding of its rows.
+  template <typename T>
+  int GetOutputWithOutStride(std::vector<float>& values, size_t index);
+
+  /// Finds out where the rows of output `index` lie in device memory, and how long they are.
+  int LocateOutput(size_t index, OutputRows& rows);
+  int LayOutRows(size_t index, OutputRows& rows);
 
   uint32_t batchSize;
   int32_t nlpTotalT;

@@ -55,6 +55,17 @@ int ModelProcess::CreateOutputBuffer(size_t index) {
   return kSuccess;
 }
 
+int ModelProcess::GetOutputStrideParam(int32_t index, size_t& size, size_t& stride,
+                                       quilm_mdl_io_dims& dims) {
+  constexpr uint32_t kOneBatch = 1;
+  return QueryLayout(kOutputQueries, modelDesc.get(), static_cast<size_t>(index), kOneBatch, size,
+                     stride, dims);
+}
+
+size_t ModelProcess::GetOutputDataSize(int32_t index) const {
+  return ElementSize(kOutputQueries, modelDesc.get(), static_cast<size_t>(index));
+}
+
 void ModelProcess::DestroyOutput() {
   output.reset();
   outputSizes_.clear();

@@ -5,7 +5,7 @@
 #include <cstring>
 #include <string>
 
-#include "output/dump.h"
+#include "output/dump_format.h"
 
 namespace quilmrun {
 namespace {

@@ -1,15 +1,17 @@
-// The text and the binary form of the values of an output. Formatting takes most of the time of a
-// dump, so that the usual numbers have a way of their own that is faster than the library's.
+// The text and the binary form of the values of an output.
+//
+// Formatting takes most of the time of a dump. Usual numbers are therefore formatted here, which
+// takes less than half of the library's time, and digit by digit the same.
+#include "output/dump_format.h"
+
 #include <algorithm>
 #include <charconv>
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
-#include <limits>
 
 #include "base/c_locale.h"
-#include "output/dump.h"
 #include "output/output_file.h"
 
 namespace quilmrun {
@@ -59,7 +61,7 @@ char* FormatFraction(uint64_t mantissa, int bits, char* begin, char* end) {
 }
 
 // The same as FormatAny(), in less than half the time where there is a fraction: below 2^23. A line
-// takes little more than its write call then.
+// then takes little more than its write call.
 char* FormatFloat(float value, char* begin, char* end) {
   constexpr uint32_t kMantissaBits = 23;
   constexpr uint32_t kExponentOfWholes = 150;  // from here on there is no fraction
@@ -107,17 +109,6 @@ std::string OutputFileName(const char* runtimeName) {
   const auto isUnsafe = [](char c) { return c == '\\' || c == '.' || c == '/'; };
   std::replace_if(name.begin(), name.end(), isUnsafe, '_');
   return name;
-}
-
-size_t BytesNeeded(const OutputRows& rows, size_t elementSize) {
-  if (rows.rows == 0) {
-    return 0;
-  }
-  size_t bytes = 0;
-  const bool overflow = __builtin_mul_overflow(rows.rows - 1, rows.rowPitch, &bytes) ||
-                        __builtin_add_overflow(bytes, rows.rowElements, &bytes) ||
-                        __builtin_mul_overflow(bytes, elementSize, &bytes);
-  return overflow ? std::numeric_limits<size_t>::max() : bytes;
 }
 
 }  // namespace quilmrun
