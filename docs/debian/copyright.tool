@@ -11,6 +11,12 @@ Copyright: 2026 the quilmrun maintainers
 License: Expat and BSD-2-Clause
 Comment: protobuf-c is linked statically, for the runtime library to use.
 
+Files: usr/share/quilmrun/companions/charts/*
+Copyright: 2014-2024 Chart.js Contributors
+           2016-2024 chartjs-plugin-annotation Contributors
+           2016-2024 chartjs-plugin-zoom Contributors
+License: Expat
+
 Files: usr/share/quilmrun/examples/digits/images/*
 Copyright: 1998 E. Alpaydin, C. Kaynak
 License: CC-BY-4.0

@@ -3,7 +3,6 @@
 from __future__ import annotations
 
 import math
-from dataclasses import dataclass
 
 MINUS = "\N{MINUS SIGN}"
 
@@ -64,57 +63,7 @@ def change(before: float | None, after: float | None) -> str:
     return f"{'+' if difference > 0 else MINUS}{abs(difference):.1f} %"
 
 
-@dataclass(frozen=True)
-class Unit:
-    """What an axis is labelled in: values times `factor`, followed by `name`."""
-
-    name: str = ""
-    factor: float = 1.0
-
-    def write(self, value: float) -> str:
-        """A value in this unit, without zeros at its end."""
-        text = significant(round(value * self.factor, 12), 4)
-        if "." in text and "e" not in text:
-            text = text.rstrip("0").rstrip(".")
-        return f"{text} {self.name}".rstrip()
-
-
-def duration_unit(high: float) -> Unit:
-    """The unit for durations up to `high` milliseconds."""
-    return Unit("µs", 1000.0) if high < 1 else Unit("ms") if high < 1000 else Unit("s", 0.001)
-
-
-def size_unit(high: float) -> Unit:
-    """The unit for sizes up to `high` bytes."""
-    power = min(3, max(0, int(math.log2(high or 1) // 10)))
-    return Unit(("bytes", "KB", "MB", "GB")[power], 1024.0 ** -power)
-
-
-def plain_unit(_: float) -> Unit:
-    """Numbers without a unit."""
-    return Unit()
-
-
-def ticks(low: float, high: float, wanted: int = 4) -> list[float]:
-    """Round numbers between low and high, about as many as wanted."""
-    span = high - low
-    if span <= 0 or not math.isfinite(span):
-        return [low]
-    rough = span / wanted
-    magnitude = 10.0 ** math.floor(math.log10(rough))
-    step = next(factor * magnitude for factor in (1, 2, 2.5, 5, 10) if factor * magnitude >= rough)
-    first = math.ceil(low / step - 1e-9)
-    last = math.floor(high / step + 1e-9)
-    return [index * step for index in range(first, last + 1)]
-
-
-def decade_ticks(low: float, high: float, wanted: int = 4) -> list[float]:
-    """Round numbers for a logarithmic axis: powers of ten, or 1, 2 and 5 of each when few fit."""
-    powers = range(math.floor(math.log10(low)), math.ceil(math.log10(high)) + 1)
-    found: list[float] = []
-    for digits in ((1,), (1, 3), (1, 2, 5)):
-        denser = [digit * 10.0 ** power for power in powers for digit in digits
-                  if low <= digit * 10.0 ** power <= high]
-        if not found or len(denser) <= wanted + 1:
-            found = denser
-    return found
+def size_unit(most: float) -> tuple[str, int]:
+    """The unit for sizes up to so many bytes, and how many bytes it has."""
+    power = min(3, max(0, int(math.log2(most or 1) // 10)))
+    return ("bytes", "KB", "MB", "GB")[power], 1024 ** power

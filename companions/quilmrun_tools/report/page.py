@@ -3,22 +3,20 @@
 from __future__ import annotations
 
 import datetime
-import math
 from collections import Counter
-from dataclasses import dataclass
 from pathlib import Path
-from typing import Any
 
 from jinja2 import Environment, FileSystemLoader
 from markupsafe import Markup
 
 from quilmrun_tools import __version__
-from quilmrun_tools.artifacts.record import Call
 from quilmrun_tools.common import units
-from quilmrun_tools.report import charts
-from quilmrun_tools.report.figures import PHASES, Figures, calls_table, figures_of
+from quilmrun_tools.report.charts import Drawings, policy
+from quilmrun_tools.report.drawings import charts_of
+from quilmrun_tools.report.figures import PHASES, calls_table
 from quilmrun_tools.report.run import Run, option
-from quilmrun_tools.report.verdict import Verdict, count, judge, limits_in_words
+from quilmrun_tools.report.side import Side
+from quilmrun_tools.report.verdict import count, limits_in_words
 from quilmrun_tools.report.worst import worst_cases
 
 GENERATOR = "quilmrun-report"
@@ -31,31 +29,6 @@ OPTIONS = [("-m", "Model", ""), ("-i", "List of inputs", ""), ("-j", "Settings o
            ("-r", "RPN data", ""), ("-p", "Profiling", "0")]
 
 
-@dataclass(frozen=True)
-class Side:
-    """A run on the page; `series` chooses its colour."""
-
-    run: Run
-    figures: Figures
-    verdict: Verdict
-    series: int
-
-    @property
-    def label(self) -> str:
-        return self.run.label
-
-    @property
-    def worst_is(self) -> str:
-        worst = self.figures.worst_difference
-        return "–" if worst is None else units.significant(worst)
-
-
-def sides_of(run: Run, other: Run | None) -> list[Side]:
-    """The run that is compared with comes first, as a "before"; the run itself last."""
-    runs = [(run, 0)] if other is None else [(other, 1), (run, 0)]
-    return [Side(each, figures_of(each), judge(each), series) for each, series in runs]
-
-
 def render(sides: list[Side], title: str, most_cases: int) -> str:
     """The whole page."""
     environment = Environment(loader=FileSystemLoader(HERE), autoescape=True, trim_blocks=True,
@@ -64,7 +37,10 @@ def render(sides: list[Side], title: str, most_cases: int) -> str:
                                number=units.significant, percent=units.percent)
     environment.globals.update(change=units.change, count=count, limits_in_words=limits_in_words,
                                tally=lambda lines: Counter(lines).most_common())
-    main = sides[-1]
+    main, drawn = sides[-1], Drawings()
+    drawings = {name: drawn.add(chart) for name, chart in charts_of(sides).items()}
+    cases = worst_cases(main.run, most_cases, drawn)
+    scripts = drawn.scripts()
     return environment.get_template("report.html.j2").render(
         title=title or page_title([side.run for side in sides]),
         generator=f"{GENERATOR} {__version__}",
@@ -72,7 +48,8 @@ def render(sides: list[Side], title: str, most_cases: int) -> str:
         created=datetime.datetime.now().strftime("%d %B %Y, %H:%M").lstrip("0"), sides=sides,
         main=main, other=sides[0] if len(sides) > 1 else None, phases=PHASES,
         calls=calls_table([side.figures for side in sides]),
-        drawings=_drawings(sides), cases=worst_cases(main.run, most_cases),
+        drawings=drawings, cases=cases, drawn=drawn, scripts=scripts,
+        policy=policy(scripts),
         model_difference=model_difference(sides), settings=[_settings(side.run) for side in sides],
         started=_started(main.run))
 
@@ -90,55 +67,6 @@ def _started(run: Run) -> str:
         return ""
     moment = datetime.datetime.fromtimestamp(run.record.start_us / 1e6)
     return moment.strftime("%d %B %Y, %H:%M:%S").lstrip("0")
-
-
-def _drawings(sides: list[Side]) -> dict[str, Markup]:
-    """Histogram, time line, memory and differences; only those for which there is something."""
-    drawn: dict[str, Markup] = {}
-    executions = _per_series(sides, lambda side: _executions(side.run))
-    if any(executions):
-        drawn["histogram"] = charts.histogram(
-            [[call.duration_ms for call in calls[1:] or calls] for calls in executions],
-            _markers(sides),
-            units.duration_unit)
-        drawn["time line"] = charts.dots(
-            [[(call.start_ms, call.duration_ms) for call in calls] for calls in executions],
-            units.duration_unit, units.duration_unit, "Duration of every execution, by its start")
-    memory = _per_series(sides, lambda side: [(point.at_ms, float(point.bytes)) for point in
-                                              (side.run.record.memory if side.run.record else [])])
-    if any(memory):
-        drawn["memory"] = charts.steps(memory, units.duration_unit, units.size_unit,
-                                       "Device memory in use")
-    differences = _per_series(sides, lambda side: [(float(index), value) for index, value
-                                                   in side.figures.differences
-                                                   if math.isfinite(value)])
-    if any(len(points) > 1 for points in differences):
-        limits = (sides[-1].run.comparison or {}).get("limits") or {}
-        drawn["differences"] = charts.dots(differences, units.plain_unit, units.plain_unit,
-                                           "Largest difference by inference",
-                                           level=limits.get("atol"))
-    return drawn
-
-
-def _per_series(sides: list[Side], values: Any) -> list[list]:
-    """The values of every side, the run itself first, as its colours are numbered."""
-    return [values(side) for side in sorted(sides, key=lambda side: side.series)]
-
-
-def _executions(run: Run) -> list[Call]:
-    return run.record.executions if run.record else []
-
-
-def _markers(sides: list[Side]) -> list[charts.Marker]:
-    """Percentiles on the histogram: four of one run, two of each when there are two."""
-    shown = ("p50", "p90", "p95", "p99") if len(sides) == 1 else ("p50", "p99")
-    markers = []
-    for side in sides:
-        for name in shown if side.figures.execute else ():
-            value = getattr(side.figures.execute, name)
-            owner = f"{side.label} " if len(sides) > 1 else ""
-            markers.append(charts.Marker(value, f"{owner}{name} {units.milliseconds(value)}"))
-    return markers
 
 
 def model_difference(sides: list[Side]) -> str:

@@ -13,8 +13,9 @@ from quilmrun_tools.common.parser import Parser
 from quilmrun_tools.common.streams import Streams
 from quilmrun_tools.common.units import change, milliseconds
 from quilmrun_tools.report.figures import as_json
-from quilmrun_tools.report.page import GENERATOR, Side, model_difference, render, sides_of
+from quilmrun_tools.report.page import GENERATOR, model_difference, render
 from quilmrun_tools.report.run import PART_TITLES, USUAL_NAMES, collect
+from quilmrun_tools.report.side import Side, sides_of
 from quilmrun_tools.report.verdict import FAIL
 
 MARKER = f'<meta name="generator" content="{GENERATOR}'.encode()

@@ -10,6 +10,7 @@ import numpy as np
 from markupsafe import Markup
 
 from quilmrun_tools.report import charts
+from quilmrun_tools.report.charts import Chart, Drawings
 from quilmrun_tools.report.pictures import is_picture, thumbnail
 from quilmrun_tools.report.run import Run
 
@@ -48,18 +49,19 @@ class WorstCase:
     remark: str = ""  # why there is no drawing
 
 
-def worst_cases(run: Run, most: int) -> list[WorstCase]:
+def worst_cases(run: Run, most: int, drawn: Drawings) -> list[WorstCase]:
     """The first of the comparison's runs, which come worst first; equal ones are left out."""
     comparison = run.comparison or {}
     cases = [item for item in comparison.get("runs", [])
              if item.get("pass") is False or item.get("max_abs") != 0 or item.get("problem")]
     types = {(item.get("name"), item.get("duplicate", 0)): item.get("type")
              for item in comparison.get("outputs", [])}
-    return [_worst_case(run, item, types.get((item.get("output"), item.get("duplicate", 0))))
+    return [_worst_case(run, item, types.get((item.get("output"), item.get("duplicate", 0))), drawn)
             for item in cases[:most]]
 
 
-def _worst_case(run: Run, item: dict[str, Any], element_type: str | None) -> WorstCase:
+def _worst_case(run: Run, item: dict[str, Any], element_type: str | None,
+                drawn: Drawings) -> WorstCase:
     duplicate = item.get("duplicate") or 0
     name = str(item.get("output", "")) + (f" ({duplicate + 1}.)" if duplicate else "")
     case = WorstCase(int(item.get("index") or 0), name, item.get("pass"), item)
@@ -72,8 +74,10 @@ def _worst_case(run: Run, item: dict[str, Any], element_type: str | None) -> Wor
         case.remark = str(item["problem"])
         return case
     try:
-        _draw(case, _elements(_located(run, "output", item.get("file")), element_type),
-              _elements(_located(run, "reference", item.get("reference_file")), element_type))
+        output = _elements(_located(run, "output", item.get("file")), element_type)
+        reference = _elements(_located(run, "reference", item.get("reference_file")), element_type)
+        case.few = min(output.array.size, reference.array.size) <= FEW
+        case.drawing = drawn.add(_chart(output, reference))
     except (OSError, ValueError) as error:
         case.remark = f"no drawing: {getattr(error, 'strerror', None) or error}"
     return case
@@ -114,13 +118,11 @@ def _elements(path: Path, element_type: str | None) -> Elements:
                     element_type == "half")
 
 
-def _draw(case: WorstCase, output: Elements, reference: Elements) -> None:
+def _chart(output: Elements, reference: Elements) -> Chart:
     count = min(output.array.size, reference.array.size)
     if count <= FEW:
-        case.few = True
-        case.drawing = charts.pairs(output.section(0, count).tolist(),
-                                    reference.section(0, count).tolist())
-        return
+        return charts.pairs(output.section(0, count).tolist(),
+                            reference.section(0, count).tolist())
     lows, highs = [], []
     edges = np.linspace(0, count, min(SECTIONS, count) + 1).astype(int)
     with np.errstate(invalid="ignore", over="ignore"):
@@ -128,4 +130,4 @@ def _draw(case: WorstCase, output: Elements, reference: Elements) -> None:
             difference = output.section(start, end) - reference.section(start, end)
             lows.append(float(difference.min()))
             highs.append(float(difference.max()))
-    case.drawing = charts.envelope(lows, highs, count)
+    return charts.envelope(lows, highs, count)
