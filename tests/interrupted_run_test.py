@@ -65,12 +65,19 @@ class Signals(ScriptedRuntimeTest):
             self.assertTrue(self.calls().endswith("quilm_mdl_unload 77\n"))
 
     def test_two_signals_that_are_one_request(self):
-        # As timeout sends them, to its child and at once to the group that the child is in.
-        self.check_stop("kill quilm_mdl_execute 2 15\n", 2, DUMPED + stopped(2))
+        # As timeout sends them: to its child, and then to the group that the child is in. On a busy
+        # machine the pause may grow beyond what one request takes: then once more.
+        for pause in (0, 4):
+            for _ in range(5):
+                status, out, _ = self.start_scripted(f"kill quilm_mdl_execute 2 15 {pause}\n" + PLAIN,
+                                                     list_text=FOUR)
+                if status == 1:
+                    break
+            self.assertTrue(out.endswith(DUMPED + stopped(2)), out)
         self.setUp()
-        twice = "run quilm_mdl_execute 2 kill -{0} $PPID; sleep 0.1; kill -{0} $PPID\n"
-        self.check_stop(twice.format("HUP"), 2, DUMPED + stopped(2))
-        status, _, _ = self.start_scripted(twice.format("TERM") + PLAIN, list_text=FOUR)
+        self.check_stop("kill quilm_mdl_execute 2 1 40\n", 2, DUMPED + stopped(2))
+        status, _, _ = self.start_scripted("kill quilm_mdl_execute 2 15 25\n" + PLAIN,
+                                           list_text=FOUR)
         self.assertEqual(status, -signal.SIGTERM)
 
     def test_signals_that_do_not_end_a_run(self):
@@ -118,6 +125,11 @@ class StandardStreams(ScriptedRuntimeTest):
         self.assertEqual((status, out), (0, ""))
         self.assertNotIn("[INFO]", self.calls())
         self.assertEqual(groups_of(self.outputs()), [0, 1, 2, 3])
+
+
+    def test_text_of_the_library_keeps_its_place(self):
+        _, out = self.run_scripted("print quilm_init 1 no newline;\n" + PLAIN)
+        self.assertIn("open failed!\nno newline;/proc", out)
 
 
 class OutputDirectory(ScriptedRuntimeTest):

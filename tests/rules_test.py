@@ -7,8 +7,9 @@ import time
 import unittest
 import unittest.mock
 
-from scripted import FAILURE, PLAIN, SUCCESS, TASK_AND_WORK, ScriptedRuntimeTest
-from tool import NO_MEDIA_MEMORY, TEARDOWN, ToolTest
+from scripted import (FAILURE, PLAIN, SCRIPTED_RUNTIME, SUCCESS, TASK_AND_WORK,
+                      ScriptedRuntimeTest)
+from tool import CSV_HEADER, NO_MEDIA_MEMORY, TEARDOWN, ToolTest
 
 RPN = PLAIN.replace("input task", "input r 0 32 32 {}\ninput task")
 NOT_DONE = "[ERROR] Set rpn data failed\n" + FAILURE
@@ -46,6 +47,10 @@ class Options(ToolTest):
     def test_paths(self):
         refused = "[ERROR] inputPath size = {}, out of range (0, 4096] error\n"
         fails = "[ERROR] realpath fail, input: {}\n"
+        # The lines of these three are one less, as long as, and one more than what is printed at once.
+        for size in (2027, 2028, 2029):
+            path = "/" + (size - 1) * "p"
+            self.assertIn(f"[INFO]  inputPath: {path}\n", self.run_tool("-m", path)[1])
         for path, said in ((LONGEST + "x", refused.format(4097)), (LONGEST, fails.format(LONGEST)),
                            ("no/such", ""), ("/dev/null/x", fails.format("/dev/null/x"))):
             _, out, _ = self.run_tool("-m", path)
@@ -115,6 +120,31 @@ class Rules(ScriptedRuntimeTest):
             self.assertTrue(least <= float(values[2]) < most, values)
             stamps = [int(path.name.split(".")[2]) for path in self.dir.glob("out/*/*")]
             self.assertTrue(before <= max(stamps) <= time.time_ns() // 1000, stamps)
+
+    def test_every_figure_of_the_report_stands_in_its_column(self):
+        status, out, _ = self.run_tool(*self.arguments(
+            "run quilm_rt_malloc 1 sleep 0.05\nrun quilm_mdl_load_from_mem 1 sleep 0.4\n"
+            "run quilm_mdl_execute 1 sleep 0.15\n"
+            "input x 4 16 8 2 4\ninput task 4 1024 8 1 8\ninput work 4 2048 16 1 16\n"
+            "output y 4 3072 8 2 4\noutput z 4 1024 8 2 4\n", "-p", "1"), library=SCRIPTED_RUNTIME,
+            mask=False)
+        self.assertEqual(status, 0)
+        load, read, execute, *rest = (self.dir / "memory_data.csv").read_text().split("\n")[1].split(",")
+        self.assertEqual(rest, ["0.016", "1.000", "4.000", "2.000", "0.005", "0"])
+        for line in (f"Read Model File Time:      {read} ms", f"Model Load Time:           {load} ms",
+                     f"Model Execute Time:        {execute} ms", "Input Size:                0.016 KB.",
+                     "Task Buffer Size:          1.000 KB.", "Work Buffer Size:          2.000 KB.",
+                     "Output Size:               4.000 KB.", "Om Size:                   0.005 KB."):
+            self.assertIn(f"[INFO]  {line}\n", out)
+        self.assertTrue(float(load) >= 400 > float(read) >= 50 > float(execute) >= 150 / 21,
+                        (load, read, execute))
+
+    def test_a_report_goes_into_a_pipe_that_is_read(self):
+        os.mkfifo(self.dir / "memory_data.csv")
+        reader = os.open(self.dir / "memory_data.csv", os.O_RDONLY | os.O_NONBLOCK)
+        self.addCleanup(os.close, reader)
+        self.check(0, SUCCESS, PLAIN)
+        self.assertRegex(os.read(reader, 4096).decode(), f"^{re.escape(CSV_HEADER)}[0-9.,]+,0\n$")
 
     def test_a_model_file_that_disappears_while_it_is_loaded(self):
         self.check(1, f"[ERROR] open file $D/m.om failed\n{NO_MEDIA_MEMORY}"

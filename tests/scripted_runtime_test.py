@@ -68,10 +68,28 @@ quilm_finalize
 """)
 
 
+    def test_what_a_failed_call_hands_out_all_the_same_is_not_released(self):
+        for create, said, release in (
+                ("create_context", "quilm create context failed", "destroy_context"),
+                ("create_stream", "quilm create stream failed", "destroy_stream"),
+                ("malloc", "malloc device buffer failed. size is 5", "free")):
+            status, out, err = self.start_scripted(f"claim quilm_rt_{create} 1 7\n" + PLAIN)
+            self.assertEqual(status, 1)
+            self.assertIn(f"[ERROR] {said}\n", out)
+            self.assertRegex(err, "^host runtime: still there at quilm_finalize: 1 x ")
+            self.assertNotIn(f"quilm_rt_{release}\n", self.calls())
+
+
 class Descriptions(ScriptedRuntimeTest):
     def test_info_block(self):
-        _, out = self.run_scripted("input * 4 16 8 2 4\n" + TASK_AND_WORK + "output y -1 16 8\n", "-b",
-                              "3")
+        named = "input * 4 16 8 2 4\n", f"input {'m' * 127} 4 16 8 2 4\n"
+        _, out = self.run_scripted(
+            "".join(named) + TASK_AND_WORK + "output y -1 16 8\noutput z 4 8 8 7\n"
+            "fail quilm_mdl_get_input_dims 3 0\n", "-b", "3",  # claims to have filled it in
+            list_text=f"{'m' * 127}:x.bin\n{'n' * 128}:x.bin\n")
+        self.assertIn(f"[INFO]  inputPath: ./x.bin\n" * 2, out)
+        self.assertIn(f"[INFO]  Input index: 1, name: {'m' * 127}\n", out)
+        self.assertIn("[INFO]  Input index: 2, name: \n[INFO]  Shape: []\n", out)
         self.assertIn(f"""\
 [INFO]  Input index: 0, name: {'n' * 128}
 [INFO]  Shape: [2, 4, ]
@@ -145,6 +163,11 @@ class Descriptions(ScriptedRuntimeTest):
         self.check(0, SUCCESS, recurrent, "-b", "4", data=frames, list_text="x.bin\nx.bin\n")
         self.assertIn("quilm_mdl_set_total_t 77 3\n", self.calls())
         self.assertIn("quilm_mdl_set_dynamic_batch_size 77 0 1\n", self.calls())
+        third = "input rest 4 16 8 2 4\n"  # staged as the inputs of other models are
+        _, out = self.run_scripted(recurrent.replace("input task", third + "input task"),
+                                   data=bytes(8), list_text="x.bin\n" * 3)
+        self.assertEqual(out.count("The shape of the model is [2,4]\n"), 1)
+        self.assertEqual(out.count("The shape of the model is"), 1)
         too_many = "[ERROR] Current number of frames[{}] must be smaller than the " \
                    "recurrent_max_total_t[{}]\n"
         self.check(1, too_many.format(5, 4) + STAGING_FAILED,
@@ -184,10 +207,12 @@ class Outputs(ScriptedRuntimeTest):
                                  "".join(f"{v:.16f}\n" for v in values))
                 self.assertIn(f"[INFO]  The value of quilm_data_type is [{code % 2**32}]\n", out)
 
-    def test_run_directory_is_open_to_the_group(self):
+    def test_what_is_made_is_open_to_as_many_as_the_mask_allows(self):
         self.addCleanup(os.umask, os.umask(0))
         self.dump("output y 4 16 8 2 4\n")
-        self.assertEqual(os.stat(self.dir / "out/0").st_mode & 0o777, 0o775)
+        made = [self.dir / "memory_data.csv", *(self.dir / "out").rglob("*")]
+        self.assertEqual([path.stat().st_mode & 0o777 for path in made],
+                         [0o666, 0o775, 0o666, 0o666])
 
     def test_names(self):
         _, files = self.dump("output - 4 16 8 2 4\noutput . 4 16 8 2 4\noutput a/b\\c.d 4 16 8 2 4\n"
@@ -287,6 +312,8 @@ class RpnData(ScriptedRuntimeTest):
         # The stride of 18 bytes is rounded down to 16, four floats.
         rows = b"".join(struct.pack("<4f", 3 * r + 1, 3 * r + 2, 3 * r + 3, 0) for r in range(4))
         self.assertEqual(self.buffers()[1], ("72/18", (rows + bytes(8)).hex()))
+        # Which is all that the last row needs of its own.
+        self.check(0, SUCCESS, self.MULTI.replace("72 18", "60 18"), "-r", "multi")
         # Where rows overlap, the later one counts.
         self.check(0, SUCCESS, self.MULTI.replace("72 18", "72 8"), "-r", "multi")
         rows = struct.pack("<9f", 1, 2, 4, 5, 7, 8, 10, 11, 12)
@@ -306,8 +333,8 @@ class RpnData(ScriptedRuntimeTest):
             ("1 2 3 4", self.SINGLE.replace("1 4", "1 1 4"),
              "[ERROR] quilm_mdl_get_input_dims rpn_data error!\n"),
             ("1,2,3,4", self.SINGLE, "[ERROR] read rpn para error\n"),
-            (" ".join("1" * 12), self.MULTI.replace("72 18", "40 18"),
-             "[ERROR] rpn data of 12 values needs 60 bytes, its buffer holds 40\n"
+            (" ".join("1" * 12), self.MULTI.replace("72 18", "59 18"),
+             "[ERROR] rpn data of 12 values needs 60 bytes, its buffer holds 59\n"
              "[ERROR] SetDetParas error\n"),
             (" ".join("1" * 12), self.MULTI.replace("72 18", f"72 {2**31}"),
              "[ERROR] rpn data of 12 values needs 13835058055282163721 bytes, its buffer holds 72\n"
@@ -332,9 +359,10 @@ class RpnData(ScriptedRuntimeTest):
         self.write("bad", "1 2 3")
         self.check(1, "[ERROR] Set rpn data failed\n" + FAILURE, two, "-r", "good,bad")
         self.assertEqual(self.calls().count("quilm_create_data_buffer"), 2)  # output and data
-        self.check(0, SUCCESS, two, "-r", "better,good")
-        self.assertEqual([content[:8] for _, content in self.buffers()[1:3]],
-                         [struct.pack("<f", v).hex() for v in (5, 1)])
+        _, out = self.run_scripted(two, "-r", "better,good")
+        self.assertIn("Model inputNum: 1\n", out)
+        self.assertEqual([content[:8] for _, content in self.buffers()[1:]],
+                         [struct.pack("<f", v).hex() for v in (5, 1)] + ["00000000"] * 2)
 
 
 if __name__ == "__main__":

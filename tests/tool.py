@@ -60,14 +60,15 @@ class ToolTest(unittest.TestCase):
         path.write_bytes(content.encode() if isinstance(content, str) else bytes(content))
         return str(path)
 
-    def run_tool(self, *arguments, library=None, within=(), **options):
+    def run_tool(self, *arguments, library=None, within=(), mask=True, **options):
         """Runs the tool in the test's directory, by the command `within` if any; returns (status,
-        masked stdout, stderr)."""
+        stdout, masked unless told otherwise, stderr)."""
         environment = dict(os.environ, **({"LD_LIBRARY_PATH": library} if library else {}))
         result = subprocess.run([*within, os.path.abspath(QUILMRUN), *map(str, arguments)],
                                 cwd=self.dir, env=environment, timeout=120, check=False,
                                 capture_output=True, **options)
-        return result.returncode, self.mask(result.stdout.decode(errors="surrogateescape")), \
+        out = result.stdout.decode(errors="surrogateescape")
+        return result.returncode, self.mask(out) if mask else out, \
             result.stderr.decode(errors="surrogateescape").replace(str(self.dir), "$D")
 
     def own_mounts(self, before, after=""):

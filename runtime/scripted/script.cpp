@@ -3,12 +3,14 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <clocale>
 #include <csignal>
 #include <cstdlib>
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
+#include <thread>
 
 Script script;
 int callsInProgress = 1;
@@ -56,16 +58,28 @@ std::string MakeUsualSettings() {
   return write(file, "{}", 2) == 2 ? "/proc/self/fd/" + std::to_string(file) : "";
 }
 
-void Happen(const std::string& kind, const std::string& what) {
+// "NUMBER MS"
+void SendTwice(const std::string& numberAndPause) {
+  std::istringstream words(numberAndPause);
+  int number = 0;
+  int pauseMs = 0;
+  words >> number >> pauseMs;
+  kill(getpid(), number);
+  std::this_thread::sleep_for(std::chrono::milliseconds(pauseMs));
+  kill(getpid(), number);
+}
+
+void PerformOne(const std::string& kind, const std::string& what) {
   if (kind == "run" && std::system(what.c_str()) != 0) {
     std::fprintf(stderr, "scripted runtime: %s failed\n", what.c_str());
   } else if (kind == "locale" && std::setlocale(LC_ALL, what.c_str()) == nullptr) {
     std::fprintf(stderr, "scripted runtime: there is no locale %s\n", what.c_str());
+  } else if (kind == "print") {
+    std::fputs(what.c_str(), stdout);
   } else if (kind == "signal") {
     std::raise(std::stoi(what));
   } else if (kind == "kill") {
-    kill(getpid(), std::stoi(what));
-    kill(getpid(), std::stoi(what));
+    SendTwice(what);
   } else if (kind == "throw" && what == "int") {
     throw 1;
   } else if (kind == "throw") {
@@ -91,24 +105,19 @@ long NumberOr(const char* key, long fallback) {
   return found == script.numbers.end() ? fallback : found->second;
 }
 
-bool TakeEvent(const char* function, long& code) {
+const Event& NextEvent(const char* function) {
+  static const Event kNothing;
   auto found = script.events.find({function, ++script.calls[function]});
   if (found == script.events.end()) {
     found = script.events.find({function, 0});
   }
-  if (found == script.events.end()) {
-    return false;
-  }
-  const std::map<std::string, std::string>& event = found->second;
-  for (const char* kind : {"run", "locale", "signal", "kill", "throw"}) {
+  return found == script.events.end() ? kNothing : found->second;
+}
+
+void Perform(const Event& event) {
+  for (const char* kind : {"run", "locale", "print", "signal", "kill", "throw"}) {
     if (const auto due = event.find(kind); due != event.end()) {
-      Happen(kind, due->second);
+      PerformOne(kind, due->second);
     }
   }
-  const auto fails = event.find("fail");
-  if (fails == event.end()) {
-    return false;
-  }
-  code = std::stol(fails->second);
-  return true;
 }

@@ -15,10 +15,12 @@
 //
 //   run FUNCTION N COMMAND        a shell command is run
 //   locale FUNCTION N NAME        the process gets this locale
+//   print FUNCTION N TEXT         the text goes to standard output through stdio, without a newline
 //   signal FUNCTION N NUMBER      a signal interrupts the call
-//   kill FUNCTION N NUMBER        ... two, as if another process had sent them
+//   kill FUNCTION N NUMBER MS     two signals do, MS apart, as if another process had sent them
 //   throw FUNCTION N TYPE         an exception leaves the call: an "int", or an "error"
 //   fail FUNCTION N CODE          the call returns CODE (0: null) and does nothing
+//   claim FUNCTION N CODE         the call is made, and returns CODE all the same
 #ifndef QUILMRUN_RUNTIME_SCRIPTED_SCRIPT_H_
 #define QUILMRUN_RUNTIME_SCRIPTED_SCRIPT_H_
 
@@ -38,14 +40,16 @@ struct ScriptedTensor {
   std::vector<int64_t> dims;
 };
 
+/// What is due at a call: {"signal", "15"}, ... Empty when nothing is.
+using Event = std::map<std::string, std::string>;
+
 struct Script {
   std::FILE* log = nullptr;
   std::string settings;
   std::vector<ScriptedTensor> inputs;
   std::vector<ScriptedTensor> outputs;
-  std::map<std::string, long> numbers;  // dim_count, net_type, ...
-  // What happens, by function and call: {"signal", "15"}, ...
-  std::map<std::pair<std::string, int>, std::map<std::string, std::string>> events;
+  std::map<std::string, long> numbers;                  // dim_count, net_type, ...
+  std::map<std::pair<std::string, int>, Event> events;  // by function and call
   std::map<std::string, int> calls;
   std::map<const void*, size_t> strides;  // bytes, by the memory of a data buffer
 };
@@ -60,7 +64,10 @@ bool ReadScript(const char* path);
 
 long NumberOr(const char* key, long fallback);
 
-/// Counts the call and does what is due at it; true when it is to return `code` at once.
-bool TakeEvent(const char* function, long& code);
+/// Counts the call; returns what is due at it.
+const Event& NextEvent(const char* function);
+
+/// Does what is due but for the results of the call.
+void Perform(const Event& event);
 
 #endif  // QUILMRUN_RUNTIME_SCRIPTED_SCRIPT_H_

@@ -23,11 +23,11 @@ __attribute__((constructor)) void Open() {
   callsInProgress = 0;
 }
 
-struct Within {
-  Within() { ++callsInProgress; }
-  ~Within() { --callsInProgress; }
-  Within(const Within&) = delete;
-  Within& operator=(const Within&) = delete;
+struct CallInProgress {
+  CallInProgress() { ++callsInProgress; }
+  ~CallInProgress() { --callsInProgress; }
+  CallInProgress(const CallInProgress&) = delete;
+  CallInProgress& operator=(const CallInProgress&) = delete;
 };
 
 const ScriptedTensor& At(const std::vector<ScriptedTensor>& tensors, size_t index) {
@@ -223,24 +223,34 @@ void LogCall(const char* function, Arguments... arguments) {
   }
 }
 
+template <typename Result>
+Result CodeAs(const std::string& code) {
+  if constexpr (std::is_pointer_v<Result>) {
+    return nullptr;
+  } else {
+    return static_cast<Result>(std::stol(code));
+  }
+}
+
 template <Id kId, typename... Arguments>
 ResultOf<kId> Handle(Tag<kId> call, Arguments... arguments) {
-  const Within within;
+  const CallInProgress inProgress;
   if constexpr (kId == Id::quilm_init) {
     if (!ReadScript(arguments...)) {
       return 1;
     }
   }
   LogCall(call.kName, arguments...);
-  long answer = 0;
-  if (!TakeEvent(call.kName, answer)) {
-    return Answer(call, arguments...);
+  const Event& event = NextEvent(call.kName);
+  Perform(event);
+  if (const auto failure = event.find("fail"); failure != event.end()) {
+    return CodeAs<ResultOf<kId>>(failure->second);
   }
-  if constexpr (std::is_pointer_v<ResultOf<kId>>) {
-    return nullptr;
-  } else {
-    return static_cast<ResultOf<kId>>(answer);
+  if (const auto claim = event.find("claim"); claim != event.end()) {
+    Answer(call, arguments...);
+    return CodeAs<ResultOf<kId>>(claim->second);
   }
+  return Answer(call, arguments...);
 }
 
 }  // namespace
