@@ -1,4 +1,5 @@
-// Where exceptions end: memory that runs out, and whatever the runtime library throws.
+// The place where exceptions end: memory has run out, or the runtime library has thrown something.
+// Everything above it works with statuses.
 #ifndef QUILMRUN_APP_ATTEMPT_H_
 #define QUILMRUN_APP_ATTEMPT_H_
 
@@ -10,7 +11,7 @@
 
 namespace quilmrun {
 
-/// The result of `step`; kFailure, after a report, when an exception of any type comes out of it.
+/// Calls `step` and returns its result. An exception of any type is reported and becomes kFailure.
 template <typename Step>
 int Attempt(const Step& step) {
   try {

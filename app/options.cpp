@@ -13,8 +13,9 @@
 namespace quilmrun {
 namespace {
 
-// Words that are no options are ignored wherever they stand. The "-" has getopt() hand each of them
-// out as an option of the letter kWord, whatever the environment says about their order.
+// Words that are no options are ignored wherever they stand. The leading "-" makes getopt() return
+// each of them as an option of the letter kWord. Without it, the variable POSIXLY_CORRECT would
+// make the first word end the scan.
 constexpr char kOptionString[] = "-m:i:j:t:b:r:p:o:";
 constexpr int kWord = 1;
 
@@ -80,7 +81,7 @@ void StoreOption(int letter, RunOptions& options) {
 }  // namespace
 
 void ParseOptions(RunOptions& options, int argc, char** argv) {
-  optind = 0;  // makes getopt() forget an earlier command line, and read its environment again
+  optind = 0;  // makes getopt() start anew, also when a test has used it before
   int letter = 0;
   while (options.numbersValid && (letter = getopt(argc, argv, kOptionString)) != -1) {
     if (letter != kWord) {

@@ -31,12 +31,13 @@ struct ResolvedPaths {
 };
 
 /// Fills `options` from the command line; an option given twice keeps its last value. Echoes -t and
-/// -b. A word it does not know gets the usage line and is passed over. A value of -t, -b or -p that
-/// is no signed 32-bit number is reported, ends the scan and clears numbersValid.
+/// -b. Prints the usage line for an option that it does not know or that lacks its value, and goes
+/// on. Reports a value of -t, -b or -p that is no signed 32-bit number, clears numbersValid and
+/// stops there.
 void ParseOptions(RunOptions& options, int argc, char** argv);
 
 /// Resolves the paths in `options` into `paths` and reads the list file. Fails at the first path of
-/// bad length, or at once when a number was bad; the failing step has printed why.
+/// bad length, and at once when a number was bad. The step that failed has printed the reason.
 int CheckOptions(const RunOptions& options, ResolvedPaths& paths);
 
 }  // namespace quilmrun

@@ -16,8 +16,8 @@
 namespace quilmrun {
 namespace {
 
-// Replaces every path by its resolved form; stops at the first of bad length. Once a signal has
-// asked to stop, no group runs any more, and the rest of a list that may be long stays as it is.
+// Replaces every path by its resolved form; stops at the first of bad length. A list may be long,
+// and no group runs once a signal has asked to stop: the rest of the list then stays as it is.
 int ResolvePaths(std::vector<std::string>& paths) {
   for (std::string& path : paths) {
     if (StopSignalReceived()) {
@@ -55,7 +55,7 @@ int SampleProcess::RunModel(ModelProcess& model) {
     LogError("execute LoadModelFromFileWithMem failed");
     return kFailure;
   }
-  // The paths are shown and checked even when there is no description.
+  // A missing description is reported below: the paths are shown and checked in any case.
   const int descResult = model.CreateDesc(inputNames);
   GroupInputsByName(inputFiles, inputNames);
   if (ResolvePaths(inputFiles) != kSuccess) {

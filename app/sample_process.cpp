@@ -1,4 +1,4 @@
-// Start and teardown of the runtime, and a whole run between them.
+// Starts the runtime, tears it down, and puts a whole run between the two.
 #include "app/sample_process.h"
 
 #include <utility>
@@ -16,12 +16,13 @@
 namespace quilmrun {
 namespace {
 
-// Everything before the last separator; a path without one counts as a directory itself.
+// The report stands beside the configuration. A path without a separator is taken as a directory
+// itself, and a backslash counts as one too.
 std::string ReportPath(const std::string& quilmJsonPath) {
   return quilmJsonPath.substr(0, quilmJsonPath.find_last_of("/\\")) + "/memory_data.csv";
 }
 
-// Destroys what `handle` holds, if anything, and empties it.
+// Destroys what `handle` holds, if anything, and empties it first: nobody can use it a second time.
 void DestroyHandle(void*& handle, quilm_error (*destroy)(void*), const char* name) {
   void* const held = std::exchange(handle, nullptr);
   if (held != nullptr && Release([=] { return destroy(held); }) != 0) {
@@ -76,7 +77,7 @@ int SampleProcess::InitResource(const std::vector<std::string>& rpnFiles, uint32
 
 int SampleProcess::CreateExecutionResources() {
   if (quilm_rt_create_context(&context, deviceId) != 0) {
-    context = nullptr;
+    context = nullptr;  // a library may set it and fail all the same
     LogError("quilm create context failed");
     return kFailure;
   }

@@ -18,7 +18,7 @@ class ModelProcess;
 /// down when destroyed. At most one per process: the runtime can be initialised only once.
 class SampleProcess {
  public:
-  /// Copies its arguments; touches nothing.
+  /// Keeps its arguments; calls nothing of the runtime.
   SampleProcess(std::string modelPath, std::vector<std::string> inputFiles,
                 std::string quilmJsonPath, std::string outputPath);
   /// Runs DestroyResource().
@@ -26,8 +26,8 @@ class SampleProcess {
   SampleProcess(const SampleProcess&) = delete;
   SampleProcess& operator=(const SampleProcess&) = delete;
 
-  /// Initialises the runtime, opens the device and creates context and stream. On failure whatever
-  /// exists by then stays for DestroyResource().
+  /// Initialises the runtime, opens the device and creates context and stream. After a failure,
+  /// DestroyResource() releases whatever exists by then.
   int InitResource(const std::vector<std::string>& rpnFiles, uint32_t batchSize, int32_t nlpTotalT,
                    uint32_t profile);
 
@@ -36,14 +36,14 @@ class SampleProcess {
   int Process();
 
  private:
-  /// Releases what exists, each step whatever became of the one before, then makes the reports.
-  /// Needs no memory, and lets no exception out.
+  /// Releases what exists and makes the reports. A step that fails does not keep the next ones from
+  /// running. Needs no memory, and lets no exception out.
   void DestroyResource();
 
   /// Creates context and stream and checks the run mode.
   int CreateExecutionResources();
 
-  /// Process() for a given model, whose destruction follows every way out.
+  /// Process() for a given model, which is destroyed whichever way this ends.
   int RunModel(ModelProcess& model);
 
   /// Cuts the input files into groups, one file per data input, and runs them in order. Fails when
@@ -66,12 +66,12 @@ class SampleProcess {
   uint32_t profile = 0;  // 1 means on
   quilm_rt_context context = nullptr;
   quilm_rt_stream stream = nullptr;
-  std::string reportPath_;  // built at the start, since the teardown may find no memory for it
+  std::string reportPath_;  // built at the start: the teardown may find no memory for it
 };
 
 /// Performs one complete run, teardown and reports included; returns the exit status. A signal that
-/// asks to stop ends the run after the inference in progress, as a failure if groups are left out.
-/// Takes the paths over: a list of input files may be long, and is kept once.
+/// asks to stop ends the run after the inference in progress; the run has failed if groups are
+/// left. Takes over the paths: a list of input files may be long, and is kept once.
 int RunSample(const RunOptions& options, ResolvedPaths paths);
 
 }  // namespace quilmrun

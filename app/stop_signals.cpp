@@ -18,11 +18,12 @@ int64_t MonotonicMs() {
   return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000;
 }
 
+// Only kill() and its like send one request twice. A key that is pressed again is meant.
 bool IsSameRequest(const siginfo_t& info) {
   return info.si_code == SI_USER && MonotonicMs() - receivedMs < kSameRequestMs;
 }
 
-// Calls nothing but what a signal handler may.
+// Runs as a signal handler, and calls only functions that may be called there.
 void NoteSignal(int number, siginfo_t* info, void*) {
   if (received == 0) {
     receivedMs = MonotonicMs();
@@ -48,7 +49,7 @@ void IgnoreWriteSignals() {
 void CatchStopSignals() {
   struct sigaction action {};
   action.sa_sigaction = NoteSignal;
-  // The runtime's system calls go on as if nothing had happened.
+  // SA_RESTART: the runtime's system calls go on as if nothing had happened.
   action.sa_flags = SA_SIGINFO | SA_RESTART;
   for (const int number : {SIGINT, SIGTERM, SIGQUIT, SIGHUP, SIGXCPU}) {
     if (!IsIgnored(number)) {

@@ -1,20 +1,20 @@
-// Signals that ask the process to end. An accelerator whose runtime nobody finalised stays
-// initialised, so none of them may end a run before its teardown.
+// Signals that ask the process to end. The first one may not end a run before its teardown: an
+// accelerator stays initialised until its runtime is finalised.
 #ifndef QUILMRUN_APP_STOP_SIGNALS_H_
 #define QUILMRUN_APP_STOP_SIGNALS_H_
 
 namespace quilmrun {
 
-/// From here on a write that nobody reads, or beyond the largest size of a file, fails instead of
-/// ending the process (SIGPIPE, SIGXFSZ).
+/// Makes a write fail that nobody reads, or that exceeds the largest size of a file. Otherwise
+/// SIGPIPE or SIGXFSZ would end the process.
 void IgnoreWriteSignals();
 
-/// From here on the first SIGINT, SIGTERM, SIGQUIT, SIGHUP or SIGXCPU is only noted, and another
-/// SIGINT, SIGTERM or SIGQUIT ends the process at once. One that another process sends within
-/// kSameRequestMs counts as the first again: timeout, for one, signals both its child and the group
-/// that the child is in. A SIGHUP never ends the process, since a terminal that goes away may send
-/// several, nor does a SIGXCPU, which comes every second once the time is used up. A signal that
-/// the parent has set to be ignored, as nohup does, stays ignored.
+/// From here on, the first SIGINT, SIGTERM, SIGQUIT, SIGHUP or SIGXCPU is only noted. Another
+/// SIGINT, SIGTERM or SIGQUIT ends the process at once, unless another process sends it within
+/// kSameRequestMs of the first: timeout, for one, signals its child and then the group that the
+/// child is in. SIGHUP never ends the process, since a terminal that goes away may send several.
+/// Nor does SIGXCPU, which comes every second once the time is used up. A signal that the parent
+/// has set to be ignored, as nohup does, stays ignored.
 void CatchStopSignals();
 
 constexpr int kSameRequestMs = 20;

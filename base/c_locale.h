@@ -1,4 +1,5 @@
-// Numbers in files and messages have a point, whatever locale a library has put the process into.
+// Keeps the point in the numbers of files and messages, whatever locale a library puts the process
+// into.
 #ifndef QUILMRUN_BASE_C_LOCALE_H_
 #define QUILMRUN_BASE_C_LOCALE_H_
 
@@ -6,7 +7,8 @@
 
 namespace quilmrun {
 
-/// While one lives, printf() and strtof() follow the C locale in this thread. Needs no memory.
+/// Makes printf() and strtof() follow the C locale in this thread, as long as the object lives.
+/// Needs no memory.
 class CLocale {
  public:
   CLocale() : previous_(uselocale(newlocale(LC_ALL_MASK, "C", nullptr))) {}

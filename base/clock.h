@@ -9,8 +9,8 @@ namespace quilmrun {
 /// Microseconds since the epoch.
 uint64_t GetTimeStampUs();
 
-/// Milliseconds since the epoch, with fractions down to the microsecond. Elapsed times are the
-/// difference of two readings.
+/// Milliseconds since the epoch, with fractions down to the microsecond. The difference of two
+/// readings is an elapsed time.
 double NowMs();
 
 }  // namespace quilmrun

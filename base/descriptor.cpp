@@ -31,7 +31,7 @@ iovec* DropFilled(iovec* piece, size_t size) {
   return piece;
 }
 
-// `isToBeTriedAgain` decides after a write that failed.
+// Calls `isToBeTriedAgain` after every write that failed, and gives up when it returns false.
 template <typename Decide>
 bool WriteAll(int number, const void* source, size_t size, const Decide& isToBeTriedAgain) {
   size_t done = 0;
@@ -47,7 +47,7 @@ bool WriteAll(int number, const void* source, size_t size, const Decide& isToBeT
   return true;
 }
 
-// After a write that failed; false when waiting would not help.
+// Waits after a write that failed. False when waiting would not help.
 bool WaitUntilWritable(int number) {
   if (errno != EAGAIN && errno != EWOULDBLOCK) {
     return false;
@@ -67,7 +67,9 @@ Descriptor::~Descriptor() {
 
 void Descriptor::Close() {
   if (IsOpen()) {
-    close(std::exchange(number_, -1));  // closed even when it says that it was interrupted
+    // The descriptor is closed even when close() reports an interruption, so that a second try
+    // could close a file that has been opened meanwhile.
+    close(std::exchange(number_, -1));
   }
 }
 

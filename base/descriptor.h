@@ -1,5 +1,5 @@
-// A file as the operating system knows it. Everything the tool reads in bulk or writes goes through
-// here, so that interrupted system calls, and those that do only a part, are dealt with once.
+// A file as the operating system knows it. All bulk reads and all writes of the tool go through
+// here. The system may interrupt a call, or do only a part of it; this file alone deals with both.
 #ifndef QUILMRUN_BASE_DESCRIPTOR_H_
 #define QUILMRUN_BASE_DESCRIPTOR_H_
 
@@ -11,25 +11,25 @@
 
 namespace quilmrun {
 
-/// Writes all `size` bytes to the descriptor `number`. Where it is non-blocking and takes no more
-/// for the time being, waits until it does. False, with errno set, when it takes no more at all.
+/// Writes all `size` bytes to the descriptor `number`. Waits while a non-blocking one is full.
+/// False, with errno set, when it takes no more at all.
 bool WriteWaiting(int number, const void* source, size_t size);
 
 /// Owns a file descriptor and closes it when destroyed. Has no buffer: bytes go straight between
 /// the file and where the caller has or wants them. Prints nothing.
 class Descriptor {
  public:
-  /// Opens `path` as open() does; a file that `flags` create gets `mode`, less the umask. Not
-  /// handed on to other programs.
+  /// Opens `path` as open() does; a file that `flags` create gets `mode`, less the umask. Child
+  /// programs do not inherit the descriptor.
   Descriptor(const std::string& path, int flags, mode_t mode = 0);
   ~Descriptor();
   Descriptor(const Descriptor&) = delete;
   Descriptor& operator=(const Descriptor&) = delete;
 
-  /// When false, errno said why right after the construction.
+  /// When this is false right after the construction, errno says why.
   bool IsOpen() const { return number_ >= 0; }
 
-  /// The system's number for it; stays owned. REQUIRES, like all below: IsOpen().
+  /// The system's number for the file, which stays owned. REQUIRES, like all below: IsOpen().
   int Number() const { return number_; }
 
   /// Fills `size` bytes at `target`; returns how many the file still had.
@@ -44,7 +44,7 @@ class Descriptor {
   /// set, when it takes no more.
   bool Write(const void* source, size_t size) const;
 
-  /// Closes the file before the descriptor's end; IsOpen() is false from then on.
+  /// Closes the file ahead of the destruction; IsOpen() is false from then on.
   void Close();
 
  private:

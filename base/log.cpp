@@ -17,20 +17,21 @@
 namespace quilmrun {
 namespace {
 
-// Most lines fit a buffer of this size, so that printing them takes no memory.
+// Most lines fit a buffer of this size. Printing them allocates nothing, so that messages still
+// appear when memory has run out.
 constexpr size_t kUsualSize = 2048;
 
-// `line` has one more character than `size`, for the newline. Standard output may be non-blocking,
-// and stdio would drop what it does not take at once. What the runtime library has left in stdio
-// comes first.
+// Replaces the character at `size` by the newline and writes the line. The runtime library may have
+// left text in stdio, which belongs before this line. The line itself bypasses stdio, which would
+// drop the rest of it where standard output is non-blocking and full.
 void WriteLine(char* line, size_t size) {
   line[size] = '\n';
   std::fflush(stdout);
   WriteWaiting(STDOUT_FILENO, line, size + 1);
 }
 
-// Returns the characters that the line has without its newline; `line` holds `room - 1` of them at
-// most.
+// Returns how many characters the whole line has, without a newline. `line` receives at most
+// `room - 1` of them.
 __attribute__((format(printf, 4, 0))) size_t FormatLine(char* line, size_t room, const char* prefix,
                                                         const char* format, va_list arguments) {
   const size_t prefixSize = std::strlen(prefix);
@@ -52,14 +53,15 @@ __attribute__((format(printf, 2, 0))) void PrintLine(const char* prefix, const c
     FormatLine(large.get(), size + 1, prefix, format, again);
     WriteLine(large.get(), size);
   } else {
-    WriteLine(usual, std::min(size, sizeof(usual) - 1));  // cut when there is no memory for more
+    WriteLine(usual, std::min(size, sizeof(usual) - 1));  // cut, when there is no memory for more
   }
   va_end(again);
 }
 
 }  // namespace
 
-// A variadic function cannot forward its arguments; only this much has to be said per level.
+// A variadic function cannot forward its arguments to another one, so that each level needs these
+// lines of its own.
 #define QUILMRUN_DEFINE_LOG(name, prefix) \
   void name(const char* format, ...) {    \
     va_list arguments;                    \
@@ -76,7 +78,7 @@ QUILMRUN_DEFINE_LOG(LogPlain, "")
 void PrepareStandardStreams() {
   for (const int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
     if (fcntl(stream, F_GETFD) < 0) {
-      open("/dev/null", O_RDWR);  // takes the lowest number that is free
+      open("/dev/null", O_RDWR);  // gets the lowest free number, which is this one
     }
   }
   std::setvbuf(stdout, nullptr, _IOLBF, BUFSIZ);

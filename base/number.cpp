@@ -26,7 +26,7 @@ size_t DigitsLength(std::string_view text) {
   return std::min(text.find_first_not_of("0123456789"), text.size());
 }
 
-// A sign without digits after it is no exponent.
+// Characters of the exponent at the start of `text`. An "e" is none unless digits follow it.
 size_t ExponentLength(std::string_view text) {
   if (text.empty() || (text[0] != 'e' && text[0] != 'E')) {
     return 0;
@@ -36,7 +36,7 @@ size_t ExponentLength(std::string_view text) {
   return digits == 0 ? 0 : beforeDigits + digits;
 }
 
-// Characters of the number at the start of `text`; 0 when there is none.
+// Characters of the number at the start of `text`; 0 when none begins there.
 size_t NumberLength(std::string_view text) {
   const size_t sign = SignLength(text);
   const size_t integer = DigitsLength(text.substr(sign));
@@ -49,7 +49,8 @@ size_t NumberLength(std::string_view text) {
   return integer + fraction == 0 ? 0 : end + ExponentLength(text.substr(end));
 }
 
-// `number` is all of a number, or empty. Empty when there is none or its magnitude is too large.
+// Converts `number`, which is the whole of a number, or empty. The result is empty when `number`
+// is, and when its magnitude is too large for a float.
 std::optional<float> ToFloat(std::string_view number) {
   if (number.empty()) {
     return std::nullopt;
@@ -59,11 +60,12 @@ std::optional<float> ToFloat(std::string_view number) {
   return std::isinf(value) ? std::nullopt : std::optional<float>(value);
 }
 
-// So many characters after a number decide that it ends there, as in "1e+5". Where there is none,
-// they decide that none begins, as in "-.5".
+// A number is complete once three characters follow it: "1", "1e" and "1e+" may all continue to
+// "1e+5". In the same way three characters show that no number begins there, unlike in "-.5".
 constexpr size_t kLookAhead = 3;
 
-// Takes numbers off the front of `text` as long as `lookAhead` characters follow.
+// Takes numbers off the front of `text` as long as `lookAhead` characters follow them. False at the
+// first text that is no number, or a number that is too large.
 bool TakeFloats(std::string_view& text, size_t lookAhead, std::vector<float>& values) {
   for (SkipWhiteSpace(text); !text.empty(); SkipWhiteSpace(text)) {
     const size_t length = NumberLength(text);
@@ -84,6 +86,7 @@ bool TakeFloats(std::string_view& text, size_t lookAhead, std::vector<float>& va
 
 std::optional<int32_t> ParseInt32(std::string_view text) {
   SkipWhiteSpace(text);
+  // from_chars() accepts a minus, but no plus.
   if (text.size() > 1 && text[0] == '+' && text[1] != '-') {
     text.remove_prefix(1);
   }

@@ -9,21 +9,22 @@
 
 namespace quilmrun {
 
-/// The base-10 integer at the start of `text`: white space is skipped, a sign is accepted, the
-/// leading run of digits counts and whatever follows it is ignored ("12abc" is 12). Empty when no
-/// digit stands there or the number lies outside the signed 32-bit range.
+/// The base-10 integer at the start of `text`. White space is skipped, a sign is accepted, and what
+/// follows the digits is ignored ("12abc" is 12). Empty when no digit stands there or the number
+/// lies outside the signed 32-bit range.
 std::optional<int32_t> ParseInt32(std::string_view text);
 
 /// Appends the decimal floating-point numbers in `text` to `values`, as the nearest 32-bit floats,
 /// whatever the locale. A number is an optional sign, digits with an optional fraction, and an
-/// optional exponent ("-12", ".5", "3.", "1e-3"); it extends as far as it can, and the next one may
+/// optional exponent ("-12", ".5", "3.", "1e-3"). It extends as far as it can, and the next one may
 /// follow at once ("1.5.5" is 1.5 and 0.5) or after white space. False when something else stands
-/// where a number has to begin, hexadecimal digits, "inf" and "nan" among it, or when a number is
-/// too large for a float; what came before has been appended then. One too small is no error.
+/// where a number has to begin, such as "inf", "nan" or "0x1", and when a number is too large for a
+/// float; the numbers before it have been appended then. A number that is too small becomes the
+/// nearest float.
 bool ParseFloats(std::string_view text, std::vector<float>& values);
 
-/// The same for the start of a longer text. Takes what it has read off `text`, and leaves what the
-/// rest of the text may continue.
+/// The same for the start of a longer text. Takes what it has read off `text`. Leaves the end of
+/// `text` there when the next piece may continue its last number.
 bool ParseFloatsSoFar(std::string_view& text, std::vector<float>& values);
 
 }  // namespace quilmrun

@@ -1,4 +1,4 @@
-// The result of an operation that can fail. The failing step has printed why.
+// The result of an operation that can fail. The step that failed has printed the reason.
 #ifndef QUILMRUN_BASE_STATUS_H_
 #define QUILMRUN_BASE_STATUS_H_
 

@@ -37,10 +37,7 @@ class RowReader {
     return true;
   }
 
-  bool Flush() {
-    end_ = nullptr;
-    return file_.ReadPieces(pieces_, std::exchange(count_, 0));
-  }
+  bool Flush() { return file_.ReadPieces(pieces_, std::exchange(count_, 0)); }
 
  private:
   const InputFile& file_;

@@ -14,7 +14,8 @@ bool IsDirectory(const Descriptor& descriptor) {
   return fstat(descriptor.Number(), &status) == 0 && S_ISDIR(status.st_mode);
 }
 
-// Takes the lines off `text` that end in it, no newline being before `searched`.
+// Passes every complete line to `use` and takes it off `text`. `text` is known to have no newline
+// before `searched`.
 void UseLines(std::string& text, size_t searched,
               const std::function<void(std::string_view)>& use) {
   size_t start = 0;

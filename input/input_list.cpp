@@ -72,6 +72,7 @@ void GroupInputsByName(std::vector<std::string>& entries, const std::vector<std:
   for (size_t i = 0; i < names.size(); ++i) {
     positions[names[i]] = i;
   }
+  // Where a name occurs twice, its later position counts: the loop has overwritten the earlier one.
   const auto byPosition = [&positions](const std::string& a, const std::string& b) {
     return positions[InputName(a)] < positions[InputName(b)];
   };

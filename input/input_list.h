@@ -1,4 +1,4 @@
-// The list file: which input files a run reads, and in which order.
+// The list file tells which input files a run reads, and in which order.
 //
 // Plain text, one entry per line. Lines end at "\n", the last one needs none. Empty lines are
 // skipped; nothing is trimmed (a "\r" belongs to the name) and there are no comments. Paths are

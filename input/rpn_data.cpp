@@ -22,7 +22,7 @@ uint32_t NonNegative(int64_t dimension) {
   return static_cast<uint32_t>(std::max<int64_t>(dimension, 0));
 }
 
-// Where rows of parameters go in a buffer.
+// The layout of the rows of parameters in a buffer.
 struct ParameterRows {
   size_t rows;
   size_t width;   // floats
@@ -33,14 +33,15 @@ ParameterRows RowsFor(size_t values, size_t rpnWidth, size_t stride) {
   if (values <= kSingleClassValues) {
     return {1, values, 0};
   }
-  // The stride in whole floats.
+  // A row starts at a whole float, so that the runtime can read it.
   constexpr int32_t kFloatSize = sizeof(float);
   return {kMultiClassRows, rpnWidth, static_cast<int32_t>(stride) / kFloatSize * kFloatSize};
 }
 
-// True when `count` values are what the rows take and all rows lie within `size` bytes; says what
-// does not fit.
+// True when `count` values fill the rows and all rows lie within `size` bytes. Reports otherwise
+// what does not fit.
 bool Fits(const ParameterRows& layout, size_t count, size_t size) {
+  // A stride of 2 GiB or more has become negative. Its rows lie outside of any buffer.
   const size_t pitch =
       layout.pitch < 0 ? SIZE_MAX / kMultiClassRows : static_cast<size_t>(layout.pitch);
   const size_t needed = (layout.rows - 1) * pitch + layout.width * sizeof(float);
@@ -51,11 +52,12 @@ bool Fits(const ParameterRows& layout, size_t count, size_t size) {
   return true;
 }
 
-// Far more than a model takes or a number has, and few enough to be held.
+// No model takes so many values, and no number has so many digits; yet memory can hold them. A file
+// that never ends, such as a device, is refused at these limits.
 constexpr size_t kMaxValues = size_t{1} << 24;
 constexpr size_t kMaxNumberLength = size_t{1} << 20;
 
-// False, after a report, when a file goes on and on.
+// False, after a report, when a file exceeds a limit.
 bool IsReasonable(const std::string& path, size_t values, size_t unfinished) {
   if (values > kMaxValues) {
     LogError("file %s holds more than %zu numbers", path.c_str(), kMaxValues);
@@ -79,7 +81,7 @@ int ReadRpnFile(const std::string& path, std::vector<float>& values) {
     ReportOpenFailure(path);
     return kFailure;
   }
-  std::string text;  // what is not a whole number yet
+  std::string text;  // what has been read, but is not a complete number yet
   for (bool more = true; more;) {
     more = file.AppendChunk(text);
     std::string_view rest = text;

@@ -34,7 +34,7 @@ Staging QueryStaging(const quilm_mdl_io_dims& dims, const quilm_mdl_desc* desc, 
   return staging;
 }
 
-// Element size times the dimensions from `first` on; wraps.
+// Element size times the dimensions from `first` on, as a product that wraps.
 size_t BytesOfDimensions(const Staging& staging, size_t first) {
   size_t bytes = staging.elementSize;
   for (size_t i = first; i < staging.dims.dim_count; ++i) {
@@ -43,6 +43,7 @@ size_t BytesOfDimensions(const Staging& staging, size_t first) {
   return bytes;
 }
 
+// How often `part` goes into `size`. A runtime may claim a size or a stride of 0.
 size_t WholeParts(size_t size, size_t part) {
   return part == 0 ? 0 : size / part;
 }
@@ -103,12 +104,14 @@ int CopyFile(const Staging& staging, const InputFile& file, uint32_t batchSize, 
   RowLayout layout;
   layout.rowBytes = RowBytes(staging.elementSize, LastDimension(staging.dims));
   layout.stride = staging.stride;
-  // Memory of a size that has wrapped ends within the first batch: the rows before its end count.
+  // When the allocation size overflowed, the memory is smaller than a batch: only the rows that fit
+  // are copied.
   layout.rows =
       WholeParts(std::min(staging.singleBatchSize, staging.allocationSize), staging.stride);
   layout.batchSize = staging.singleBatchSize;
   const size_t allocated = WholeParts(staging.allocationSize, staging.singleBatchSize);
   layout.batches = std::min<size_t>(batchSize, std::max<size_t>(allocated, 1));
+  // Such rows would overwrite each other, and the last one what lies behind the memory.
   if (layout.rows > 0 && layout.rowBytes > layout.stride) {
     LogError("row of input %zu has %zu bytes, its stride only %zu", staging.index, layout.rowBytes,
              layout.stride);
@@ -118,7 +121,7 @@ int CopyFile(const Staging& staging, const InputFile& file, uint32_t batchSize, 
   return kSuccess;
 }
 
-// The size of the file at `path`, which has just been opened; 0, and a message, when unusable.
+// The size of the open file at `path`. A file without a usable size is reported and gives 0.
 size_t UsableSize(const InputFile& file, const std::string& path) {
   const std::optional<uint32_t> size = SupportedSize(file, path);
   if (size == 0U) {

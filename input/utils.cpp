@@ -16,14 +16,14 @@ namespace quilmrun {
 namespace {
 
 constexpr int kMaxPathLength = 4096;
-// realpath() may write PATH_MAX bytes, terminator included, whatever the input's length.
+// realpath() may write PATH_MAX bytes, terminator included, even for a shorter path.
 using PathBuffer = std::array<char, kMaxPathLength + 1>;
 
-// Sizes have to fit signed 32-bit counts.
+// The tool counts the bytes of a file in signed 32-bit numbers.
 constexpr int64_t kMaxFileSize = std::numeric_limits<int32_t>::max();
 
-// A path has at most 4096 bytes and a name of a model input 127, so that no useful line is longer:
-// what is kept of one that is will be found too long for a path.
+// No useful line is longer: a path has at most 4096 bytes, the name of a model input 127. The part
+// that is kept of a longer line is then refused as a path.
 constexpr size_t kMaxLineLength = size_t{1} << 20;
 
 void ReportTooLarge(const std::string& path) {
@@ -38,7 +38,7 @@ std::string AbsoluteAsText(const std::string& path) {
   return std::string(directory.data()) + "/" + path;
 }
 
-// The size of a file that could be opened and has something in it.
+// The size of the file. One that could not be opened, has no usable size or is empty is reported.
 std::optional<uint32_t> NonEmptySize(const InputFile& file, const std::string& path) {
   if (!file.IsOpen()) {
     ReportOpenFailure(path);
@@ -100,7 +100,7 @@ bool ReadLines(const std::string& path, const std::function<void(std::string_vie
 }
 
 int GetFileSize(const std::string& path, uint32_t& size) {
-  // The path may name a pipe, whose opening would otherwise wait for somebody to write to it.
+  // The path may name a pipe: opening it would otherwise wait until somebody writes to it.
   const InputFile file(path, O_NONBLOCK);
   const std::optional<uint32_t> fileSize = NonEmptySize(file, path);
   if (!fileSize.has_value()) {
@@ -123,6 +123,7 @@ DeviceMemory ReadBinFile(const std::string& path, uint32_t& size) {
   if (memory == nullptr) {
     return nullptr;
   }
+  // A file that has become shorter meanwhile leaves zeros; the runtime judges what it gets.
   file.Read(memory.get(), *fileSize);
   size = *fileSize;
   return memory;

@@ -1,4 +1,4 @@
-// What the runtime says of the model's inputs and outputs: fetched, printed and recorded.
+// Fetches, prints and records what the runtime says of the model's inputs and outputs.
 #include "base/log.h"
 #include "base/status.h"
 #include "model/model_process.h"
@@ -36,6 +36,7 @@ uint32_t SizeOf(const TensorQueries& queries, const quilm_mdl_desc* desc, int32_
 
 }  // namespace
 
+// A printout that ends early is no failure: the sizes are recorded, and the model may still run.
 int ModelProcess::CreateDesc(std::vector<std::string>& inputNames) {
   modelDesc.reset(quilm_mdl_create_desc());
   if (modelDesc == nullptr) {
@@ -84,6 +85,8 @@ void ModelProcess::PrintModelInfo(std::vector<std::string>& inputNames) {
 void RecordModelIoSize(ProfileRecord& record, const quilm_mdl_desc* modelDesc) {
   const auto inputs = static_cast<int32_t>(quilm_mdl_get_num_inputs(modelDesc));
   const auto outputs = static_cast<int32_t>(quilm_mdl_get_num_outputs(modelDesc));
+  // Signed, so that a model without task and work buffer has no data inputs rather than 2^64 of
+  // them.
   for (int32_t i = 0; i + 2 < inputs; ++i) {
     record.inputSize += SizeOf(kInputQueries, modelDesc, i);
   }

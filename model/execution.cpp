@@ -1,4 +1,4 @@
-// One inference on filled datasets: batch size, number of frames, execution.
+// Runs one inference on filled datasets: batch size, number of frames, execution.
 #include "base/clock.h"
 #include "base/log.h"
 #include "base/status.h"
@@ -48,11 +48,12 @@ int ModelProcess::Execute() {
   if (profile != kProfileOn) {
     profileRecord.loopCount = 1;
   }
-  quilm_rt_set_op_wait_timeout(kOpWaitTimeout);
+  quilm_rt_set_op_wait_timeout(kOpWaitTimeout);  // a refusal at the start has ended the run already
 
   quilm_error result = 0;
   const double start = NowMs();
   for (uint32_t i = 0; i < profileRecord.loopCount; ++i) {
+    // A failed repetition costs a time, not the outputs: those of the last one are dumped.
     result = quilm_mdl_execute(modelId, input.get(), output.get());
   }
   profileRecord.executeTime = NowMs() - start;

@@ -1,4 +1,4 @@
-// The input dataset of one inference: its buffers are appended in the order of the model's inputs.
+// Fills the input dataset of one inference, in the order of the model's inputs.
 #include <utility>
 
 #include "base/log.h"
@@ -11,11 +11,12 @@
 namespace quilmrun {
 namespace {
 
-// RPN parameters take the size and stride of input 1, which is the RPN input of models with one
-// data input.
+// RPN parameters take the size and stride of input 1. Detection models have one data input, so that
+// their RPN input is this one.
 constexpr size_t kParameterInput = 1;
 
-// Appends `dataBuffer`, empty when it could not be created. On success the dataset owns it.
+// Appends `dataBuffer`, which is empty when it could not be created. On success the dataset owns
+// it.
 int Append(quilm_mdl_dataset* dataset, DataBuffer& dataBuffer) {
   if (dataBuffer == nullptr) {
     LogError("can't create data buffer, create input failed");
@@ -45,7 +46,8 @@ void ModelProcess::DestroyInput() {
 }
 
 int ModelProcess::CreateInput(DeviceMemory memory, size_t size, int32_t stride) {
-  // On failure the data buffer goes before the last message, and the memory after it.
+  // The order of messages and releases is fixed: on failure the data buffer goes before the last
+  // message, and the memory after it.
   const auto append = [&] {
     DataBuffer dataBuffer(
         quilm_create_data_buffer(memory.get(), size, static_cast<size_t>(stride)));
@@ -94,6 +96,7 @@ int ModelProcess::CreateTaskBufAndWorkBuf() {
     LogError("input dataset Num is 0.");
     return kFailure;
   }
+  // Whatever is still missing gets a zeroed buffer, normally these two alone.
   for (size_t i = filled; i < quilm_mdl_get_num_inputs(modelDesc.get()); ++i) {
     if (CreateTaskOrWorkBuf(static_cast<int32_t>(i)) != kSuccess) {
       LogError("execute Create taskBuffer and workBuffer failed");
@@ -105,7 +108,7 @@ int ModelProcess::CreateTaskBufAndWorkBuf() {
 
 int ModelProcess::SetDetParas(const std::vector<float>& detPara) {
   const size_t size = kInputQueries.size(modelDesc.get(), kParameterInput);
-  DataBuffer dataBuffer;  // declared first: on failure the memory goes before its buffer
+  DataBuffer dataBuffer;  // declared first, so that on failure the memory goes before its buffer
   DeviceMemory memory = AllocateDeviceMemory(size);
   if (memory == nullptr) {
     LogError("malloc device buffer failed");
@@ -117,7 +120,7 @@ int ModelProcess::SetDetParas(const std::vector<float>& detPara) {
   }
   dataBuffer.reset(quilm_create_data_buffer(memory.get(), size, stride));
   if (dataBuffer == nullptr) {
-    memory.reset();
+    memory.reset();  // before the message of Append()
   }
   if (Append(input.get(), dataBuffer) != kSuccess) {
     return kFailure;

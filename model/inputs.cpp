@@ -1,4 +1,4 @@
-// Where the data of an inference come from: a group of input files, and the RPN files.
+// Takes the data of an inference from a group of input files and from the RPN files.
 #include "base/log.h"
 #include "base/status.h"
 #include "input/rpn_data.h"
@@ -36,7 +36,7 @@ int ModelProcess::CreateInputBuf(const std::vector<std::string>& group) {
 }
 
 int ModelProcess::SetRpnData() {
-  const size_t rpnInput = GetInputNum() - 1;
+  const size_t rpnInput = GetInputNum() - 1;  // the last input that carries data
   std::vector<std::vector<float>> detParas;
   quilm_mdl_io_dims dims;
   for (const std::string& rpnFile : rpnFiles) {
@@ -54,6 +54,7 @@ int ModelProcess::SetRpnData() {
     }
     detParas.push_back(std::move(values));
   }
+  // Only now, so that a file that is refused leaves no buffer of an earlier one in the dataset.
   for (const std::vector<float>& detPara : detParas) {
     if (SetDetParas(detPara) != kSuccess) {
       LogError("SetDetParas error");

@@ -1,4 +1,4 @@
-// The life of the model in the runtime, from the read of its file to its unload.
+// Loads the model from its file and unloads it.
 #include <utility>
 
 #include "base/clock.h"
@@ -31,7 +31,8 @@ int ModelProcess::LoadModelFromFileWithMem(const std::string& modelPath) {
 
   const int32_t memoryBefore = GetMediaMemUsed();
   const double loadStart = NowMs();
-  // Without a file there is nothing to load; the rest is measured and reported all the same.
+  // Without a file there is nothing to load. The rest is measured and reported all the same, since
+  // the reports show these figures after a failure too.
   const bool loaded = modelMemPtr != nullptr &&
                       quilm_mdl_load_from_mem(modelMemPtr.get(), modelMemSize, &modelId) == 0;
   profileRecord.modelLoadTime = NowMs() - loadStart;
@@ -57,6 +58,7 @@ void ModelProcess::Unload() {
   if (result != 0) {
     LogError("unload model failed, modelId is %u", modelId);
   }
+  // A model that the runtime keeps is still no use to anybody: what belongs to it goes.
   DestroyDesc();
   modelMemPtr.reset();
   modelMemSize = 0;

@@ -1,4 +1,4 @@
-// The one model of a run, with everything the tool holds about it in the runtime.
+// The model of a run, with everything that the tool holds of it in the runtime.
 #ifndef QUILMRUN_MODEL_MODEL_PROCESS_H_
 #define QUILMRUN_MODEL_MODEL_PROCESS_H_
 
@@ -49,7 +49,7 @@ class ModelProcess {
   int CreateDesc(std::vector<std::string>& inputNames);
   void DestroyDesc();
 
-  /// Model inputs without task and work buffer; wraps around when there are fewer than two.
+  /// The number of inputs that carry data. Wraps around when the model has fewer than two inputs.
   size_t GetInputNum() const;
 
   /// Builds the output dataset, each buffer batchSize times the output's size, all bytes 0.
@@ -72,7 +72,7 @@ class ModelProcess {
   /// and the work buffer.
   int CreateTaskBufAndWorkBuf();
 
-  /// Tells the runtime how many batches the input dataset carries.
+  /// Tells the runtime how many batches the input dataset carries. A warning shows the number.
   int SetDynamicBatchSize();
 
   /// Runs the model once, or profileRecord.loopCount times when profiling, and records the time.
@@ -154,8 +154,8 @@ class ModelProcess {
   uint32_t rpnWidth = 0;
 };
 
-/// Adds the sizes of the model's inputs and outputs to `record`, those of task and work buffer
-/// apart. 32-bit sums that wrap.
+/// Adds the sizes of the model's inputs and outputs to `record`, and stores those of the task and
+/// the work buffer. The sums have 32 bits and wrap.
 void RecordModelIoSize(ProfileRecord& record, const quilm_mdl_desc* modelDesc);
 
 }  // namespace quilmrun

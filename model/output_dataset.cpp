@@ -1,4 +1,4 @@
-// The output dataset: one zeroed buffer per model output, made once and used by every inference.
+// Makes the output dataset, with one zeroed buffer per model output. Every inference uses it.
 #include "base/log.h"
 #include "base/status.h"
 #include "model/model_process.h"
@@ -34,7 +34,7 @@ int ModelProcess::CreateOutputBuffer(size_t index) {
     LogError("Error, output size is %lu.", size);
     return kFailure;
   }
-  DataBuffer dataBuffer;  // declared first: on failure the memory goes before its buffer
+  DataBuffer dataBuffer;  // declared first, so that on failure the memory goes before its buffer
   DeviceMemory memory = AllocateDeviceMemory(size);
   if (memory == nullptr) {
     LogError("can't malloc buffer, size is %zu, create output failed", size);

@@ -33,13 +33,13 @@ char* FormatAny(double value, char* begin, char* end) {
 #endif
 }
 
-// number / 2^bits, halves rounded to even as printf does.
+// number / 2^bits. Halves are rounded to even, as printf() does.
 uint64_t DivideByPowerOfTwo(uint64_t number, int bits) {
   if (bits <= 0) {
     return number << -bits;
   }
   if (bits >= 64) {
-    return 0;  // `number` has 62 bits at most, so that it is less than a half
+    return 0;  // `number` has 62 bits at most, and is less than a half therefore
   }
   const uint64_t quotient = number >> bits;
   const uint64_t rest = number - (quotient << bits);
@@ -47,8 +47,11 @@ uint64_t DivideByPowerOfTwo(uint64_t number, int bits) {
   return quotient + (rest > half || (rest == half && quotient % 2 == 1) ? 1 : 0);
 }
 
-// mantissa / 2^bits for a mantissa of 24 bits, and `bits` from 1 on. The fraction times 10^16 fits
-// 64 bits when it is multiplied by 5^16 only; its rounding never carries into the whole part.
+// Formats mantissa / 2^bits, for a mantissa of 24 bits and `bits` from 1 on.
+//
+// The digits after the point are the fraction times 10^16 / 2^bits. That product does not fit 64
+// bits; the fraction times 5^16 does, and divided by 2^(bits - 16) it is the same. Rounding never
+// carries into the whole part: a fraction of 24 bits is too far from 1.
 char* FormatFraction(uint64_t mantissa, int bits, char* begin, char* end) {
   const int wholeBits = std::min(bits, 63);
   const uint64_t whole = mantissa >> wholeBits;

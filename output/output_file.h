@@ -9,14 +9,15 @@
 
 namespace quilmrun {
 
-/// Creates or truncates a file and closes it when destroyed; a failure to create it is reported.
+/// Creates or truncates a file, and closes it when destroyed. A file that cannot be created is
+/// reported.
 class OutputFile {
  public:
   explicit OutputFile(const std::string& path);
 
   bool IsOpen() const { return descriptor_.IsOpen(); }
 
-  /// What is written has reached the file on return. False when the file takes no more. REQUIRES:
+  /// Returns when the data have reached the file. False when the file takes no more. REQUIRES:
   /// IsOpen().
   bool Write(const void* data, size_t size) const { return descriptor_.Write(data, size); }
 

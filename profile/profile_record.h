@@ -1,4 +1,4 @@
-// What a run measures, kept in one process-wide record.
+// The figures that a run measures, in one record for the whole process.
 #ifndef QUILMRUN_PROFILE_PROFILE_RECORD_H_
 #define QUILMRUN_PROFILE_PROFILE_RECORD_H_
 

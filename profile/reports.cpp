@@ -36,7 +36,8 @@ constexpr char kCsvHeader[] =
     "Online Model Size(KB),"
     "Quilm Init Memory Size(KB)\n";
 
-// Every figure has 32 bits or is a time in milliseconds, so this holds them all, after the header.
+// Large enough for the header and nine figures. The longest one is a time, a double of up to 312
+// characters; all others have 32 bits.
 using CsvText = std::array<char, 1536>;
 
 size_t FormatCsv(const ProfileRecord& record, CsvText& text) {
@@ -49,8 +50,8 @@ size_t FormatCsv(const ProfileRecord& record, CsvText& text) {
   return static_cast<size_t>(size);
 }
 
-// Runs that end at the same time replace the report one after the other. A run waits this long for
-// somebody who does not give the lock back; where there are no locks it goes on at once.
+// Runs that end at the same time replace the report one after the other. A run gives up after one
+// second, when somebody keeps the lock. It goes on at once where the file system has no locks.
 constexpr int kLockTries = 1000;
 constexpr int kLockWaitMs = 1;
 
@@ -63,11 +64,11 @@ void Lock(const Descriptor& file) {
   }
 }
 
-// Cuts and fills the file while it is locked, with one write, so that it always holds whole lines.
-// It stays the same file, with its links and its permissions.
+// Truncates and fills the file while it is locked, so that readers that lock it find whole lines.
+// The file itself stays, with its links and its permissions.
 bool Replace(const Descriptor& file, const CsvText& text, size_t size) {
   Lock(file);
-  // A pipe or a device has nothing to cut.
+  // A pipe or a device refuses to be truncated, and has nothing to truncate.
   return (ftruncate(file.Number(), 0) == 0 || errno == EINVAL) && file.Write(text.data(), size);
 }
 

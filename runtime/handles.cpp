@@ -10,7 +10,7 @@ namespace quilmrun {
 DeviceMemory AllocateDeviceMemory(size_t size) {
   void* memory = nullptr;
   if (quilm_rt_malloc(&memory, size, kMemoryPolicy) != 0) {
-    return nullptr;
+    return nullptr;  // a pointer that comes with a failure is nobody's
   }
   if (memory != nullptr) {
     std::memset(memory, 0, size);
@@ -28,6 +28,7 @@ DeviceMemory AllocateOrReport(size_t size) {
 
 void DatasetDeleter::operator()(quilm_mdl_dataset* dataset) const {
   Release([=] {
+    // The count is asked for anew: the runtime may lose entries when their buffers go.
     for (size_t i = 0; i < quilm_mdl_get_dataset_num_buffers(dataset); ++i) {
       const DataBuffer buffer(quilm_mdl_get_dataset_buffer(dataset, i));
       if (buffer != nullptr) {

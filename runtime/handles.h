@@ -1,8 +1,8 @@
 // Owners of what the runtime hands out: device memory, data buffers, descriptions and datasets.
 //
-// Every handle has exactly one owner of a type below, whose destruction releases it, so that no
-// error path has to. Release calls stand elsewhere only where a message about their result, or
-// their place among other calls, is part of what the user sees.
+// Every handle has exactly one owner of a type below, which releases it when destroyed. Error paths
+// therefore need no release calls. Such calls stand elsewhere only where a message tells their
+// result, or where their place among other calls is fixed.
 #ifndef QUILMRUN_RUNTIME_HANDLES_H_
 #define QUILMRUN_RUNTIME_HANDLES_H_
 
@@ -26,7 +26,7 @@ using DeviceMemory = std::unique_ptr<void, DeviceMemoryDeleter>;
 /// Takes `size` bytes of device memory, every byte 0. Empty when the runtime refuses.
 DeviceMemory AllocateDeviceMemory(size_t size);
 
-/// The same, and a refusal is reported with the size.
+/// The same; a refusal is reported with the size.
 DeviceMemory AllocateOrReport(size_t size);
 
 struct DataBufferDeleter {
@@ -55,7 +55,7 @@ struct DatasetDeleter {
 /// its data buffer, and destroys the dataset last.
 using Dataset = std::unique_ptr<quilm_mdl_dataset, DatasetDeleter>;
 
-/// Ends this owner's ownership of a handle that now belongs to a dataset.
+/// Ends the ownership of a handle that now belongs to a dataset.
 template <typename Owner>
 void HandOverToDataset(Owner& owner) {
   static_cast<void>(owner.release());

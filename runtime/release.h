@@ -1,4 +1,5 @@
-// Calls of the runtime where something is released: an exception must not keep the rest from it.
+// Calls of the runtime that release something. An exception of one must not keep the others from
+// being made.
 #ifndef QUILMRUN_RUNTIME_RELEASE_H_
 #define QUILMRUN_RUNTIME_RELEASE_H_
 

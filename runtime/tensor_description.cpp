@@ -27,7 +27,7 @@ const TensorQueries kOutputQueries = {"output",
 quilm_error QueryDims(const TensorQueries& queries, const quilm_mdl_desc* desc, size_t index,
                       quilm_mdl_io_dims& dims) {
   constexpr quilm_error kTooManyDimensions = -1;
-  dims = {};
+  dims = {};  // a runtime that fills nothing must not show the tensor before
   const quilm_error result = queries.dims(desc, index, &dims);
   return result == 0 && dims.dim_count > QUILM_MAX_DIM_COUNT ? kTooManyDimensions : result;
 }

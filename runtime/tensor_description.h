@@ -1,4 +1,4 @@
-// What the runtime's description says of one model input or output.
+// The runtime's description of one model input or output.
 //
 // A tensor lies in device memory as rows: the innermost dimension is one row, and the rows of a
 // batch start `stride` bytes apart. `size` counts one batch, padding included. An input of 2 rows
@@ -17,7 +17,7 @@
 
 namespace quilmrun {
 
-/// The description calls of one direction, so that inputs and outputs share the code that asks.
+/// The description calls for inputs, or those for outputs: the code that asks is the same for both.
 struct TensorQueries {
   const char* kind;   ///< "input" or "output", as messages say it
   const char* title;  ///< "Input" or "Output"
@@ -49,12 +49,12 @@ size_t ElementSize(const TensorQueries& queries, const quilm_mdl_desc* desc, siz
 /// Bytes of one row, and SIZE_MAX when the last dimension is negative or the product too large.
 size_t RowBytes(size_t elementSize, int64_t lastDimension);
 
-/// Bytes of `batchSize` batches, as a 64-bit product that wraps. Memory of a size that has wrapped
-/// is smaller than a batch: whoever fills or reads it has to look at what was allocated.
+/// Bytes of `batchSize` batches, as a 64-bit product that wraps. After an overflow the memory is
+/// smaller than the batches: whoever fills or reads it has to look at what was allocated.
 size_t BatchedSize(uint32_t batchSize, size_t size);
 
-/// Layout of one tensor: `size` in bytes of `batchSize` batches, `stride` in bytes, and dims. What
-/// the runtime refuses or gives as 0 is reported and a failure.
+/// The layout of one tensor: `size` of `batchSize` batches in bytes, `stride` in bytes, and dims.
+/// Fails, after a report, when the runtime refuses one of them or gives it as 0.
 int QueryLayout(const TensorQueries& queries, const quilm_mdl_desc* desc, size_t index,
                 uint32_t batchSize, size_t& size, size_t& stride, quilm_mdl_io_dims& dims);
 

@@ -1,4 +1,4 @@
-// Values passed to the runtime, or expected of it, whose meaning is the runtime's own.
+// Values that the tool passes to the runtime or expects of it. Their meaning is the runtime's own.
 #ifndef QUILMRUN_RUNTIME_VALUES_H_
 #define QUILMRUN_RUNTIME_VALUES_H_
 
