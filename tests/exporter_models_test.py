@@ -2,13 +2,14 @@
 
 import os
 import re
+import shutil
 import unittest
 
 import numpy as np
 from onnx import TensorProto, helper, numpy_helper
 
 from models import HostRuntimeTest, copies, floats, relu, tensor
-from tool import QUILMRUN
+from tool import BUILD, QUILMRUN
 
 FLOAT, INT64, BOOL, DOUBLE = (TensorProto.FLOAT, TensorProto.INT64, TensorProto.BOOL,
                               TensorProto.DOUBLE)
@@ -290,6 +291,17 @@ class ExporterModels(HostRuntimeTest):
         values = np.array([np.inf, -np.inf, np.nan, -0.0, 1e-40], "<f4")
         self.run_arrays(copies({"x": [5]}), [values])
         self.assertEqual(self.output("x'").tobytes(), values.tobytes())
+
+    def test_complaints_of_schemas_are_left_out(self):
+        folder = self.dir / "lib/quilmrun-engine"
+        folder.mkdir(parents=True)
+        shutil.copy(BUILD / "libquilm.so", folder.parent)
+        shutil.copy(BUILD / "libchattering_engine.so", folder / "libonnxruntime.so.1")
+        (folder / "real.so").symlink_to((BUILD / "quilmrun-engine/libonnxruntime.so.1").resolve())
+        self.write("m.onnx", relu([1, 2]))
+        self.write("q.json", "{}")
+        status, _, err = self.run_tool("-m", "m.onnx", "-j", "q.json", library=folder.parent)
+        self.assertEqual((status, err), (0, "the disk is on fire\n"))
 
     def test_the_engine_leaves_nothing_in_the_home_directory(self):
         home = self.dir / "home"
