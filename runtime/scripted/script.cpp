@@ -52,13 +52,13 @@ void ReadLine(const std::string& line) {
   }
 }
 
-// An empty settings file that is nowhere on the disk.
+// Makes a settings file in memory, with nothing set in it, and returns its path.
 std::string MakeUsualSettings() {
   const int file = memfd_create("settings", MFD_CLOEXEC);
   return write(file, "{}", 2) == 2 ? "/proc/self/fd/" + std::to_string(file) : "";
 }
 
-// "NUMBER MS"
+// Takes "NUMBER MS".
 void SendTwice(const std::string& numberAndPause) {
   std::istringstream words(numberAndPause);
   int number = 0;
