@@ -15,7 +15,8 @@
 //
 //   run FUNCTION N COMMAND        a shell command is run
 //   locale FUNCTION N NAME        the process gets this locale
-//   print FUNCTION N TEXT         the text goes to standard output through stdio, without a newline
+//   print FUNCTION N TEXT         the text goes to standard output through stdio; a newline
+//                                 follows it where it ends in "\n"
 //   signal FUNCTION N NUMBER      a signal interrupts the call
 //   kill FUNCTION N NUMBER MS     two signals do, MS apart, as if another process had sent them
 //   throw FUNCTION N TYPE         an exception leaves the call: an "int", or an "error"
