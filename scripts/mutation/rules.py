@@ -67,7 +67,7 @@ def exchanged(line: Line) -> Iterator[Replacement]:
     """Comparisons and signs turned, constants of truth, the least for the greatest; widths."""
     for index, (kind, text, start) in enumerate(line.tokens):
         others: tuple[str, ...] = ()
-        if kind == "operator" and _between_blanks(line, index):
+        if kind == "operator" and _between_blanks(line, index) and not (line.python and text == "|"):
             others = _OPERATORS.get(text, ())
         elif kind == "name" and not (line.python and text in ("float", "double")):
             others = _WORDS.get(text, ()) + _WIDTHS.get(text, ())
@@ -166,7 +166,8 @@ RULES: tuple[Callable[[Line], Iterator[Replacement]], ...] = (
     exchanged, moved, changed, negated, left_out, swapped, formatted)
 
 _NO_CODE = re.compile(r"\s*(#|//|using |namespace|template|static_assert|extern |class |struct |friend |"
-                      r"public:|private:|import |from |@|def .*\.\.\.$|__all__|.*\\$|$)")
+                      r"public:|private:|import |from |@|__all__|__version__|.*\\$|"
+                      r"def (?!.*: [\w\[\], .|]+ = )|(?!def ).*\) -> |$)")
 # A type and a name after it, or what leaves a function: without these nothing compiles.
 _DECLARES = re.compile(r"\s*(const|auto|static|constexpr|return|case|typedef|goto|throw)\b|"
                        r"\s*[\w:]+(<.*>)?[*&]* [*&]?\w+( =|;|\{|\(|\[)|.*\boverride;|.*= (default|delete);")
