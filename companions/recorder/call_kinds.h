@@ -44,9 +44,9 @@ inline constexpr CallKind kCallKinds[] = {QUILM_CALLS(QUILM_CALL_KIND)};
 
 /// Whether a call of this kind that returned `result` did not do what it was to do.
 constexpr bool Failed(const CallKind& kind, int64_t result) {
-  return kind.result == ResultKind::kStatus ? result != 0
-                                            : kind.result == ResultKind::kPointer &&
-                                                  kind.makesNew && result == 0;
+  return kind.result == ResultKind::kStatus
+             ? result != 0
+             : kind.result == ResultKind::kPointer && kind.makesNew && result == 0;
 }
 
 /// Counts a call that has returned.

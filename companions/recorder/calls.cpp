@@ -51,14 +51,14 @@ Calls::~Calls() {
 
 bool Calls::ReadStart(size_t fileSize) {
   if (!ReadAt(file_, &header_, sizeof(header_), 0) ||
-      std::memcmp(header_.magic, kMagic, sizeof(kMagic)) != 0 ||
-      header_.flushed > header_.count || header_.count - header_.flushed > kLatest ||
+      std::memcmp(header_.magic, kMagic, sizeof(kMagic)) != 0 || header_.flushed > header_.count ||
+      header_.count - header_.flushed > kLatest ||
       !ReadAt(file_, &facts_, sizeof(facts_), offsetof(CallsFile, facts))) {
     return false;
   }
   // The latest entries come first in the file, so a cut takes the earlier ones.
-  const size_t flushed = (std::max(fileSize, sizeof(CallsFile)) - sizeof(CallsFile)) /
-                         sizeof(CallEntry);
+  const size_t flushed =
+      (std::max(fileSize, sizeof(CallsFile)) - sizeof(CallsFile)) / sizeof(CallEntry);
   count_ = flushed < header_.flushed ? flushed : header_.count;
   return true;
 }

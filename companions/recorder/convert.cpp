@@ -7,6 +7,7 @@
 //     makes the record, and a table of calls when CSV is not empty, both in files that are there
 //     and empty; prints the statistics
 // EVERY_CALL is "yes" or empty.
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstring>
@@ -50,19 +51,48 @@ struct Extent {
 // The smaller one is for a disk that is full: such a record fits into what the recorder gives back.
 constexpr Extent kExtents[] = {{200000, 1000, 500}, {30, 10, 100}};
 
+bool LacksSpace(int problem) {
+  return problem == ENOSPC || problem == EFBIG || problem == EDQUOT;
+}
+
+// Writes a record that keeps within the bytes that it may have for each inference, by showing fewer
+// of them where calls are many. Returns 0 or an error number.
+int WriteWithin(const Calls& calls, const RunFacts& facts, const char* path,
+                const Measurements& measured, TracePlan& plan) {
+  constexpr long kFewInferences = 1000;  // whose record is small whatever it takes
+  constexpr long kBytesPerInference = 2000;
+  int problem = 0;
+  for (bool fits = false; !fits && problem == 0;) {
+    long bytes = 0;
+    problem = WriteFile(path, [&](std::FILE* file) {
+      WriteTrace(file, calls, facts, measured, plan);
+      bytes = std::ftell(file);
+    });
+    const long most = std::max(plan.inferences, kFewInferences) * kBytesPerInference;
+    fits = bytes <= most || plan.every >= plan.inferences;
+    plan.every = fits ? plan.every : plan.every * (bytes / most + 1);
+  }
+  return problem;
+}
+
 int WriteRecord(const Calls& calls, const RunFacts& facts, const char* path, bool everyCall,
                 Measurements& measured) {
   int problem = 0;
   for (const Extent& extent : kExtents) {
+    const bool isLess = &extent != &kExtents[0];
     measured = Measure(calls, extent.bins, static_cast<size_t>(extent.some));
-    const TracePlan plan = PlanTrace(measured, extent.most, extent.some, everyCall);
-    problem = WriteFile(
-        path, [&](std::FILE* file) { WriteTrace(file, calls, facts, measured, plan); });
-    if (problem == 0 && extent.most != kExtents[0].most) {
-      std::fprintf(stderr, "quilmrun-record: no space for more: the record shows %ld of %ld inferences\n",
+    TracePlan plan = PlanTrace(measured, extent.most, extent.some, everyCall && !isLess);
+    problem =
+        everyCall && !isLess
+            ? WriteFile(path,
+                        [&](std::FILE* file) { WriteTrace(file, calls, facts, measured, plan); })
+            : WriteWithin(calls, facts, path, measured, plan);
+    if (problem == 0 && isLess) {
+      std::fprintf(stderr,
+                   "quilmrun-record: there is space for %ld of %ld inferences in the record\n",
                    plan.Kept(), plan.inferences);
     }
-    if (problem != ENOSPC && problem != EFBIG && problem != EDQUOT) {
+    if (!LacksSpace(problem)) {
       break;
     }
   }
@@ -72,7 +102,8 @@ int WriteRecord(const Calls& calls, const RunFacts& facts, const char* path, boo
 int Convert(const Calls& calls, const RunFacts& facts, const char* record, const char* csv,
             bool everyCall) {
   if (calls.Header().everyCall == 0 && (everyCall || *csv != '\0')) {
-    std::fputs("quilmrun-record: calls that only ask were counted, but not noted one by one\n", stderr);
+    std::fputs("quilmrun-record: calls that only ask were counted, but not noted one by one\n",
+               stderr);
   }
   Measurements measured;
   if (const int result = WriteRecord(calls, facts, record, everyCall, measured); result != 0) {

@@ -33,7 +33,8 @@ size_t CharacterBytes(std::string_view text, size_t start) {
       continue;
     }
     const unsigned char second = ByteAt(text, start + 1);
-    bool fits = sequence.size == 1 || (second >= sequence.secondLow && second <= sequence.secondHigh);
+    bool fits =
+        sequence.size == 1 || (second >= sequence.secondLow && second <= sequence.secondHigh);
     for (size_t i = 2; i < sequence.size; ++i) {
       fits = fits && (ByteAt(text, start + i) & 0xC0) == 0x80;
     }

@@ -25,6 +25,9 @@ constexpr size_t kDropped = SIZE_MAX;  // in place of a call's number
 // filled has space for the record.
 constexpr size_t kReserve = 256 * 1024;
 
+// The first dataset takes the outputs of all inferences, every other one the inputs of one.
+constexpr uint64_t kFirstOfInputs = 2;
+
 uint32_t ThreadNumber() {
   // Loaded with the process, the recorder may have its thread-local variables in the fast place.
   __attribute__((tls_model("initial-exec"))) static thread_local uint32_t number = 0;
@@ -91,9 +94,9 @@ const char* Recording::Map(const char* path) {
   }
   const size_t least = sizeof(CallsFile) + sizeof(CallsFile::latest);
   const int problem = TakeSpace(file_, 0, least, least + kReserve);
-  void* memory = problem != 0 ? MAP_FAILED
-                              : mmap(nullptr, sizeof(CallsFile), PROT_READ | PROT_WRITE,
-                                     MAP_SHARED, file_, 0);
+  void* memory =
+      problem != 0 ? MAP_FAILED
+                   : mmap(nullptr, sizeof(CallsFile), PROT_READ | PROT_WRITE, MAP_SHARED, file_, 0);
   if (memory == MAP_FAILED) {
     const char* text = std::strerror(problem != 0 ? problem : errno);
     GiveBackSpace(file_, offsetof(CallsFile, latest));
@@ -160,16 +163,16 @@ void Recording::End(size_t number, CallEntry& entry, int64_t result) {
   }
   if (number < header.flushed) {  // calls within this one have filled the memory since
     WriteAt(file_, &entry, sizeof(entry), OffsetOf(number));
-  } else if (header.everyCall == 0 && kCallKinds[entry.call - 1].onlyAsks &&
-             number + 1 == header.count) {
+  } else if (header.everyCall == 0 && header.datasets >= kFirstOfInputs &&
+             kCallKinds[entry.call - 1].onlyAsks && number + 1 == header.count) {
     TakeBack(entry);
   } else {
     mapped_->latest[number % kLatest] = entry;
   }
 }
 
-// A call that only asks has an entry just as long as it lasts, which is what is left of it when the
-// process ends within it. Afterwards it is counted.
+// From the first inference on, a call that only asks has an entry just as long as it lasts, which
+// is what is left of it when the process ends within it. Afterwards it is counted.
 void Recording::TakeBack(const CallEntry& entry) {
   CallsHeader& header = mapped_->header;
   Add(entry, header.withoutEntry[entry.call - 1]);

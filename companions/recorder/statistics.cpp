@@ -21,6 +21,7 @@ namespace {
 using quilm_interposer::Id;
 
 constexpr size_t kMostMemoryPoints = 4096;
+constexpr size_t kMostOutputs = 4096;
 
 // The median; empties the durations.
 CourseBin Summarize(uint64_t startNs, std::vector<uint64_t>& durations) {
@@ -32,7 +33,8 @@ CourseBin Summarize(uint64_t startNs, std::vector<uint64_t>& durations) {
     const size_t middle = durations.size() / 2;
     const size_t other = durations.size() - 1 - middle;
     bin.minNs = durations.front();
-    bin.medianNs = (static_cast<double>(durations[other]) + static_cast<double>(durations[middle])) / 2;
+    bin.medianNs =
+        (static_cast<double>(durations[other]) + static_cast<double>(durations[middle])) / 2;
     bin.maxNs = durations.back();
   }
   durations.clear();
@@ -53,6 +55,9 @@ class Meter : public RunSink {
   }
 
   void OnCall(const CallEntry& call, const Place& place) override {
+    firstNs_ = results_.calls == 0 ? call.startNs : firstNs_;
+    lastNs_ = std::max({lastNs_, call.beforeNs, EndOf(call)});
+    results_.unfinished = HasReturned(call) ? nullptr : NameOf(call);
     ++results_.calls;
     EnterInference(place.group, call.startNs);
     if (!HasReturned(call)) {
@@ -61,6 +66,10 @@ class Meter : public RunSink {
     }
     Add(call, results_.functions[call.call - 1]);
     const Id id = static_cast<Id>(call.call - 1);
+    if (id == Id::quilm_mdl_get_output_data_type && results_.inferences == 0 &&
+        results_.outputTypes.size() < kMostOutputs) {
+      results_.outputTypes.push_back(call.result);
+    }
     if (call.result != 0) {
       return;
     }
@@ -93,8 +102,10 @@ class Meter : public RunSink {
     }
   }
 
-  void Finish() {
+  // `endNs` is the end of the last call without an entry.
+  void Finish(uint64_t endNs) {
     EndBin();
+    results_.spanNs = std::max({lastNs_, endNs, firstNs_}) - firstNs_;
     if (results_.rows[kExecuteRepeated].Count() == 0) {
       results_.rows[kExecuteFirst] = {};  // there is nothing to tell them from
     }
@@ -161,6 +172,8 @@ class Meter : public RunSink {
   Measurements& results_;
   size_t slowest_;
   long expected_ = 1;  // inferences
+  uint64_t firstNs_ = 0;
+  uint64_t lastNs_ = 0;
   long group_ = -1;
   uint64_t binNs_ = 0;         // start of the bin
   std::vector<uint64_t> bin_;  // its executions, ns
@@ -173,7 +186,7 @@ Measurements Measure(const Calls& calls, size_t bins, size_t slowest) {
   Measurements results;
   Meter meter(results, calls.Header(), bins, slowest);
   FollowRun(calls, meter);
-  meter.Finish();
+  meter.Finish(calls.Header().endNs);
   return results;
 }
 

@@ -53,8 +53,11 @@ struct MemoryPoint {
 
 /// What a run's statistics are.
 struct Measurements {
-  uint64_t calls = 0;  // that have an entry
+  uint64_t calls = 0;                // that have an entry
+  const char* unfinished = nullptr;  // the function that the last call is of, if it did not return
+  uint64_t spanNs = 0;               // from the start of the first call to the end of the last one
   std::array<Distribution, kRows> rows;
+  std::vector<int64_t> outputTypes;  // by their order, as asked before the first inference
   std::array<FunctionTotals, quilm_interposer::kCallCount> functions{};
   std::array<Distribution, 10> tenths;  // executions without the warm-up, by inference
   long inferencesPerBin = 1;

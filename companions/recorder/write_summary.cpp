@@ -122,7 +122,10 @@ void WriteHistograms(JsonWriter& json, const Measurements& measured) {
     if (measured.rows[row].Count() > 1) {
       json.Break().Key(kRowNames[row].key).Open('[');
       for (const auto& [ns, count] : measured.rows[row].Bins()) {
-        json.Open('[').Number(ns / static_cast<double>(kNsPerMs), kBinDigits).Count(count).Close(']');
+        json.Open('[')
+            .Number(ns / static_cast<double>(kNsPerMs), kBinDigits)
+            .Count(count)
+            .Close(']');
       }
       json.Close(']');
     }
@@ -212,6 +215,14 @@ void WriteSummary(JsonWriter& json, const Calls& calls, const RunFacts& facts,
   json.Key("start_us").Integer(header.startUs);
   json.Key("recorder_cost_us").Number(static_cast<double>(header.costPs) / kPsPerUs);
   json.Key("dropped").Count(MissingCalls(calls, measured));
+  Milliseconds(json, "span", measured.spanNs);
+  const bool isCut = header.state != RecordingState::kEnded && measured.unfinished != nullptr;
+  TextOrNull(json, "unfinished", isCut ? measured.unfinished : "");
+  json.Key("output_types").Open('[');
+  for (const int64_t type : measured.outputTypes) {
+    json.Integer(type);
+  }
+  json.Close(']');
   WriteWhere(json, calls, facts);
   WriteLoop(json, measured);
   WriteStatistics(json, measured);

@@ -65,9 +65,9 @@ void PrintRow(std::FILE* file, const char* title, const Distribution& times) {
   const auto count = static_cast<double>(times.Count());
   const double mean = static_cast<double>(times.TotalNs()) / count;
   std::fprintf(file, "%-24s%7llu", title, static_cast<unsigned long long>(times.Count()));
-  for (const double ns : {static_cast<double>(times.MinNs()), mean, times.Percentile(0.5),
-                          times.Percentile(0.9), times.Percentile(0.95), times.Percentile(0.99),
-                          static_cast<double>(times.MaxNs())}) {
+  for (const double ns :
+       {static_cast<double>(times.MinNs()), mean, times.Percentile(0.5), times.Percentile(0.9),
+        times.Percentile(0.95), times.Percentile(0.99), static_cast<double>(times.MaxNs())}) {
     std::fprintf(file, "%10.4f", ns / kNsPerMs);
   }
   std::fprintf(file, "%12.1f\n", mean > 0 ? kNsPerSecond / mean : 0);

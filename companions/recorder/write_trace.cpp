@@ -40,8 +40,8 @@ class TraceWriter : public RunSink {
     if (!isKept_ || (kind.onlyAsks && !plan_.everyCall && HasReturned(call))) {
       return;
     }
-    Begin(NameOf(call), plan_.everyCall ? CategoryOf(NameOf(call)) : "", HasReturned(call) ? "X" : "B",
-          call.startNs);
+    Begin(NameOf(call), plan_.everyCall ? CategoryOf(NameOf(call)) : "",
+          HasReturned(call) ? "X" : "B", call.startNs);
     if (HasReturned(call)) {
       Duration(call.startNs, EndOf(call));
     }
@@ -56,10 +56,11 @@ class TraceWriter : public RunSink {
       Begin(span.name.c_str(), isPhase ? "phase" : "copy", "X", span.startNs);
       Duration(span.startNs, span.endNs);
       json_.Key("pid").Integer(1).Key("tid").Integer(1);
-      if (!span.isComplete) {
-        json_.Key("args").Open('{').Key("complete").Bool(false).Close('}');
-      } else if (plan_.everyCall && span.bytes > 0) {
-        json_.Key("args").Open('{').Key("bytes").Count(span.bytes).Close('}');
+      if (!span.isComplete || plan_.everyCall) {
+        json_.Key("args").Open('{').Key("complete").Bool(span.isComplete);
+        WriteNumber("group", span.group);
+        WriteNumber("bytes", span.bytes == 0 ? -1 : static_cast<long>(span.bytes));
+        json_.Close('}');
       }
       json_.Close('}');
     }
@@ -187,16 +188,14 @@ TracePlan PlanTrace(const Measurements& measured, long most, long some, bool eve
   TracePlan plan;
   plan.inferences = measured.inferences;
   plan.everyCall = everyCall;
+  plan.atEachEnd = some;
+  for (const SlowInference& inference : measured.slowest) {
+    plan.slowest.push_back(inference.group);
+  }
+  std::sort(plan.slowest.begin(), plan.slowest.end());
   if (measured.inferences > most) {
     constexpr long kBetween = 7;  // so that the trace shows about ten times `some`
-    plan.atEachEnd = some;
     plan.every = (measured.inferences + kBetween * some - 1) / (kBetween * some);
-    for (const SlowInference& inference : measured.slowest) {
-      if (static_cast<long>(plan.slowest.size()) < some) {
-        plan.slowest.push_back(inference.group);
-      }
-    }
-    std::sort(plan.slowest.begin(), plan.slowest.end());
   }
   return plan;
 }
