@@ -2,15 +2,15 @@
 
 from __future__ import annotations
 
-from dataclasses import asdict, dataclass, field, fields
+from dataclasses import dataclass, field
 from pathlib import Path
 from typing import Any, Optional, TextIO
 
-from quilmrun_tools.common.errors import Unreadable
-from quilmrun_tools.common.json_files import read_json, write_json
+from quilmrun_tools.common.decoding import Wrong, decode, not_in_json
+from quilmrun_tools.common.json_files import Format, headed, read_json, write_json
 
 FORMAT = "quilmrun-boards"
-VERSION = 1
+FORM = Format(FORMAT, 1, "run quilmrun-boards again")
 FILE_NAME = "boards.json"
 
 # A median is remarkable from this share of the others' on.
@@ -106,7 +106,7 @@ class BoardResults:
     unsplit_from: Optional[int] = None  # the inference from which on one board did all the rest
     boards: list[Board] = field(default_factory=list)
     parts: list[Part] = field(default_factory=list)
-    path: str = ""  # where it was read from
+    path: str = not_in_json(default="")  # where it was read from
 
     @property
     def missing(self) -> int:
@@ -115,38 +115,21 @@ class BoardResults:
 
     def write(self, path: str, out: TextIO) -> None:
         """Writes the file; "-" is the stream `out`."""
-        value = asdict(self)
-        del value["path"]
-        write_json(path, {"format": FORMAT, "version": VERSION, **value}, out)
+        write_json(path, headed(FORM, self), out)
 
 
 def read_board_results(path: str) -> BoardResults:
     """Reads a boards.json, or the one in the directory `path`; raises Unreadable."""
     if Path(path).is_dir():
         path = str(Path(path) / FILE_NAME)
-    value = read_json(path, FORMAT)
-    if value.get("version") != VERSION:
-        raise Unreadable(f"{path} has version {value.get('version')}, and this quilmrun-boards "
-                         f"knows {VERSION}: use the one that wrote it")
-    try:
-        known: dict[str, Any] = {one.name: value[one.name] for one in fields(BoardResults) if one.name != "path"}
-        boards = [_board(board) for board in value["boards"]]
-        parts = [part_from_json(part) for part in value["parts"]]
-        return BoardResults(**{**known, "boards": boards, "parts": parts, "path": path})
-    except (KeyError, TypeError, AttributeError) as error:
-        raise Unreadable(f"{path} is not complete: run quilmrun-boards again") from error
+    results = read_json(path, FORM, BoardResults)
+    results.path = path
+    return results
 
 
 def part_from_json(value: dict[str, Any]) -> Part:
-    """A part as asdict() has it; raises KeyError or TypeError for anything else."""
-    tries = tuple(Try(**one) for one in value["tries"])
-    return Part(**{**value, "tries": tries, "latency": _optional(Latency, value["latency"])})
-
-
-def _board(value: dict[str, Any]) -> Board:
-    return Board(**{**value, "latency": _optional(Latency, value["latency"]),
-                    "difference": _optional(Difference, value["difference"])})
-
-
-def _optional(kind: Any, value: Optional[dict[str, Any]]) -> Any:
-    return None if value is None else kind(**value)
+    """A part as asdict() has it; raises TypeError for anything else."""
+    try:
+        return decode(Part, value)
+    except Wrong as wrong:
+        raise TypeError(str(wrong)) from wrong

@@ -1,17 +1,65 @@
-"""Element types of inputs and outputs, and how values become elements of them."""
+"""Element types of inputs and outputs: the one table of them, and how values become elements."""
+
+from dataclasses import dataclass
+from typing import Any, Protocol
 
 import numpy as np
 
-from quilmrun_tools.artifacts.run_log import TYPES, Tensor
 from quilmrun_tools.common.errors import Unreadable
 
+FLOATS, HALF_BITS, INT32_BITS = "<f4", "half bits", "<i4"  # what Values.type may say of a .bin
 
-def dtype_of(tensor: Tensor) -> np.dtype:
+
+@dataclass(frozen=True)
+class ElementType:
+    """A type that the runtime has a code for."""
+    code: int
+    name: str  # as users write it
+    dtype: "np.dtype[Any]"  # of an input file's elements; little-endian
+    stored_as: str  # what an output's .bin holds, as Values.type
+
+
+# In a .bin every element takes 32 bits: those of a float for most types. Half floats stand there as
+# the number that their 16 bits spell, and 32-bit integers as their own bits.
+ELEMENT_TYPES = {code: ElementType(code, name, np.dtype(dtype), stored_as)
+                 for code, name, dtype, stored_as in (
+                     (0, "float", "<f4", FLOATS), (1, "half", "<f2", HALF_BITS),
+                     (2, "int8", "<i1", FLOATS), (3, "int32", "<i4", INT32_BITS),
+                     (4, "uint8", "<u1", FLOATS), (6, "int16", "<i2", FLOATS),
+                     (7, "uint16", "<u2", FLOATS))}
+# As users name what a .bin holds.
+STORED_AS = {"float": FLOATS, "half": HALF_BITS, "int32": INT32_BITS}
+
+
+def type_name(code: int) -> str:
+    """As users write it: float, half, int8, ..."""
+    return ELEMENT_TYPES[code].name if code in ELEMENT_TYPES else f"type {code}"
+
+
+def stored_as(code: int) -> str:
+    """What an output's .bin holds; types without a code in the table are written as floats."""
+    return ELEMENT_TYPES[code].stored_as if code in ELEMENT_TYPES else FLOATS
+
+
+class Typed(Protocol):
+    """An input or output, as run_log.Tensor."""
+
+    @property
+    def name(self) -> str:
+        """As the runtime names it."""
+
+    @property
+    def type_code(self) -> int:
+        """The runtime's code of its elements."""
+
+
+def dtype_of(tensor: Typed) -> "np.dtype[Any]":
     """The element type of an input; little-endian, as the files of quilmrun are."""
-    if tensor.type_code not in TYPES:
+    if tensor.type_code not in ELEMENT_TYPES:
+        known = ", ".join(f"{code} ({one.name})" for code, one in ELEMENT_TYPES.items())
         raise Unreadable(f"{tensor.name} has elements of type {tensor.type_code}, which is none "
-                         f"of {', '.join(f'{code} ({name})' for code, (_, name) in TYPES.items())}")
-    return np.dtype(TYPES[tensor.type_code][0])
+                         f"of {known}")
+    return ELEMENT_TYPES[tensor.type_code].dtype
 
 
 def limits(dtype: np.dtype) -> tuple[float, float]:

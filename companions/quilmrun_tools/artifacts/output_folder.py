@@ -1,25 +1,45 @@
-"""Finds the output files of quilmrun: DIRECTORY/RUN/NAME.DUPLICATE.TIMESTAMP.bin and .float.
+"""Finds the output files of quilmrun, DIRECTORY/RUN/NAME.DUPLICATE.TIMESTAMP.bin and .float, and
+tells which of them one run of the tool wrote.
 
-A directory keeps the files of earlier runs of the tool. A run of the tool numbers its inferences
-from 0 and stamps its files with the time, so going back in time from the newest file, the newest
-run ends where the number rises or a file of the same output comes again.
+The tool never deletes, so a directory may hold the files of several runs. Time stamps alone do not
+tell these apart: the clock of a board may start in 1970, or be set while the tool runs. Where they
+are needed, everything in the directory has to agree with what they say; otherwise nothing is chosen.
 """
 
+import functools
 import os
 import re
+from array import array
 from dataclasses import dataclass, field
 from pathlib import Path
-from typing import Iterator, Optional
+from typing import Any, Iterator, Optional
 
+import numpy as np
+
+from quilmrun_tools.artifacts.record import Record
+from quilmrun_tools.artifacts.run_log import RunLog, name_in_files
 from quilmrun_tools.common.errors import Unreadable
 
-_FILE = re.compile(r"(.+)\.(\d+)\.(\d+)\.(bin|float)", re.DOTALL)
+Key = tuple[str, int]  # an output's name in files, and how many of that name come before it
+Table = np.ndarray[Any, Any]
+
+_FILE = re.compile(r"(.+)\.([0-9]{1,9})\.([0-9]{1,18})\.(bin|float)", re.DOTALL)
+_INFERENCE = re.compile(r"0|[1-9][0-9]{0,8}")
+_ROW = np.dtype([("run", "i4"), ("key", "i4"), ("stamp", "i8"), ("bin", "?"), ("float", "?")])
+_NAMED = 1000  # files left out that are kept by name
+_STEPS = 10  # a step within a run may be so many times the usual one
+_SHORT_STEP_US = 10_000_000  # a step below this is never too long
+_CLOCK_SLACK_US = 1_000_000  # between the clocks of a record and of the outputs
+
+
+class NoOutputs(Unreadable):
+    """A directory has no output files at all."""
 
 
 @dataclass(frozen=True)
-class Output:
+class OutputFile:
     """The files of one output of one inference."""
-    run: int
+    run: int  # the number of the inference
     name: str
     duplicate: int  # earlier outputs of the same name in the same inference
     timestamp_us: int  # microseconds since 1970
@@ -27,75 +47,131 @@ class Output:
     float_path: Optional[Path] = None
 
     @property
-    def key(self) -> tuple[str, int]:
+    def key(self) -> Key:
+        """What tells it from the other outputs of the inference."""
         return self.name, self.duplicate
 
 
 @dataclass
-class Run:
-    """One inference: what the newest run of the tool wrote, and what was there before."""
-    index: int
-    outputs: list[Output] = field(default_factory=list)  # in the order of writing
-    older: list[Output] = field(default_factory=list)
-
-
-@dataclass
-class Folder:
-    """An output directory."""
+class OutputFolder:
+    """What one run of the tool wrote to a directory. Its table has one row an output of an
+    inference, so that a million of them fit into memory."""
     path: Path
-    runs: list[Run]  # of the newest run of the tool, by number
-    older: list[Output]  # of earlier ones, oldest first
+    names: list[Key]  # by the number that the table has for an output
+    table: Table  # by inference, then in the order of writing
+    log: Optional[RunLog] = None
+    left_out: int = 0  # outputs of other runs
+    left_out_names: list[str] = field(default_factory=list)  # the first of them
+
+    @property
+    def runs(self) -> list[int]:
+        """The numbers of its inferences."""
+        numbers: list[int] = self._places[0].tolist()
+        return numbers
+
+    @functools.cached_property
+    def _places(self) -> tuple[Table, Table]:
+        """The numbers of the inferences, and where their rows begin and the last ones end."""
+        numbers, starts = np.unique(self.table["run"], return_index=True)
+        return numbers, np.append(starts, len(self.table))
+
+    @property
+    def expected(self) -> int:
+        """How many inferences there were to be, by the log; otherwise 1 more than the last."""
+        known = int(self.table["run"][-1]) + 1
+        return max(known, self.log.planned, self.log.executed) if self.log else known
+
+    def keys(self) -> list[Key]:
+        """All outputs: in the order of the model where the log tells it, otherwise of writing."""
+        found, first = np.unique(self.table["key"], return_index=True)
+        keys = [self.names[key] for key in found[np.argsort(first)]]
+        if self.log:
+            order = [name_in_files(tensor.name) for tensor in self.log.outputs]
+            keys.sort(key=lambda key: (order.index(key[0]), key[1]) if key[0] in order
+                      else (len(order), 0))
+        return keys
+
+    def outputs_of(self, run: int) -> list[OutputFile]:
+        """The outputs of one inference, in the order of writing."""
+        numbers, starts = self._places
+        at = int(np.searchsorted(numbers, run))
+        if at == len(numbers) or numbers[at] != run:
+            return []
+        return [self._output(row) for row in self.table[starts[at]:starts[at + 1]]]
+
+    def incomplete_runs(self) -> list[int]:
+        """The inferences of which an output has no .bin."""
+        return [int(run) for run in np.unique(self.table["run"][~self.table["bin"]])]
+
+    def stamps(self) -> list[tuple[int, int]]:
+        """(first, last) time stamp of every inference, in microseconds since 1970."""
+        starts, stamps = self._places[1][:-1], self.table["stamp"]
+        return [(int(low), int(high)) for low, high in
+                zip(np.minimum.reduceat(stamps, starts), np.maximum.reduceat(stamps, starts))]
+
+    def _output(self, row: Any) -> OutputFile:
+        run, key, stamp = int(row["run"]), self.names[row["key"]], int(row["stamp"])
+        stem = f"{self.path}/{run}/{key[0]}.{key[1]}.{stamp}"
+        return OutputFile(run, key[0], key[1], stamp, Path(stem + ".bin") if row["bin"] else None,
+                          Path(stem + ".float") if row["float"] else None)
+
+    def _chosen(self, rows: Table) -> "OutputFolder":
+        """This folder with some of its rows."""
+        others = np.delete(self.table, rows)
+        kept = OutputFolder(self.path, self.names, self.table[np.sort(rows)], self.log, len(others))
+        kept.left_out_names = [str(output.bin_path or output.float_path) for output in
+                               map(self._output, others[:_NAMED])]
+        return kept
 
 
-def scan_folder(folder: str) -> Folder:
-    """All outputs of a directory; raises Unreadable when there are none."""
+def read_output_folder(folder: str, log: Optional[RunLog] = None, record: Optional[Record] = None,
+                       newest: bool = False) -> OutputFolder:
+    """The outputs of the run in a directory that `log` and `record` are about; with `newest`, those
+    of the newest by time stamps. Raises Unreadable when there are none, or when there are those of
+    several runs and nothing tells which are meant."""
     root = Path(folder)
+    found = _find(root, folder)
+    found.log = log
+    if newest:
+        return found._chosen(_Choice(found, log, record).newest())
+    return found._chosen(_Choice(found, log, record).meant())
+
+
+def _find(root: Path, folder: str) -> OutputFolder:
+    """Everything in a directory."""
+    numbers: dict[Key, int] = {}
+    columns = array("q"), array("q"), array("q"), array("q")
     try:
-        found = list(_find(root))
-    except OSError as error:
-        raise Unreadable(f"cannot read {error.filename or folder}: {error.strerror}; name the "
-                         "directory that quilmrun was given with -o") from error
-    if not found:
-        raise Unreadable(f"no outputs in {folder}: {_advice(root)}")
-    # Of equal stamps the later inference counts as the later file.
-    found.sort(key=lambda output: (output.timestamp_us, output.run))
-    start = _start_of_newest(found)
-    runs = {output.run: Run(output.run) for output in found[start:]}
-    for output in found[start:]:
-        runs[output.run].outputs.append(output)
-    for output in found[:start]:
-        if output.run in runs:
-            runs[output.run].older.append(output)
-    return Folder(root, [runs[index] for index in sorted(runs)], found[:start])
+        for run, key, stamp, kind in _scan(root):
+            for column, value in zip(columns, (run, numbers.setdefault(key, len(numbers)), stamp,
+                                               kind)):
+                column.append(value)
+    except (OSError, ValueError) as error:
+        name = getattr(error, "filename", None) or folder
+        raise Unreadable(f"cannot read {name}: {getattr(error, 'strerror', None) or error}; name "
+                         "the directory that quilmrun was given with -o") from error
+    if not numbers:
+        raise NoOutputs(f"no outputs in {folder}: {_advice(root)}")
+    table = np.empty(len(columns[0]), _ROW)
+    table["run"], table["key"], table["stamp"], kinds = columns
+    table["bin"], table["float"] = np.bitwise_and(kinds, 1), np.bitwise_and(kinds, 2)
+    return OutputFolder(root, [*numbers], table[np.lexsort((table["stamp"], table["run"]))])
 
 
-def _find(root: Path) -> Iterator[Output]:
+def _scan(root: Path) -> Iterator[tuple[int, Key, int, int]]:
+    """(inference, output, time stamp, 1 for a .bin + 2 for a .float)"""
     with os.scandir(root) as entries:
-        directories = [entry.path for entry in entries
-                       if re.fullmatch(r"[0-9]+", entry.name) and entry.is_dir()]
-    for directory in directories:
-        run = int(os.path.basename(directory))
-        files: dict[tuple[str, int, int], dict[str, Path]] = {}
-        for name in os.listdir(directory):
-            match = _FILE.fullmatch(name)
+        directories = [entry.name for entry in entries
+                       if _INFERENCE.fullmatch(entry.name) and entry.is_dir()]
+    for name in directories:
+        files: dict[tuple[str, int, int], int] = {}
+        for file in sorted(os.listdir(root / name)):
+            match = _FILE.fullmatch(file)
             if match:
                 key = match.group(1), int(match.group(2)), int(match.group(3))
-                files.setdefault(key, {})[match.group(4)] = Path(directory, name)
-        for key, paths in files.items():
-            yield Output(run, *key, paths.get("bin"), paths.get("float"))
-
-
-def _start_of_newest(outputs: list[Output]) -> int:
-    """Where the newest run of the tool begins among outputs in the order of time."""
-    seen = set()
-    last = outputs[-1].run
-    for at in range(len(outputs) - 1, -1, -1):
-        output = outputs[at]
-        if output.run > last or (output.run, *output.key) in seen:
-            return at + 1
-        seen.add((output.run, *output.key))
-        last = output.run
-    return 0
+                files[key] = files.get(key, 0) | (1 if match.group(4) == "bin" else 2)
+        for (output, duplicate, stamp), kinds in files.items():
+            yield int(name), (output, duplicate), stamp, kinds
 
 
 def _advice(root: Path) -> str:
@@ -105,3 +181,112 @@ def _advice(root: Path) -> str:
     if any(_FILE.fullmatch(name) for name in names):
         return f"it is the directory of one inference; name the one above, {root.resolve().parent}"
     return "name the directory that quilmrun was given with -o"
+
+
+class _Choice:
+    """Which of all outputs in a directory belong to one run of the tool."""
+
+    def __init__(self, folder: OutputFolder, log: Optional[RunLog],
+                 record: Optional[Record]) -> None:
+        self._folder, self._table = folder, folder.table
+        self._log, self._record = log, record
+        self._counted = log.executed if log else 0
+
+    def meant(self) -> Table:
+        """The rows of the outputs that count; raises Unreadable when that is not certain."""
+        if self._once() and self._uniform(self._table):
+            return self._single()
+        segments = self._segments()
+        if len(segments) == 1:
+            return self._single()
+        for candidates in (self._by_record(segments), self._by_log(segments)):
+            if len(candidates) == 1 and self._steady(candidates[0]):
+                return candidates[0]
+        told = "neither a log nor a record tells" if not self._log and not self._record else \
+            "its log and record do not tell"
+        raise Unreadable(f"{self._folder.path} holds the outputs of several runs of quilmrun, and "
+                         f"{told} for certain which are meant: {self._remedy()}")
+
+    def newest(self) -> Table:
+        """The newest run by time stamps."""
+        return self._segments()[-1]
+
+    def _remedy(self) -> str:
+        return ("let every run write to a folder of its own (-o), or take the newest by its time "
+                "stamps with --newest")
+
+    def _single(self) -> Table:
+        """All outputs, as those of one run; without the last inference, where a run that failed
+        broke off within it."""
+        runs = np.unique(self._table["run"])
+        if not self._counted or len(runs) <= self._counted:
+            return np.arange(len(self._table))
+        if self._log and not self._log.succeeded and len(runs) == self._counted + 1:
+            return np.flatnonzero(self._table["run"] < runs[-1])
+        raise Unreadable(f"{self._folder.path} holds the outputs of {len(runs)} inferences, and "
+                         f"the log {self._log.path if self._log else ''} tells of {self._counted}: "
+                         f"name the log of these outputs, or {self._remedy()}")
+
+    def _once(self) -> bool:
+        """Whether no inference has two files of one output."""
+        places = self._table["run"].astype("i8") * len(self._folder.names) + self._table["key"]
+        return len(np.unique(places)) == len(places)
+
+    def _uniform(self, rows: Table) -> bool:
+        """Whether all inferences have all outputs, when none has one twice."""
+        return len(np.unique(rows["run"])) * len(np.unique(rows["key"])) == len(rows)
+
+    def _whole(self, segment: Table) -> bool:
+        """Whether a segment is what a run of the tool writes: inferences from 0 on, with all
+        outputs each."""
+        rows = self._table[segment]
+        return self._uniform(rows) and int(rows["run"].max()) + 1 == len(np.unique(rows["run"]))
+
+    def _segments(self) -> list[Table]:
+        """The rows of what seems to be single runs, oldest first. The tool numbers its inferences from
+        0, so going back in time a run ends where the number rises or an output comes again."""
+        # Of equal stamps the later inference counts as the later file.
+        order = np.lexsort((self._table["run"], self._table["stamp"]))
+        segments: list[list[int]] = [[]]
+        seen: set[tuple[int, int]] = set()
+        last = -1
+        for at in order[::-1]:
+            run, key = int(self._table["run"][at]), int(self._table["key"][at])
+            if segments[-1] and (run > last or (run, key) in seen):
+                segments.append([])
+                seen.clear()
+            segments[-1].append(at)
+            seen.add((run, key))
+            last = run
+        return [np.array(segment) for segment in reversed(segments)]
+
+    def _by_record(self, segments: list[Table]) -> list[Table]:
+        """The segments that were written while the record was made."""
+        if not self._record or not self._record.start_us:
+            return []
+        start = self._record.start_us - _CLOCK_SLACK_US
+        end = start + 1000 * self._record.span_ms + 2 * _CLOCK_SLACK_US
+        count = self._record.inferences or self._counted
+        within = [segment for segment in segments
+                  if start <= self._table["stamp"][segment].min()
+                  and self._table["stamp"][segment].max() <= end]
+        return [segment for segment in within if len(within) == 1 and self._whole(segment)
+                and count in (0, len(np.unique(self._table["run"][segment])))]
+
+    def _by_log(self, segments: list[Table]) -> list[Table]:
+        """The segments with as many inferences as the log has, and with its outputs. If any of the
+        others is not whole, a clock was set within a run, and stamps tell nothing."""
+        if not self._log or not self._counted or not all(map(self._whole, segments)):
+            return []
+        wanted = sorted(name_in_files(tensor.name) for tensor in self._log.outputs)
+        return [segment for segment in segments
+                if len(np.unique(self._table["run"][segment])) == self._counted and wanted == sorted(
+                    self._folder.names[key][0] for key in np.unique(self._table["key"][segment]))]
+
+    def _steady(self, segment: Table) -> bool:
+        """Whether no two inferences of a segment are much farther from each other in time than is
+        usual: a gap may be where a clock was set, and the ends of two runs meet."""
+        stamps = np.sort(self._table["stamp"][segment])
+        steps = np.diff(stamps)
+        return not len(steps) or bool(
+            steps.max() <= max(_STEPS * int(np.median(steps)), _SHORT_STEP_US))

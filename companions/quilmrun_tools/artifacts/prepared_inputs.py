@@ -1,14 +1,16 @@
 """inputs.json, in which quilmrun-inputs says what every input file was made of."""
 
-from dataclasses import asdict, dataclass, field
+import functools
+from dataclasses import dataclass, field
 from pathlib import Path
-from typing import Any
 
-from quilmrun_tools.common.errors import Unreadable
-from quilmrun_tools.common.json_files import read_json
+from quilmrun_tools.artifacts.run_log import Tensor
+from quilmrun_tools.common.decoding import json_name, not_in_json
+from quilmrun_tools.common.json_files import Format, headed, read_json
 
 FORMAT = "quilmrun-inputs"
 FILE_NAME = "inputs.json"
+FORM = Format(FORMAT, 1, "prepare the inputs again with quilmrun-inputs")
 
 
 @dataclass(frozen=True)
@@ -21,6 +23,7 @@ class Source:
 
     @property
     def label(self) -> str:
+        """Its file name."""
         return Path(self.path).name
 
 
@@ -35,51 +38,50 @@ class PreparedFile:
     sources: tuple[Source, ...]  # one for each batch
 
 
+@dataclass(frozen=True)
+class PreparedModel:
+    """The model that the inputs were prepared for."""
+    path: str = ""
+    inputs: tuple[Tensor, ...] = ()
+
+
 @dataclass
 class Manifest:
     """All of inputs.json."""
     created: str  # as 2026-11-23T07:00:00Z
     command: list[str]
-    options: dict[str, Any]
-    model: dict[str, Any]  # "path" and "inputs", a list of dicts
-    list_file: str = "list.txt"
+    options: dict[str, object]  # as the command line was understood; for people only
+    model: PreparedModel
+    list_file: str = json_name("list", default="list.txt")
     batch: int = 1
     files: list[PreparedFile] = field(default_factory=list)
-    path: str = ""  # where it was read from
+    path: str = not_in_json(default="")  # where it was read from
+
+    def files_of(self, inference: int) -> list[PreparedFile]:
+        """The input files of one inference, in the order of the model's inputs."""
+        return self._by_inference.get(inference, [])
 
     def sources_of(self, inference: int) -> list[Source]:
         """The pictures or arrays of one inference, first input first, without repetitions."""
-        found = dict.fromkeys(source for file in self._by_inference().get(inference, ())
-                              for source in file.sources)
-        return [*found]
+        return [*dict.fromkeys(source for file in self.files_of(inference)
+                               for source in file.sources)]
 
+    @functools.cached_property
     def _by_inference(self) -> dict[int, list[PreparedFile]]:
-        if not hasattr(self, "_index"):
-            self._index: dict[int, list[PreparedFile]] = {}
-            for file in self.files:
-                self._index.setdefault(file.inference, []).append(file)
-        return self._index
+        index: dict[int, list[PreparedFile]] = {}
+        for file in self.files:
+            index.setdefault(file.inference, []).append(file)
+        return index
 
-    def to_dict(self) -> dict[str, Any]:
+    def to_dict(self) -> dict[str, object]:
         """As written to the file."""
-        value = asdict(self)
-        files = value.pop("files")
-        return {"format": FORMAT, "version": 1, "created": value["created"],
-                "command": value["command"], "options": value["options"], "model": value["model"],
-                "list": value["list_file"], "batch": value["batch"], "files": files}
+        return headed(FORM, self)
 
 
 def read_manifest(path: str) -> Manifest:
     """Reads an inputs.json, or the one in the directory `path`."""
     if Path(path).is_dir():
         path = str(Path(path) / FILE_NAME)
-    value = read_json(path, FORMAT)
-    try:
-        files = [PreparedFile(**{**file, "sources": tuple(Source(**source)
-                                                          for source in file["sources"])})
-                 for file in value["files"]]
-        return Manifest(value["created"], value["command"], value["options"], value["model"],
-                        value["list"], value["batch"], files, path)
-    except (KeyError, TypeError) as error:
-        raise Unreadable(f"{path} is not complete: prepare the inputs again with "
-                             "quilmrun-inputs") from error
+    manifest = read_json(path, FORM, Manifest)
+    manifest.path = path
+    return manifest

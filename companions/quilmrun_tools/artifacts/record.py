@@ -13,8 +13,11 @@ from pathlib import Path
 from typing import Any, Iterator
 
 from quilmrun_tools.common.errors import Unreadable
+from quilmrun_tools.common.files import AnyPath, read_regular
+from quilmrun_tools.common.json_files import Format, check_version, decoded
 
 FORMAT = "quilmrun-record"
+FORM = Format(FORMAT, 1, "record the run again with quilmrun-record -o FILE quilmrun ...")
 EXECUTE = "quilm_mdl_execute"
 PERCENTILES = (50, 90, 95, 99)
 
@@ -43,14 +46,14 @@ class Distribution:
     """What a number of durations have in common; all in milliseconds but count and rate."""
 
     count: int
-    min: float
-    mean: float
-    p50: float
-    p90: float
-    p95: float
-    p99: float
-    max: float
-    per_second: float
+    min: float = 0.0
+    mean: float = 0.0
+    p50: float = 0.0
+    p90: float = 0.0
+    p95: float = 0.0
+    p99: float = 0.0
+    max: float = 0.0
+    per_second: float = 0.0
 
     @staticmethod
     def of(durations: list[float]) -> "Distribution | None":
@@ -58,19 +61,9 @@ class Distribution:
         if not durations:
             return None
         ranked, count, total = sorted(durations), len(durations), sum(durations)
-        return Distribution(count, ranked[0], total / count,
-                            *(_percentile(ranked, percent) for percent in PERCENTILES),
-                            ranked[-1], 1000.0 * count / total if total > 0 else 0.0)
-
-    @staticmethod
-    def from_json(values: Any) -> "Distribution | None":
-        """The distribution that the recorder computed itself; None when there is none."""
-        names = Distribution.__dataclass_fields__
-        if not isinstance(values, dict) or not values.get("count"):
-            return None
-        if not all(isinstance(values.get(name, 0), (int, float)) for name in names):
-            return None
-        return Distribution(**{name: values.get(name, 0) for name in names})
+        p50, p90, p95, p99 = (_percentile(ranked, percent) for percent in PERCENTILES)
+        return Distribution(count, ranked[0], total / count, p50, p90, p95, p99, ranked[-1],
+                            1000.0 * count / total if total > 0 else 0.0)
 
 
 def _percentile(ranked: list[float], percent: int) -> float:
@@ -113,6 +106,12 @@ class Record:
                 - min(call.start_ms for call in self.calls))
 
     @property
+    def inferences(self) -> int:
+        """How many there were; 0 when nothing tells."""
+        row = self.statistics.get("inference")
+        return row.count if row else 0
+
+    @property
     def peak_memory(self) -> int | None:
         """The most device memory in use at once, in bytes."""
         return max((point.bytes for point in self.memory), default=None)
@@ -124,27 +123,61 @@ class Record:
             [call.duration_ms for call in executions])
 
 
-def read_record(path: Path) -> Record:
+@dataclass(frozen=True)
+class _Header:
+    """The facts of a run, as "otherData" has them."""
+    command: list[str] = field(default_factory=list)
+    library: str = ""
+    complete: bool = False
+    exit_status: int | None = None
+    start_us: int = 0
+    recorder_cost_us: float | None = None
+    dropped: int = 0
+    statistics: dict[str, Distribution | None] = field(default_factory=dict)
+
+
+@dataclass(frozen=True)
+class _Arguments:
+    """What an event says of its call, or of device memory."""
+    result: int | str | None = None
+    group: int | None = None
+    bytes: int | None = None
+
+
+@dataclass(frozen=True)
+class _Event:
+    """A trace event; times in microseconds."""
+    name: str = ""
+    ph: str = ""
+    ts: float | None = None  # events without it describe the trace itself
+    dur: float = 0.0
+    args: _Arguments = field(default_factory=_Arguments)
+
+
+def read_record(path: AnyPath) -> Record:
     """Reads a record, whole or cut short; raises Unreadable with a line that says what to do."""
+    text = read_regular(path).decode("utf-8", "replace")
     try:
-        text = path.read_text(encoding="utf-8", errors="replace")
-    except OSError as error:
-        raise Unreadable(f"{path}: {error.strerror}; record the run with quilmrun-record -o "
-                         f"{path} quilmrun ...") from error
-    try:
-        document, whole = json.loads(text), True
+        document, whole = json.loads(text, parse_constant=_no_number), True
+    except RecursionError:
+        raise Unreadable(f"{path} is nested too deeply: {FORM.remedy}") from None
     except ValueError:
         document, whole = _salvage(text), False
     header = document.get("otherData") if isinstance(document, dict) else None
     if not whole and header is None and document["traceEvents"]:
-        header = {"format": FORMAT}  # was to follow the events
+        header = {"format": FORMAT, "version": FORM.version}  # was to follow the events
     if not isinstance(header, dict) or header.get("format") != FORMAT:
         raise Unreadable(f"{path}: not a record of quilmrun-record; give the file of its option -o")
-    record = _read_header(path, header)
+    check_version(header, path, FORM)
+    record = _read_header(Path(path), header)
     record.part = record.complete and not whole
     record.complete = record.complete and whole
-    _read_events(record, document.get("traceEvents") or [])
+    _read_events(record, decoded(list[_Event], document.get("traceEvents") or [], path, FORM))
     return record
+
+
+def _no_number(text: str) -> float:
+    raise ValueError(f"{text} is no number of JSON")
 
 
 def _salvage(text: str) -> dict[str, Any]:
@@ -154,7 +187,7 @@ def _salvage(text: str) -> dict[str, Any]:
     if header:
         try:
             document["otherData"] = json.JSONDecoder().raw_decode(text, header.end())[0]
-        except ValueError:
+        except (ValueError, RecursionError):
             pass
     return document
 
@@ -165,45 +198,34 @@ def _whole_events(text: str) -> Iterator[Any]:
     start = re.search(r'"traceEvents"\s*:\s*\[', text)
     position = start.end() if start else len(text)
     while True:
-        position = separator.match(text, position).end()
+        match = separator.match(text, position)
+        position = match.end() if match else position
         try:
             event, position = decoder.raw_decode(text, position)
-        except ValueError:
+        except (ValueError, RecursionError):
             return
         yield event
 
 
 def _read_header(path: Path, header: dict[str, Any]) -> Record:
-    status = header.get("exit_status")
-    statistics = header.get("statistics")
-    record = Record(
-        path, [str(word) for word in header.get("command") or []], str(header.get("library", "")),
-        complete=header.get("complete") is True,
-        exit_status=status if isinstance(status, int) else None,
-        start_us=int(header.get("start_us") or 0),
-        recorder_cost_us=header.get("recorder_cost_us"), dropped=int(header.get("dropped") or 0))
-    for name, values in (statistics if isinstance(statistics, dict) else {}).items():
-        distribution = Distribution.from_json(values)
-        if distribution:
-            record.statistics[name] = distribution
-    return record
+    facts = decoded(_Header, header, path, FORM)
+    return Record(path, facts.command, facts.library, facts.complete, facts.exit_status,
+                  facts.start_us, facts.recorder_cost_us, facts.dropped,
+                  {name: row for name, row in facts.statistics.items() if row and row.count})
 
 
-def _read_events(record: Record, events: list[Any]) -> None:
+def _read_events(record: Record, events: list[_Event]) -> None:
     """Sorts the events into calls and memory, with times counted from the first of them."""
-    known = [event for event in events
-             if isinstance(event, dict) and isinstance(event.get("ts"), (int, float))]
-    origin = min((event["ts"] for event in known), default=0)
-    for event in known:
-        at_ms = (event["ts"] - origin) / 1000.0
-        arguments = event.get("args") or {}
-        name = str(event.get("name", ""))
-        if name.startswith("quilm_") and event.get("ph") == "X":
-            record.calls.append(Call(name, at_ms, float(event.get("dur") or 0) / 1000.0,
-                                     arguments.get("result"), arguments.get("group")))
-        elif name.startswith("quilm_") and event.get("ph") == "B":
-            record.unfinished = name
-        elif event.get("ph") == "C" and isinstance(arguments.get("bytes"), int):
-            record.memory.append(MemoryPoint(at_ms, arguments["bytes"]))
+    known = [(event.ts, event) for event in events if event.ts is not None]
+    origin = min((at for at, _ in known), default=0.0)
+    for at, event in known:
+        at_ms, arguments = (at - origin) / 1000.0, event.args
+        if event.name.startswith("quilm_") and event.ph == "X":
+            record.calls.append(Call(event.name, at_ms, event.dur / 1000.0, arguments.result,
+                                     arguments.group))
+        elif event.name.startswith("quilm_") and event.ph == "B":
+            record.unfinished = event.name
+        elif event.ph == "C" and arguments.bytes is not None:
+            record.memory.append(MemoryPoint(at_ms, arguments.bytes))
     record.calls.sort(key=lambda call: call.start_ms)
     record.memory.sort(key=lambda point: point.at_ms)

@@ -6,19 +6,11 @@ The log of a run with an empty list describes the model just as well as one of a
 import math
 import re
 from dataclasses import dataclass, field
-from pathlib import Path
 from typing import Iterator, Optional
 
+from quilmrun_tools.artifacts.element_types import type_name
 from quilmrun_tools.common.errors import Unreadable
-
-# Element types by the runtime's codes: (numpy's name, as users write it).
-TYPES = {0: ("<f4", "float"), 1: ("<f2", "half"), 2: ("<i1", "int8"), 3: ("<i4", "int32"),
-         4: ("<u1", "uint8"), 6: ("<i2", "int16"), 7: ("<u2", "uint16")}
-
-
-def type_name(code: int) -> str:
-    """As users write it: float, half, int8, ..."""
-    return TYPES[code][1] if code in TYPES else f"type {code}"
+from quilmrun_tools.common.files import AnyPath, read_regular
 
 
 @dataclass(frozen=True)
@@ -38,6 +30,7 @@ class Tensor:
 
     @property
     def type_name(self) -> str:
+        """Its element type as users write it."""
         return type_name(self.type_code)
 
 
@@ -52,6 +45,7 @@ class RunLog:
     batch_size: int = 1
     input_files_per_group: int = 0  # without those that take RPN data; 0 when not known
     groups: list[list[str]] = field(default_factory=list)  # input files of every group begun
+    planned: int = 0  # groups in the list; 0 when not known
     executed: int = 0  # groups with outputs
     errors: list[str] = field(default_factory=list)
     warnings: list[str] = field(default_factory=list)
@@ -80,13 +74,9 @@ def name_in_files(name: str) -> str:
     return re.sub(r"[\\./]", "_", name) or "output"
 
 
-def read_log(path: str) -> RunLog:
+def read_log(path: AnyPath) -> RunLog:
     """Reads a log; raises Unreadable when the file is no log that describes a model."""
-    try:
-        text = Path(path).read_text(encoding="utf-8", errors="surrogateescape")
-    except OSError as error:
-        raise Unreadable(f"cannot read the log {path}: {error.strerror}") from error
-    return parse_log(text, path)
+    return parse_log(read_regular(path, "the log").decode("utf-8", "surrogateescape"), str(path))
 
 
 def parse_log(text: str, path: str = "the log") -> RunLog:
@@ -102,34 +92,49 @@ def parse_log(text: str, path: str = "the log") -> RunLog:
     return log
 
 
-_TENSOR = re.compile(r"^\[INFO\]  (Input|Output) index: (\d+), name: (.*)\n"
-                     r"\[INFO\]  Shape: \[([-\d, ]*)\]\n"
-                     r"\[INFO\]  DataType: (-?\d+), stride: (\d+), format: (-?\d+), "
-                     r"dataSizeWithStride: (\d+)$", re.M)
+# Numbers have at most 18 digits, which 64 bits hold; the tool prints no longer ones.
+_NUMBER = r"-?[0-9]{1,18}"
+_TENSOR = re.compile(rf"^\[INFO\]  (Input|Output) index: ({_NUMBER}), name: (.*)\n"
+                     rf"\[INFO\]  Shape: \[((?:{_NUMBER}, )*)\]\n"
+                     rf"\[INFO\]  DataType: ({_NUMBER}), stride: ({_NUMBER}), "
+                     rf"format: ({_NUMBER}), dataSizeWithStride: ({_NUMBER})$", re.M)
+_ANY_TENSOR = re.compile(r"^\[INFO\]  (?:Input|Output) index: ", re.M)
 
 
 def _read_tensors(text: str, log: RunLog) -> None:
-    rows = [(match.group(1), match.group(3),
-             tuple(int(dim) for dim in re.findall(r"-?\d+", match.group(4))),
-             *map(int, match.groups()[4:])) for match in _TENSOR.finditer(text)]
-    log.batch_size = _described_batch(rows)
-    for kind, name, dims, code, stride, form, size in rows:
-        tensor = Tensor(name, dims, code, stride, size // log.batch_size, form)
-        (log.inputs if kind == "Input" else log.outputs).append(tensor)
+    tensors = []
+    for match in _TENSOR.finditer(text):
+        kind, index, name, shape, *numbers = match.groups()
+        code, stride, form, size = map(int, numbers)
+        dims = tuple(map(int, shape.split(", ")[:-1]))
+        tensors.append((kind, int(index), Tensor(name, dims, code, stride, size, form)))
+    log.batch_size = _described_batch([tensor for _, _, tensor in tensors])
+    whole = len(tensors) == len(_ANY_TENSOR.findall(text))
+    for kind, index, one in tensors:
+        found = log.inputs if kind == "Input" else log.outputs
+        if found and index == 0:
+            raise Unreadable(f"{log.path} holds the logs of several runs: give the last one alone")
+        whole = whole and index == len(found)
+        found.append(Tensor(one.name, one.dims, one.type_code, one.stride,
+                            one.size // log.batch_size, one.format))
+    if not whole:
+        raise Unreadable(f"{log.path} is damaged: it does not describe every input and output; "
+                         "save again what quilmrun prints")
 
 
-def _described_batch(rows: list[tuple]) -> int:
+def _described_batch(tensors: list[Tensor]) -> int:
     """The batch size that the sizes of a description hold: they are printed for -b batches, whereas
     dimensions and strides are those of one."""
-    for _, _, dims, _, stride, _, size in rows:
-        one = math.prod(dims[:-1]) * stride
-        if dims and min(dims) > 0 and one and size % one == 0 and size:
-            return size // one
+    for tensor in tensors:
+        one = math.prod(tensor.dims[:-1]) * tensor.stride
+        if tensor.dims and min(tensor.dims) > 0 and one > 0 and tensor.size > 0 and \
+                tensor.size % one == 0:
+            return tensor.size // one
     return 1
 
 
 def _read_course(text: str, log: RunLog) -> None:
-    def every(pattern: str) -> Iterator[re.Match]:
+    def every(pattern: str) -> Iterator[re.Match[str]]:
         return re.finditer(pattern, text, re.M)
 
     def first(pattern: str) -> str:
@@ -138,7 +143,8 @@ def _read_course(text: str, log: RunLog) -> None:
     echoed = [match.group(1) for match in every(r"^\[INFO\]  inputPath: (.*)$")]
     log.model_path = first(r"^\[INFO\]  load model (.*) success$") or (echoed + [""])[0]
     log.settings_path = (echoed + ["", ""])[1]
-    log.input_files_per_group = int(first(r"^\[INFO\]  Model inputNum: (\d+)$") or 0)
+    log.input_files_per_group = int(first(r"^\[INFO\]  Model inputNum: ([0-9]{1,9})$") or 0)
+    log.planned = int(first(r"^\[INFO\]  Model Iters : ([0-9]{1,9})$") or 0)
     files = [match.group(1) for match in every(r"^\[INFO\]  start to process file:(.*)$")]
     step = log.input_files_per_group or max(len(log.data_inputs), 1)
     log.groups = [files[at:at + step] for at in range(0, len(files), step)]
@@ -148,4 +154,5 @@ def _read_course(text: str, log: RunLog) -> None:
     log.stopped = first(r"^\[WARN\]  stopped by a signal: (.*) done$")
     log.succeeded = bool(first(r"^\[INFO\]  (execute sample success)$"))
     log.summary = {match.group(1): float(match.group(2)) for match in
-                   every(r"^\[INFO\]  ([A-Z][\w ]+): +(-?[\d.]+) (?:KB|ms)\.?$")}
+                   every(r"^\[INFO\]  ([A-Z][\w ]+): +(-?[0-9]{1,18}(?:\.[0-9]{1,18})?) "
+                         r"(?:KB|ms)\.?$")}

@@ -3,9 +3,8 @@
 import argparse
 import datetime
 import shlex
-from dataclasses import asdict
 from pathlib import Path
-from typing import Any, Optional
+from typing import Optional
 
 from quilmrun_tools.artifacts import prepared_inputs
 from quilmrun_tools.artifacts.run_log import RunLog, Tensor, read_log
@@ -255,10 +254,9 @@ def _report_skipped(result: prepare.Result, may_skip: bool, streams: Streams) ->
 def _description(log: RunLog, inputs: list[Tensor], options: argparse.Namespace,
                  result: prepare.Result, command: list[str]) -> prepared_inputs.Manifest:
     now = datetime.datetime.now(datetime.timezone.utc)
-    described: list[dict[str, Any]] = [asdict(tensor) for tensor in inputs]
     return prepared_inputs.Manifest(
         now.strftime("%Y-%m-%dT%H:%M:%SZ"), command, vars(options),
-        {"path": options.model or log.model_path, "inputs": described},
+        prepared_inputs.PreparedModel(options.model or log.model_path, tuple(inputs)),
         prepare.LIST_NAME, options.batch, result.files)
 
 
