@@ -7,7 +7,10 @@ import shutil
 import subprocess
 import unittest
 
+import numpy as np
+
 from companion import COMPANIONS, CompanionTest
+from models import floats
 
 DIGITS = COMPANIONS.parent / "examples/digits"
 NAME = "Läufe & <b>co"  # of the run's folder, where it could break a page
@@ -156,6 +159,21 @@ class ReportTest(CompanionTest):
         status, said, _ = self.run_companion("run")
         self.assertEqual((status, said.split("\n")[0]),
                          (0, "No verdict: The model was loaded, and no inference was run."))
+
+    def test_worst_case_beside_its_own_reference(self):
+        """A reference array holds all inferences; each is drawn beside its own part of it."""
+        for run, values in enumerate([[9, 9, 9, 9], [1.5, 2, 3, 4]]):
+            self.write(f"run/{run}/y.0.{run + 10**15}.bin", floats(*values))
+        np.save(self.dir / "reference.npy", np.array([[9, 9, 9, 9], [1, 2, 3, 4]], "f8"))
+        self.run_companion("run", "reference.npy", "--json", "run/comparison.json",
+                           name="quilmrun-compare")
+        self.assertEqual(self.run_companion("run")[0], 1)
+        page = (self.dir / "run/report.html").read_text()
+        charts = json.loads(re.search(r'id="chart-data"[^>]*>(.*?)</script>', page, re.S)[1])
+        drawn = [[y for _, y, *_ in series["points"]] for chart in charts
+                 for series in chart["series"] if len(series["points"]) == 4]
+        self.assertIn([1.5, 2, 3, 4], drawn)
+        self.assertIn([1, 2, 3, 4], drawn)
 
     def test_side_by_side(self):
         before, after = self.make_run("before", factor=2), self.make_run("after")

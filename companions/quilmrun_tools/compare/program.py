@@ -3,19 +3,26 @@
 import argparse
 import math
 from pathlib import Path
+from typing import Callable, Union
 
-from quilmrun_tools.artifacts.prepared_inputs import Source
+from quilmrun_tools.artifacts.comparison import (FORMAT, Comparison, LeftOut, LeftOutOfBoth,
+                                                 Limits)
+from quilmrun_tools.artifacts.output_folder import Key
+from quilmrun_tools.artifacts.run_log import name_in_files
+from quilmrun_tools.artifacts.run_outputs import RunOutputs, Sources, read_run_outputs
 from quilmrun_tools.common.errors import Status, Unreadable
 from quilmrun_tools.common.json_files import check_json, write_json
 from quilmrun_tools.common.parser import Parser
 from quilmrun_tools.common.progress import progress
 from quilmrun_tools.common.streams import Streams
-from quilmrun_tools.compare import comparison, pairing
-from quilmrun_tools.compare.comparison import Comparer, Comparison, Limits
-from quilmrun_tools.compare.metrics import Tally
-from quilmrun_tools.compare.pairing import Key, Side, text
+from quilmrun_tools.compare.collect import MOST_FAILURES, Collector
+from quilmrun_tools.compare.comparer import Comparer, Plan, score_length
+from quilmrun_tools.compare.frames import find_cuts, notes_of
+from quilmrun_tools.compare.same_inputs import find_difference, pair_by_input
+from quilmrun_tools.compare.sides import (ArrayOutputs, Reference, pair_keys, pairs_of, read_arrays,
+                                          same_numbers)
+from quilmrun_tools.compare.table import print_comparison
 
-FORMAT = "quilmrun-compare"
 ATOL, RTOL = 1e-5, 1e-5
 WORST = 10  # runs that are listed
 
@@ -23,7 +30,8 @@ DESCRIPTION = """\
 Compares the outputs of two runs of quilmrun, as those of a board and of the
 PC. OUT is what -o named; REFERENCE another such directory, a folder of NAME.npy
 (the first dimension is the run) or of RUN/NAME.npy, or one .npy file for a
-model's only output. Only the newest run in a directory counts.
+model's only output. A directory that holds the outputs of several runs is
+refused where it is not certain which of them the log or the record is about.
 
 Without limits, every value has to be within 1e-5 + 1e-5 * |reference|, as with
 numpy.allclose, NaN being equal to NaN. Limits replace this: --atol or --rtol
@@ -32,7 +40,8 @@ keep the other's 1e-5, --cosine and --top1 alone do without both.
 Types (half floats and 32-bit integers are stored as patterns of bits) and
 shapes come from the run's log when it is named, or log.txt in the directory
 or above it, names of pictures from inputs.json beside the log's input files.
-Without a log, record.json of quilmrun-record tells the types."""
+Without a log, record.json of quilmrun-record tells the types. Where both
+sides' inputs.json are known, their inputs have to be the same."""
 
 EXAMPLES = """\
   quilmrun-compare board pc
@@ -45,7 +54,7 @@ EXAMPLES = """\
 exit status: 0 within the limits, 1 not, 2 nothing was compared"""
 
 
-def _limit(name: str, largest: float):
+def _limit(name: str, largest: float) -> Callable[[str], float]:
     def parse(value: str) -> float:
         try:
             number = float(value[:-1]) / 100 if value.endswith("%") else float(value)
@@ -61,7 +70,7 @@ def _typed(value: str) -> tuple[str, str]:
     name, _, kind = value.rpartition("=")
     if not name or kind not in ("float", "half", "int32"):
         raise argparse.ArgumentTypeError(f"{value!r} is not NAME=half, NAME=int32 or NAME=float")
-    return pairing.name_in_files(name), kind
+    return name_in_files(name), kind
 
 
 def parser() -> Parser:
@@ -82,8 +91,19 @@ def parser() -> Parser:
     pairs = result.add_argument_group("what belongs together")
     pairs.add_argument("--by-order", action="store_true",
                        help="pair outputs by their order, for a compiler that renames them")
+    pairs.add_argument("--by-input", action="store_true",
+                       help="pair inferences by the checksums of their inputs, not by number")
     pairs.add_argument("--common", action="store_true",
-                       help="compare only what both sides have")
+                       help="compare only what both sides have; what a side lacks of its own log's "
+                            "inferences still fails")
+    pairs.add_argument("--newest", action="store_true",
+                       help="of several runs in a directory, take the newest by its time stamps")
+    pairs.add_argument("--inputs-differ", action="store_true",
+                       help="allow other input files on both sides, as for a model that was "
+                            "compiled with its preprocessing")
+    pairs.add_argument("--frames-axis", type=int, metavar="N",
+                       help="the dimension of a recurrent model's outputs that counts frames, from "
+                            "0 on; default: the one as large as the first input's first")
     pairs.add_argument("--type", type=_typed, action="append", default=[], metavar="NAME=TYPE",
                        help="half, int32 or float, where the log does not tell; for both sides")
     pairs.add_argument("--reference-type", type=_typed, action="append", default=[],
@@ -96,47 +116,95 @@ def parser() -> Parser:
     files.add_argument("--reference-log", metavar="LOG", help="the same for REFERENCE")
     files.add_argument("--inputs", metavar="FILE",
                        help="inputs.json; default: the one beside the log's input files")
+    files.add_argument("--reference-inputs", metavar="FILE", help="the same for REFERENCE")
     result.add_argument("--worst", type=int, default=WORST, metavar="N",
                         help=f"how many of the worst runs are listed; default: {WORST}")
+    result.add_argument("--all-runs", action="store_true",
+                        help=f"list every inference in --json FILE, not only {MOST_FAILURES} "
+                             "failures and the worst others")
     result.add_json()
     return result
 
 
 def main(arguments: list[str], streams: Streams) -> int:
     """Runs the companion."""
-    options = parser().parse_args(arguments)
+    commands = parser()
+    options = commands.parse_args(arguments)
+    if options.worst < 0:
+        commands.error("--worst takes a number from 0 on")
     check_json(options.json, FORMAT)
-    output = pairing.read_side(options.output, options.log, options.inputs, dict(options.type))
+    output = read_run_outputs(options.output, Sources(
+        options.log, options.inputs, dict(options.type), options.newest))
     reference = _reference(options, output)
-    keys = pairing.pair_keys(output, reference, options.by_order)
-    scores = _scores(options, output, reference)
-    result = compare(output, reference, keys, scores, options, streams)
-    notes = output.notes + reference.notes
-    if Path(options.output).resolve() == Path(options.reference).resolve():
-        notes.append("both are the same directory")
-    inputs = output.inputs or reference.inputs
-    sources = {run: inputs.sources_of(run) for run in output.runs | reference.runs} \
-        if inputs else {}
+    result = compare(output, reference, options, streams)
     if options.json:
-        write_json(options.json, comparison.to_json(result, output, reference, notes, sources),
-                   streams.out)
+        write_json(options.json, result.to_dict(), streams.out)
     if options.json != "-":
-        print_result(result, output, notes, sources, options.worst, streams)
-    return Status.YES if result.passed else Status.NO
+        inputs = output.inputs or reference.inputs
+        every = (source.path for file in inputs.files for source in file.sources) if inputs else ()
+        print_comparison(result, options.worst, every, streams)
+    return Status.YES if result.verdict == "pass" else Status.NO
 
 
-def _reference(options: argparse.Namespace, output: Side) -> Side:
+def _reference(options: argparse.Namespace, output: RunOutputs) -> Union[RunOutputs, ArrayOutputs]:
     types = dict([*options.type, *options.reference_type])
     if not Path(options.reference).exists():
         raise Unreadable(f"there is no {options.reference}: name the other run's directory, or "
                          ".npy files")
-    return pairing.read_arrays(options.reference, output) or pairing.read_side(
-        options.reference, options.reference_log, options.inputs, types)
+    return read_arrays(options.reference, output) or read_run_outputs(
+        options.reference, Sources(options.reference_log, options.reference_inputs, types,
+                                   options.newest))
 
 
-def _scores(options: argparse.Namespace, output: Side, reference: Side) -> dict[Key, int]:
+def compare(output: RunOutputs, reference: Union[RunOutputs, ArrayOutputs],
+            options: argparse.Namespace, streams: Streams) -> Comparison:
+    """Reads, compares and judges everything."""
+    keys = pair_keys(output, reference, options.by_order)
+    counterparts = pair_by_input(output, reference) if options.by_input else \
+        same_numbers(output, reference)
+    plan = Plan({key: output.tensor(key) or reference.tensor(key) for key in output.keys()},
+                _scores(options, output, reference), find_cuts(output, options.frames_axis))
+    limits = _limits(options)
+    comparer = Comparer(limits, plan)
+    types = {key: output.type_of(key) for key in output.keys()}
+    collector = Collector(limits, types, max(options.worst, WORST), options.all_runs)
+    pairs = pairs_of(output, reference, keys, counterparts, options.common)
+    for pair in progress(streams, pairs, len(counterparts) * len(keys), "comparing", "output"):
+        collector.add(comparer.compare(pair))
+    notes = [*output.notes, *(reference.notes if isinstance(reference, RunOutputs) else []),
+             *notes_of(plan.frames), *comparer.dead.notes()]
+    if Path(options.output).resolve() == Path(options.reference).resolve():
+        notes.append("both are the same directory")
+    reasons = _missing(output) + _missing(reference)
+    different = find_difference(output.inputs, reference.inputs, counterparts)
+    if different and not options.inputs_differ:
+        reasons.append(str(different))
+    inputs = output.inputs or reference.inputs
+
+    def sources_of(run: int) -> list[str]:
+        number = run if output.inputs else counterparts.get(run, run)
+        return [source.path for source in inputs.sources_of(number)] if inputs else []
+    return collector.result(output.path, reference.path, reasons, notes,
+                            LeftOutOfBoth(_left_out(output), _left_out(reference)), sources_of)
+
+
+def _missing(side: Union[RunOutputs, ArrayOutputs]) -> list[str]:
+    """A side without all inferences that its own log has fails, whatever the other side has."""
+    if not isinstance(side, RunOutputs) or len(side.runs) >= side.folder.expected:
+        return []
+    return [f"{side.path} has the outputs of {len(side.runs)} of {side.folder.expected} inferences"]
+
+
+def _left_out(side: Union[RunOutputs, ArrayOutputs]) -> LeftOut:
+    if not isinstance(side, RunOutputs):
+        return LeftOut()
+    return LeftOut(side.folder.left_out, side.folder.left_out_names)
+
+
+def _scores(options: argparse.Namespace, output: RunOutputs,
+            reference: Reference) -> dict[Key, int]:
     """{output: elements of a score vector}"""
-    named = {pairing.name_in_files(name) for name in options.scores}
+    named = {name_in_files(name) for name in options.scores}
     known = {name for name, _ in output.keys()}
     if named - known:
         raise Unreadable(f"--scores: there is no output {min(named - known)} in {output.path}, but "
@@ -145,103 +213,17 @@ def _scores(options: argparse.Namespace, output: Side, reference: Side) -> dict[
     for key in output.keys():
         tensor = output.tensor(key) or reference.tensor(key)
         if key[0] in named or (tensor and not named):
-            count = next(run[key].count for run in output.runs.values() if key in run)
-            found[key] = comparison.score_length(tensor, count) or (count if key[0] in named else 0)
+            count = next((values[key].count for run in output.runs
+                          if key in (values := output.values_of(run))), 0)
+            found[key] = score_length(tensor, count) or (count if key[0] in named else 0)
     if options.top1 is not None and not any(found.values()):
         raise Unreadable("--top1 needs an output of scores: name it with --scores")
     return found
 
 
-def compare(output: Side, reference: Side, keys: dict[Key, Key], scores: dict[Key, int],
-            options: argparse.Namespace, streams: Streams) -> Comparison:
-    """Reads and compares everything."""
-    result = Comparison(_limits(options))
-    rows = {key: comparison.row_of(output.tensor(key) or reference.tensor(key))
-            for key in output.keys()}
-    comparer = Comparer(result.limits, scores, rows)
-    pairs = [*comparison.every_pair(output, reference, keys, options.common)]
-    for one in progress(streams, comparer.compare(pairs), len(pairs), "comparing", "output"):
-        result.results.append(one)
-        if not one.problem:
-            result.totals.setdefault(one.key, Tally()).add(one.tally)
-    result.runs = len({one.run for one in result.results if not one.problem})
-    return result
-
-
 def _limits(options: argparse.Namespace) -> Limits:
     near = (options.atol, options.rtol) != (None, None) or \
         (options.cosine, options.top1) == (None, None)
-    return Limits(*((value if value is not None else usual) if near else None
-                    for value, usual in ((options.atol, ATOL), (options.rtol, RTOL))),
-                  options.cosine, options.top1)
-
-
-_COLUMNS = ("elements", "max abs", "mean abs", "max rel", "cosine", "SNR dB", "differ", "top-1",
-            "top-5", "NaN", "inf")
-
-
-def _cells(tally: Tally) -> list[str]:
-    share = tally.differing / tally.elements if tally.elements else 0
-    return [f"{tally.elements}", f"{tally.max_abs:.3g}", f"{tally.mean_abs:.3g}",
-            f"{tally.max_rel:.3g}", f"{tally.cosine:.7f}", f"{tally.snr_db:.1f}", f"{share:.1%}",
-            *("-" if agreed is None else f"{agreed:.1%}" for agreed in (tally.top1, tally.top5)),
-            *("/".join(map(str, counts)) if any(counts) else "0"
-              for counts in (tally.nan, tally.inf))]
-
-
-def _print_table(head: list[str], rows: list[list[str]], streams: Streams) -> None:
-    """Columns as wide as their longest cell, measures flush right."""
-    widths = [max(len(row[at]) for row in [head, *rows]) for at in range(len(head))]
-    for row in [head, *rows]:
-        streams.say("  ".join(cell.rjust(width) if title in _COLUMNS else cell.ljust(width)
-                              for cell, title, width in zip(row, head, widths)).rstrip())
-
-
-def _printable(name: str) -> str:
-    """A file name on one line."""
-    return "".join(letter if letter.isprintable() else "?" for letter in name)
-
-
-def print_result(result: Comparison, output: Side, notes: list[str],
-                 sources: dict[int, list[Source]], worst: int, streams: Streams) -> None:
-    """Outputs, the worst runs, notes and the verdict."""
-    labels = {run: _printable(", ".join(source.label for source in found))
-              for run, found in sources.items()}
-    _print_table(["output", "type", *_COLUMNS],
-                 [[text(key), comparison.type_of(key, output), *_cells(tally)]
-                  for key, tally in result.totals.items()], streams)
-    listed = [one for one in result.worst() if one.tally.max_abs > 0 or one.problem][:max(worst, 0)]
-    compared = [one for one in listed if not one.problem]
-    if compared:
-        streams.say("\nworst runs:")
-        _print_table(["run", "output", *_COLUMNS, "from"],
-                     [[str(one.run), text(one.key), *_cells(one.tally),
-                       labels.get(one.run, "")] for one in compared], streams)
-    problems = [one for one in result.results if one.problem]
-    if problems:
-        streams.say()
-    for one in problems[:max(worst, 1)]:
-        label = labels.get(one.run, "")
-        streams.say(f"{one.run}/{text(one.key)}: {one.problem}; {label}".rstrip("; "))
-    if len(problems) > max(worst, 1):
-        streams.say(f"... and {len(problems) - max(worst, 1)} more")
-    for note in notes:
-        streams.say(f"note: {note}")
-    streams.say(f"\n{verdict(result)}")
-
-
-def verdict(result: Comparison) -> str:
-    """One line."""
-    compared = [one for one in result.results if not one.problem]
-    failed: list[str] = []
-    beyond = sum(1 for one in compared if not one.passed)
-    if beyond:
-        failed.append(f"{beyond} of {len(compared)} outputs beyond the limits")
-    if len(compared) < len(result.results):
-        failed.append(f"{len(result.results) - len(compared)} could not be compared")
-    failed += [f"{text(key)}: top-1 agreement {result.totals[key].top1:.1%}"
-               for key in result.low_top1()]
-    runs = f"{result.runs} {'run' if result.runs == 1 else 'runs'}"
-    if failed:
-        return f"FAIL: {'; '.join(failed)} ({runs}; {result.limits})"
-    return f"PASS: {runs}, {result.limits}"
+    atol, rtol = ((value if value is not None else usual) if near else None
+                  for value, usual in ((options.atol, ATOL), (options.rtol, RTOL)))
+    return Limits(atol, rtol, options.cosine, options.top1)

@@ -51,8 +51,9 @@ def _memory(sides: list[Side]) -> Chart | None:
 def _differences(sides: list[Side]) -> Chart | None:
     if not any(len(side.figures.differences) > 1 for side in sides):
         return None
-    limits = (sides[0].run.comparison or {}).get("limits") or {}
-    marks = [Mark("y", limits["atol"], "limit")] if limits.get("atol") is not None else []
+    comparison = sides[0].run.comparison
+    limit = comparison.limits.atol if comparison else None
+    marks = [Mark("y", limit, "limit")] if limit is not None else []
     return _per_run(sides, "dots", lambda side: [
         (float(index), value) for index, value in side.figures.differences if math.isfinite(value)],
         (Axis("inference", low=0.0), Axis("largest difference")), "Largest difference by inference",

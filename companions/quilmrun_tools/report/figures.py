@@ -6,8 +6,9 @@ import math
 from dataclasses import asdict, dataclass, field
 from typing import Any
 
-from quilmrun_tools.artifacts.output_folder import scan_folder
+from quilmrun_tools.artifacts.run_outputs import Sources, read_run_outputs
 from quilmrun_tools.artifacts.record import Distribution, Record
+from quilmrun_tools.common.decoding import encode
 from quilmrun_tools.common.errors import Unreadable
 from quilmrun_tools.report.run import Run
 from quilmrun_tools.report.verdict import judge
@@ -57,7 +58,7 @@ class Figures:
 
 def figures_of(run: Run) -> Figures:
     """Everything about a run that is a number."""
-    figures = Figures(differences=_differences(run.comparison or {}))
+    figures = Figures(differences=run.comparison.differences if run.comparison else [])
     if run.record:
         figures.phases = {name: distribution for name in PHASES
                           if (distribution := run.record.distribution(name))}
@@ -74,12 +75,13 @@ def figures_of(run: Run) -> Figures:
 def _pace(run: Run) -> list[float]:
     """Milliseconds from the outputs of one inference to those of the next, by their time stamps;
     outputs are looked for in the run's folder and in `out` below it."""
+    log = str(run.found["log"]) if run.log else None
     for folder in (run.folder, run.folder / "out") if run.folder else ():
         try:
-            stamps = [max(output.timestamp_us for output in one.outputs)
-                      for one in scan_folder(str(folder)).runs]
+            found = read_run_outputs(str(folder), Sources(log))
         except Unreadable:
             continue
+        stamps = [last for _, last in found.folder.stamps()]
         return [(after - before) / 1000 for before, after in zip(stamps, stamps[1:])]
     return []
 
@@ -126,16 +128,6 @@ def _outside(figures: Figures) -> FunctionCost | None:
     return FunctionCost("", 0, total, 0.0, 0.0, total / (figures.span_ms or 1.0))
 
 
-def _differences(comparison: dict[str, Any]) -> list[tuple[int, float]]:
-    """The largest absolute difference of every inference, by its number."""
-    worst: dict[int, float] = {}
-    for item in comparison.get("runs", []):
-        if not item.get("problem") and item.get("max_abs") is not None:
-            index = int(item["index"])
-            worst[index] = max(worst.get(index, 0.0), float(item["max_abs"]))  # "inf" is a text
-    return sorted(worst.items())
-
-
 def as_json(run: Run, figures: Figures) -> dict[str, Any]:
     """A run's figures for machines."""
     verdict = judge(run)
@@ -149,7 +141,7 @@ def as_json(run: Run, figures: Figures) -> dict[str, Any]:
         "calls": [asdict(cost) for cost in figures.functions],
         "span_ms": figures.span_ms or None, "peak_device_memory_bytes": figures.peak_memory,
         "memory_report": run.memory,
-        "outputs": (run.comparison or {}).get("outputs"),
+        "outputs": encode(run.comparison.outputs) if run.comparison else None,
         "worst_difference": _for_json(figures.worst_difference),
     }
 

@@ -6,18 +6,17 @@ not stop the report; the page says what is missing and how to get it.
 
 from __future__ import annotations
 
-import csv
 from dataclasses import dataclass, field
 from pathlib import Path
 from typing import Any, Callable, Iterable
 
-
+from quilmrun_tools.artifacts.comparison import Comparison, read_comparison
+from quilmrun_tools.artifacts.memory_report import read_memory_report
 from quilmrun_tools.artifacts.prepared_inputs import FILE_NAME as MANIFEST_NAME
 from quilmrun_tools.artifacts.prepared_inputs import Manifest, read_manifest
 from quilmrun_tools.artifacts.record import Record, read_record
 from quilmrun_tools.artifacts.run_log import RunLog, read_log
 from quilmrun_tools.common.errors import Unreadable
-from quilmrun_tools.common.json_files import read_json
 
 LOADED_MODEL = "ModelInfoMem Size"  # in the log's summary
 USUAL_NAMES = {"log": "log.txt", "memory": "memory_data.csv", "record": "record.json",
@@ -61,7 +60,7 @@ class Run:
     log: RunLog | None = None
     memory: dict[str, float] | None = None  # columns of memory_data.csv: KB and ms
     record: Record | None = None
-    comparison: dict[str, Any] | None = None
+    comparison: Comparison | None = None
     inputs: Manifest | None = None
     found: dict[str, Path] = field(default_factory=dict)
     gaps: list[Gap] = field(default_factory=list)
@@ -95,37 +94,15 @@ def option(command: list[str], name: str) -> str:
     return value
 
 
-def read_memory_report(path: str) -> dict[str, float]:
-    """The columns of memory_data.csv by their names; sizes in KB, times in milliseconds."""
-    try:
-        rows = list(csv.reader(Path(path).read_text(encoding="utf-8").splitlines()))
-        values = dict(zip(rows[0], map(float, rows[1]), strict=True))
-    except OSError as error:
-        raise Unreadable(f"cannot read {path}: {error.strerror}") from error
-    except (ValueError, IndexError) as error:
-        raise Unreadable(f"{path} is not a memory report of quilmrun, or was cut short; "
-                         "take the one that the run wrote beside its JSON file") from error
-    if "Model Load Time(ms)" not in values:
-        raise Unreadable(f"{path} is not a memory report of quilmrun")
-    return values
-
-
-def _read_record(path: str) -> Record:
-    return read_record(Path(path))
-
-
-def _read_comparison(path: str) -> dict[str, Any]:
-    value = read_json(path, "quilmrun-compare")
-    if not isinstance(value.get("outputs"), list) or not isinstance(value.get("runs"), list):
-        raise Unreadable(f"{path} is not complete: write it again with quilmrun-compare --json")
-    return value
+def _read_memory(path: str) -> dict[str, float]:
+    return read_memory_report(path).columns
 
 
 Warn = Callable[[str], None]
 
 READERS: dict[str, Callable[[str], Any]] = {
-    "log": read_log, "memory": read_memory_report, "record": _read_record,
-    "comparison": _read_comparison, "inputs": read_manifest}
+    "log": read_log, "memory": _read_memory, "record": read_record,
+    "comparison": read_comparison, "inputs": read_manifest}
 
 
 def collect(folder: str | None, named: dict[str, str | None], label: str, warn: Warn) -> Run:

@@ -3,8 +3,8 @@
 from __future__ import annotations
 
 from dataclasses import dataclass
-from typing import Any
 
+from quilmrun_tools.artifacts.comparison import Comparison, Limits
 from quilmrun_tools.common.units import percent
 from quilmrun_tools.report.run import Run
 
@@ -34,18 +34,16 @@ def judge(run: Run) -> Verdict:
     return Verdict(overall, [sentence for _, sentence in parts if sentence])
 
 
-def limits_in_words(limits: dict[str, Any] | None) -> str:
+def limits_in_words(limits: Limits) -> str:
     """The limits that were set, as "|difference| at most 0.01, ..."; empty for none."""
     said = []
-    absolute, relative, cosine, top1 = ((limits or {}).get(name) for name in
-                                        ("atol", "rtol", "cosine", "top1"))
-    if absolute is not None or relative is not None:
-        said.append(f"|difference| at most {_short(absolute or 0.0)}"
-                    + (f" + {_short(relative)} · |reference|" if relative else ""))
-    if cosine is not None:
-        said.append(f"cosine similarity at least {_short(cosine)}")
-    if top1 is not None:
-        said.append(f"top-1 agreement at least {percent(top1)}")
+    if limits.atol is not None or limits.rtol is not None:
+        said.append(f"|difference| at most {_short(limits.atol or 0.0)}"
+                    + (f" + {_short(limits.rtol)} · |reference|" if limits.rtol else ""))
+    if limits.cosine is not None:
+        said.append(f"cosine similarity at least {_short(limits.cosine)}")
+    if limits.top1 is not None:
+        said.append(f"top-1 agreement at least {percent(limits.top1)}")
     return ", ".join(said)
 
 
@@ -86,36 +84,33 @@ def _outputs(run: Run) -> tuple[str, str]:
     """Whether the outputs are right, by the comparison."""
     if run.comparison is None:
         return OPEN, ""
-    verdict = run.comparison.get("verdict")
-    limits = limits_in_words(run.comparison.get("limits") or {})
-    if verdict == "pass":
+    limits = limits_in_words(run.comparison.limits)
+    if run.comparison.verdict == "pass":
         return PASS, f"The outputs agree with the reference ({limits})."
-    if verdict == "fail":
-        said = [*_beyond(run.comparison, limits), *_not_compared(run.comparison)]
-        return FAIL, " ".join(said) or "The outputs do not agree with the reference."
-    return OPEN, "The outputs were compared without limits."
+    said = [*_beyond(run.comparison, limits), *_not_compared(run.comparison)]
+    return FAIL, " ".join(said) or \
+        f"The outputs do not agree with the reference: {'; '.join(run.comparison.reasons)}."
 
 
-def _beyond(comparison: dict[str, Any], limits: str) -> list[str]:
+def _beyond(comparison: Comparison, limits: str) -> list[str]:
     """A sentence about the outputs that exceed the limits, when there are any."""
-    names = [str(item.get("name")) for item in comparison["outputs"] if item.get("pass") is False]
-    runs = [item for item in comparison["runs"] if not item.get("problem")]
-    failed = sum(1 for item in runs if item.get("pass") is False)
-    if not names or not runs:
+    names = [one.name for one in comparison.outputs if not one.passed]
+    if not names or not comparison.compared:
         return []
     which = f"Output {names[0]} exceeds" if len(names) == 1 else f"{len(names)} outputs exceed"
-    share = f" in {failed:,} of {len(runs):,} cases" if failed else ""
+    share = f" in {comparison.failed:,} of {comparison.compared:,} cases" \
+        if comparison.failed else ""
     return [f"{which} the limits{share} ({limits})."]
 
 
-def _not_compared(comparison: dict[str, Any]) -> list[str]:
+def _not_compared(comparison: Comparison) -> list[str]:
     """A sentence about outputs that are missing or of another size, when there are any."""
-    problems = [item for item in comparison["runs"] if item.get("problem")]
+    problems = [case for case in comparison.runs if case.problem]
     if not problems:
         return []
     first = problems[0]
-    return [f"{count(len(problems), 'output')} could not be compared, first that of inference "
-            f"{first.get('index')}: {first['problem']}."]
+    return [f"{count(comparison.not_compared, 'output')} could not be compared, first that of "
+            f"inference {first.index}: {first.problem}."]
 
 
 def count(number: int, what: str) -> str:

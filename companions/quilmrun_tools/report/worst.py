@@ -2,13 +2,15 @@
 
 from __future__ import annotations
 
-from dataclasses import dataclass, field
+from dataclasses import dataclass, field, replace
 from pathlib import Path
-from typing import Any
 
 import numpy as np
 from markupsafe import Markup
 
+from quilmrun_tools.artifacts.comparison import OutputCase
+from quilmrun_tools.artifacts.values import Reader, Values
+from quilmrun_tools.common.errors import Unreadable
 from quilmrun_tools.report import charts
 from quilmrun_tools.report.charts import Chart, Drawings
 from quilmrun_tools.report.pictures import is_picture, thumbnail
@@ -17,6 +19,7 @@ from quilmrun_tools.report.run import Run
 FEW = 32  # outputs with so few values are drawn value by value
 MOST_PICTURES = 4  # of one inference; a batch may have more
 SECTIONS = 400  # of the drawing of a longer one
+CHUNK = 1 << 15  # elements that are read at a time
 
 
 @dataclass
@@ -41,8 +44,8 @@ class WorstCase:
 
     index: int
     output: str
-    passed: bool | None
-    figures: dict[str, Any]
+    passed: bool
+    figures: OutputCase
     pictures: list[Picture] = field(default_factory=list)
     drawing: Markup = Markup("")
     few: bool = False  # whether the drawing shows single values
@@ -51,83 +54,56 @@ class WorstCase:
 
 def worst_cases(run: Run, most: int, drawn: Drawings) -> list[WorstCase]:
     """The first of the comparison's runs, which come worst first; equal ones are left out."""
-    comparison = run.comparison or {}
-    cases = [item for item in comparison.get("runs", [])
-             if item.get("pass") is False or item.get("max_abs") != 0 or item.get("problem")]
-    types = {(item.get("name"), item.get("duplicate", 0)): item.get("type")
-             for item in comparison.get("outputs", [])}
-    return [_worst_case(run, item, types.get((item.get("output"), item.get("duplicate", 0))), drawn)
-            for item in cases[:most]]
+    cases = [case for case in run.comparison.runs if not case.passed or case.max_abs != 0] \
+        if run.comparison else []
+    return [_worst_case(run, case, drawn) for case in cases[:most]]
 
 
-def _worst_case(run: Run, item: dict[str, Any], element_type: str | None,
-                drawn: Drawings) -> WorstCase:
-    duplicate = item.get("duplicate") or 0
-    name = str(item.get("output", "")) + (f" ({duplicate + 1}.)" if duplicate else "")
-    case = WorstCase(int(item.get("index") or 0), name, item.get("pass"), item)
+def _worst_case(run: Run, found: OutputCase, drawn: Drawings) -> WorstCase:
+    name = found.output + (f" ({found.duplicate + 1}.)" if found.duplicate else "")
+    case = WorstCase(found.index, name, found.passed, found)
     near = run.found["inputs"].parent if "inputs" in run.found else run.folder
-    sources = run.sources(case.index) or [str(path) for path in item.get("sources") or []]
+    sources = run.sources(case.index) or found.sources
     case.pictures = [Picture(Path(path).name, path,
                              thumbnail(path, near) if is_picture(path) else "")
                      for path in sources[:MOST_PICTURES]]
-    if item.get("problem"):
-        case.remark = str(item["problem"])
+    if found.problem or not found.file or not found.reference_file:
+        case.remark = found.problem
         return case
     try:
-        output = _elements(_located(run, "output", item.get("file")), element_type)
-        reference = _elements(_located(run, "reference", item.get("reference_file")), element_type)
-        case.few = min(output.array.size, reference.array.size) <= FEW
+        output, reference = _located(run, found.file), _located(run, found.reference_file)
+        case.few = min(output.count, reference.count) <= FEW
         case.drawing = drawn.add(_chart(output, reference))
-    except (OSError, ValueError) as error:
-        case.remark = f"no drawing: {getattr(error, 'strerror', None) or error}"
+    except Unreadable as error:
+        case.remark = f"no drawing: {error}"
     return case
 
 
-def _located(run: Run, side: str, name: Any) -> Path:
-    """A file of the comparison: as it is named, or in the directory that was compared."""
-    if not name:
-        raise ValueError("the comparison names no file")
-    folder = Path(str((run.comparison or {}).get(side, "")))
-    for candidate in (Path(name), folder / name, *([run.folder / name] if run.folder else [])):
-        if candidate.is_file():
-            return candidate
-    raise ValueError(f"{name} is not on this machine")
+def _located(run: Run, values: Values) -> Values:
+    """Values of the comparison: as their file is named, or in the directory that was compared."""
+    comparison = run.comparison
+    folders = [Path(), *(Path(path) for path in (comparison.output, comparison.reference)
+                         if comparison), *([run.folder] if run.folder else [])]
+    for folder in folders:
+        if (folder / values.path).is_file():
+            return replace(values, path=folder / values.path)
+    raise Unreadable(f"{values.path} is not on this machine")
 
 
-@dataclass(frozen=True)
-class Elements:
-    """The elements of an output file, mapped and not read."""
-
-    array: np.ndarray
-    half_bits: bool = False  # whether each element is the number that a half float's bits spell
-
-    def section(self, start: int, end: int) -> np.ndarray:
-        """Some elements as 64-bit floats."""
-        part = self.array[start:end]
-        return (part.astype("<u2").view("<f2") if self.half_bits else part).astype("f8")
-
-
-def _elements(path: Path, element_type: str | None) -> Elements:
-    """In a .bin file half floats and 32-bit integers stand as what their bits spell."""
-    if path.suffix == ".npy":
-        return Elements(np.load(path, mmap_mode="r", allow_pickle=False).reshape(-1))
-    if path.stat().st_size < 4:
-        raise ValueError(f"{path.name} is empty")
-    floats = np.memmap(path, "<f4", mode="r", shape=(path.stat().st_size // 4,))
-    return Elements(floats.view("<i4") if element_type == "int32" else floats,
-                    element_type == "half")
-
-
-def _chart(output: Elements, reference: Elements) -> Chart:
-    count = min(output.array.size, reference.array.size)
+def _chart(output: Values, reference: Values) -> Chart:
+    count = min(output.count, reference.count)
     if count <= FEW:
-        return charts.pairs(output.section(0, count).tolist(),
-                            reference.section(0, count).tolist())
+        reader = Reader(FEW)
+        return charts.pairs(reader.whole(output.section(0, count)).tolist(),
+                            reader.whole(reference.section(0, count)).tolist())
     lows, highs = [], []
-    edges = np.linspace(0, count, min(SECTIONS, count) + 1).astype(int)
+    edges = np.linspace(0, count, min(SECTIONS, count) + 1).astype(int).tolist()
+    readers = Reader(CHUNK), Reader(CHUNK)
     with np.errstate(invalid="ignore", over="ignore"):
         for start, end in zip(edges, edges[1:]):
-            difference = output.section(start, end) - reference.section(start, end)
-            lows.append(float(difference.min()))
-            highs.append(float(difference.max()))
+            parts = [reader.numbers(values.section(start, end - start))
+                     for reader, values in zip(readers, (output, reference))]
+            differences = [one - other for one, other in zip(*parts)]
+            lows.append(min(float(difference.min()) for difference in differences))
+            highs.append(max(float(difference.max()) for difference in differences))
     return charts.envelope(lows, highs, count)
