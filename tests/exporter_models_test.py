@@ -204,6 +204,10 @@ class ExporterModels(HostRuntimeTest):
             self.assertEqual((status, err), (0, ""))
             np.testing.assert_array_equal(self.output(), batch)
             self.setUp()
+        summed = model([node("CumSum", "x zero", "y")], {"x": (FLOAT, ["N", 8])},
+                       {"y": (FLOAT, ["N", 8])}, zero=np.int64(0))
+        self.run_arrays(summed, [batch], "-b", "3")
+        np.testing.assert_array_equal(self.output(), batch.reshape(3, 8).cumsum(0).ravel())
 
     def test_refusals(self):
         open_shapes = ('the model cannot be loaded: it leaves shapes open: write "input_shapes": '
@@ -213,7 +217,7 @@ class ExporterModels(HostRuntimeTest):
         nonzero = model([node("NonZero", "x", "y")], {"x": (FLOAT, [4])}, {"y": (INT64, [1, 2])})
         huge = model([node("ConstantOfShape", "s", "c"), node("ReduceMax", "c", "m", keepdims=0),
                       node("Add", "x m", "y")], {"x": (FLOAT, [4]), "s": (INT64, [2])},
-                     {"y": (FLOAT, [4])})
+                     {"y": (FLOAT, [4])}, unused=np.float32(1))  # of which the engine warns
         line = np.arange(4, dtype="f4")
         rows = [
             (convolution(), [IMAGE], {}, open_shapes),

@@ -103,17 +103,17 @@ void Initialize(const char* configPath) {
 }
 
 void Finalize() {
-  state.contexts.ReportAndClear();
-  state.streams.ReportAndClear();
-  state.datasets.ReportAndClear();
-  state.buffers.ReportAndClear();
-  state.descriptions.ReportAndClear();
-  state.models.ReportAndClear();
-  state.memory.ReportAndClear();
-  if (const long files = CountOpenFiles() - state.openFiles; files > 0) {
+  state.contexts.ReportRest();
+  state.streams.ReportRest();
+  state.datasets.ReportRest();
+  state.buffers.ReportRest();
+  state.descriptions.ReportRest();
+  state.models.ReportRest();
+  state.memory.ReportRest();
+  const long filesBefore = std::exchange(state, State()).openFiles;
+  if (const long files = CountOpenFiles() - filesBefore; files > 0) {
     Explain("still there at quilm_finalize: " + std::to_string(files) + " x open file");
   }
-  state.initialized = false;
 }
 
 template <typename Value>

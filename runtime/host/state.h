@@ -64,10 +64,10 @@ class HandleTable {
     objects_.erase(handle);
   }
 
-  void ReportAndClear() {
+  /// Says how many objects have not been removed.
+  void ReportRest() const {
     if (!objects_.empty()) {
       Explain("still there at quilm_finalize: " + std::to_string(objects_.size()) + " x " + kind_);
-      objects_.clear();
     }
   }
 
