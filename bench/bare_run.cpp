@@ -1,9 +1,9 @@
-// bare_run LOG OUTPUTS TARGET: the least that the groups of a run can cost.
+// bare_run LOG OUTPUTS TARGET measures the least that the groups of a run can cost.
 //
-// Takes the log that a run of the tool has written and its outputs, and does for every group what
-// nobody can do without, with all of the bytes at hand: writes the messages one by one, reads the
-// input file, makes a directory below TARGET and writes a file of lines one by one, and a file at
-// once, for each pair in OUTPUTS. Prints the nanoseconds per group.
+// It takes the log and the outputs of a run of the tool. For every group it makes the system calls
+// that no tool can do without, with all bytes at hand: it writes the messages one by one, reads the
+// input file, makes a directory below TARGET, and for each pair in OUTPUTS writes a file line by
+// line and a file at once. It prints the nanoseconds per group.
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -46,7 +46,7 @@ std::vector<std::string> SplitLines(const std::string& text) {
   return lines;
 }
 
-// Every group starts with the message that names its input file and ends with that of the dump.
+// A group starts with the message that names its input file and ends with that of the dump.
 std::vector<Group> ReadGroups(const std::string& log) {
   static const std::string kFirst = "[INFO]  start to process file:";
   static const std::string kLast = "[INFO]  dump data success\n";

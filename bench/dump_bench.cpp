@@ -1,4 +1,4 @@
-// One output into its two files, and its elements into floats.
+// Measures how one output gets into its two files, and its elements into floats.
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
 #include <unistd.h>
@@ -22,7 +22,7 @@ constexpr size_t kRows = 1000;
 constexpr size_t kRowElements = 1000;
 constexpr size_t kValues = kRows * kRowElements;
 
-// Calls `work` with the path of a file that does not exist yet, over and over.
+// Measures `work`, which gets the path of a file that does not exist yet.
 template <typename Work>
 void WithNewFile(benchmark::State& state, const Work& work) {
   const std::string path = ScratchPath("output");
@@ -62,7 +62,7 @@ void WriteText(benchmark::State& state) {
 }
 BENCHMARK(WriteText)->Name("text/write");
 
-// ---- Extraction, from rows padded to the next 32 bytes and more -------------------------------
+// ---- Extraction from padded rows ---------------------------------------------------------------
 
 template <typename T>
 struct Output {

@@ -1,5 +1,5 @@
-// A list file with the files of 50,000 inferences, named and in an order that the model does not
-// have.
+// Measures the reading and grouping of a list file for 50,000 inferences, whose files are named and
+// not in the order of the model's inputs.
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
 #include <unistd.h>

@@ -17,14 +17,14 @@ namespace {
 
 std::string directory;
 
-// A new directory below that of the environment.
+// Makes a directory below the one that the environment names.
 std::string MakeScratchDirectory() {
   const char* chosen = std::getenv("QUILMRUN_BENCH_DIR");
   std::string path = std::string(chosen == nullptr ? "/tmp" : chosen) + "/quilmrun_XXXXXX";
   return mkdtemp(path.data()) == nullptr ? "" : path;
 }
 
-// The model that the runtime describes to staging_bench.cpp: one input of bytes, by size, stride
+// The runtime describes this model to staging_bench.cpp: one input of bytes, with its size, stride
 // and dimensions.
 constexpr char kModel[] = "input rows 4 6635520 2048 3240 1920\n";
 

@@ -1,5 +1,5 @@
-// many_calls SETTINGS COUNT: makes as many calls of libquilm.so that do next to nothing, and prints
-// the nanoseconds of processor time that one takes, as the least of several rounds.
+// many_calls SETTINGS COUNT makes COUNT calls of libquilm.so that do next to nothing. It prints the
+// nanoseconds of processor time that one of them takes, in the fastest of several rounds.
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>

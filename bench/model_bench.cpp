@@ -1,4 +1,4 @@
-// A model file into device memory.
+// Measures the reading of a model file into device memory.
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
 #include <unistd.h>

@@ -30,6 +30,7 @@ BUILD, PACKAGE = (pathlib.Path(path).resolve() for path in sys.argv[1:3])
 BRIEF = sys.argv[3:] == ["brief"]
 DIRECTORY = os.environ.get("QUILMRUN_BENCH_DIR") or (
     "/dev/shm" if os.access("/dev/shm", os.W_OK) else tempfile.gettempdir())
+Commands = dict[str, list[str | pathlib.Path]]
 ENGINE = (BUILD / "quilmrun-engine/libonnxruntime.so.1").resolve()
 
 
@@ -113,10 +114,16 @@ def make_large(scratch: pathlib.Path) -> Work:
     return Work("network", scratch / "network.onnx", inputs, count, 1 if BRIEF else 3, 1.02)
 
 
-def commands(work: Work, settings: pathlib.Path) -> dict[str, list[str | pathlib.Path]]:
+def tool_command(work: Work, scratch: pathlib.Path) -> list[str | pathlib.Path]:
+    settings = scratch / "settings.json"
+    settings.write_text('{"threads": 1}')
+    return [BUILD / "quilmrun", "-m", work.model, "-i", work.inputs, "-j", settings, "-o"]
+
+
+def commands(work: Work, scratch: pathlib.Path) -> Commands:
     """What runs the work, by name; the output folder goes at the end."""
-    run: dict[str, list[str | pathlib.Path]] = {
-        "tool": [BUILD / "quilmrun", "-m", work.model, "-i", work.inputs, "-j", settings, "-o"],
+    run: Commands = {
+        "tool": tool_command(work, scratch),
         "script": ["/usr/bin/python3", HERE / "peer_script.py", ENGINE, work.model, work.inputs]}
     library = next(PACKAGE.glob(f"bin/napi-v6/linux/*/{ENGINE.name}"), None)
     for path in PACKAGE.glob(f"bin/napi-v6/linux/*/{ENGINE.name}"):
@@ -164,11 +171,9 @@ def bare_microseconds(scratch: pathlib.Path) -> float:
     return float(said) / 1e3
 
 
-def run_all(work: Work, scratch: pathlib.Path) -> tuple[dict[str, Figures], float]:
+def run_all(work: Work, programs: Commands,
+            scratch: pathlib.Path) -> tuple[dict[str, Figures], float]:
     """The least figures by program, and bare_microseconds()."""
-    settings = scratch / "settings.json"
-    settings.write_text('{"threads": 1}')
-    programs = commands(work, settings)
     best: dict[str, Figures] = {}
     bare = []
     for repetition in range(work.repetitions):
@@ -203,13 +208,14 @@ def start_microseconds(work: Work, scratch: pathlib.Path) -> float:
     """Processor time of a run of the tool with one input, less what that takes itself."""
     one = dataclasses.replace(work, inputs=scratch / "one.txt", count=1)
     one.inputs.write_text(work.inputs.read_text().split("\n", 1)[0])
-    best, _ = run_all(dataclasses.replace(one, repetitions=min(work.repetitions, 3)), scratch)
+    tool = {"tool": tool_command(one, scratch)}
+    best, _ = run_all(dataclasses.replace(one, repetitions=min(work.repetitions, 3)), tool, scratch)
     return best["tool"].processor * 1e3 - engine_microseconds(one)
 
 
 def report(work: Work, scratch: pathlib.Path) -> bool:
     """Prints the figures of the work; true when the goal is met."""
-    best, bare = run_all(work, scratch)
+    best, bare = run_all(work, commands(work, scratch), scratch)
     print(f"{work.name}, {work.count:,} inputs, one thread")
     print(f"  {'':8}{'processor':>12}{'wall':>12}{'memory':>12}{'first output':>14}")
     for name, figures in best.items():

@@ -1,8 +1,8 @@
-// Files of the benchmarks, in a directory that is there while they run.
+// Files of the benchmarks, in a directory that exists while they run.
 //
-// Every benchmark is called "<subject>/floor", the least that the work can cost on the machine at
-// hand, or "<subject>/<figure>", what the tool's own functions take for it. Floors have their data
-// ready and make nothing but the system calls, or the one copy, that nobody can do without.
+// A benchmark "<subject>/floor" measures the least that the work can cost on the machine at hand. A
+// benchmark "<subject>/<figure>" measures what the tool's own functions take for it. Floors have
+// their data ready, and make only the system calls or the one copy that nobody can do without.
 #ifndef QUILMRUN_BENCH_SCRATCH_H_
 #define QUILMRUN_BENCH_SCRATCH_H_
 
@@ -12,7 +12,7 @@
 
 namespace quilmrun {
 
-/// Where a file called `name` is to be.
+/// The path for a file called `name`.
 std::string ScratchPath(const std::string& name);
 
 /// Writes a file of `size` bytes, none of them 0, and returns its path.

@@ -1,4 +1,4 @@
-// Rows of a file into memory where they start a stride apart.
+// Measures how rows of a file get into memory, where they start a stride apart.
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
 #include <unistd.h>
@@ -35,7 +35,8 @@ Subject MakeSubject(const benchmark::State& state) {
           static_cast<size_t>(state.range(2))};
 }
 
-// The least that leaves every byte in a defined state: memory that is cleared, and filled at once.
+// Leaves every byte defined with the fewest calls: the memory is cleared and filled at once,
+// packed.
 void ClearAndRead(benchmark::State& state) {
   Subject subject = MakeSubject(state);
   const Descriptor file(subject.path, O_RDONLY);
@@ -46,7 +47,7 @@ void ClearAndRead(benchmark::State& state) {
   }
 }
 
-// The least that puts every row into its place: the lists are ready.
+// Puts every row into its place with the fewest calls, whose lists are ready.
 void ClearAndReadLists(benchmark::State& state) {
   constexpr size_t kRowsPerCall = 1024;  // IOV_MAX
   Subject subject = MakeSubject(state);
@@ -107,7 +108,7 @@ const bool kRegistered = [] {
   return true;
 }();
 
-// All that a run does for one input file: checks, messages, new device memory, the rows.
+// Does all that a run does for one input file: checks, messages, new device memory, the rows.
 void StageFile(benchmark::State& state) {
   const std::string path = MakeScratchFile("input", size_t{3240} * 1920);
   const Description desc(quilm_mdl_create_desc());

@@ -199,6 +199,8 @@ def measure_recorder(scratch):
     command = [BUILD / "bench/many_calls", write(scratch / "settings.json", "{}"),
                "10000" if BRIEF else "1000000"]
     calls = write(scratch / "calls", "")
+    subprocess.run([BUILD / "lib/quilmrun/record/convert", "prepare", calls, "", "many_calls"],
+                   check=True)
     recorded = dict(os.environ, LD_LIBRARY_PATH=str(BUILD / "lib/quilmrun/record"),
                     QUILMRUN_RECORD_CALLS=str(calls))
     plain, noted = (float(subprocess.run(command, env=environment, capture_output=True,

@@ -9,9 +9,12 @@ build_packages=(g++ cmake ninja-build libprotobuf-c-dev protobuf-c-compiler libo
 # What the companions in Python take.
 companion_packages=(python3 python3-numpy python3-pil python3-tqdm python3-jinja2)
 
-# What building and running the tests takes on top.
+# What building and running the tests takes on top. The library of clang's sanitizers has the
+# compiler's version in its name: 14 on Debian 12, 19 on Debian 13.
+case $(. /etc/os-release && echo "${VERSION_ID:-}") in 12*) clang_version=14 ;; *) clang_version=19 ;; esac
 test_packages=(libgtest-dev libbenchmark-dev python3-onnx python3-numpy libonnx-testdata locales
-               binutils chromium clang-format clang-tidy clang libclang-rt-14-dev llvm)
+               binutils chromium clang-format clang-tidy clang "libclang-rt-$clang_version-dev" llvm
+               mypy pylint shellcheck)
 
 # What building for a board and making packages takes on top.
 board_packages=(g++-aarch64-linux-gnu libprotobuf-c-dev:arm64 dpkg-dev file)

@@ -1,11 +1,11 @@
+#include "output/dump_format.h"
+
 #include <gtest/gtest.h>
 
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <string>
-
-#include "output/dump_format.h"
 
 namespace quilmrun {
 namespace {
@@ -24,8 +24,8 @@ void ExpectAsPrintf(uint32_t bits) {
   ASSERT_EQ(text, expected) << "bits " << bits;
 }
 
-// Mantissas at both ends and in the middle with every exponent: zeros, denormals, halves that are
-// rounded to even, infinities and NaN of both signs among them.
+// Combines mantissas at both ends and in the middle with every exponent. Zeros, denormals, halves
+// that are rounded to even, infinities and NaN of both signs are among them.
 TEST(FormatValueLine, WritesWhatPrintfWritesForEveryExponent) {
   for (const uint32_t mantissa :
        {0U, 1U, 2U, 3U, 0x2AAAAAU, 0x400000U, 0x400001U, 0x600000U, 0x7FFFFEU, 0x7FFFFFU}) {

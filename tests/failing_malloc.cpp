@@ -1,7 +1,7 @@
 // A malloc() that fails on demand, for processes with the scripted runtime. It counts what the tool
-// allocates after the start of the process; within runtime calls nothing counts. The environment
-// variable FAILING_ALLOCATION says which one fails: N, or N+ for all from the N-th on. At the end
-// the count goes to standard error.
+// allocates after the start of the process, outside of runtime calls. The environment variable
+// FAILING_ALLOCATION tells which allocation fails: N, or N+ for all from the N-th on. The count
+// goes to standard error at the end.
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -9,7 +9,7 @@
 
 #include "runtime/scripted/script.h"
 
-// The C library's own.
+// These are the C library's own functions.
 // NOLINTBEGIN(bugprone-reserved-identifier, readability-identifier-naming)
 extern "C" void* __libc_malloc(size_t size);
 extern "C" void* __libc_calloc(size_t count, size_t size);
@@ -22,7 +22,7 @@ long allocations = 0;
 long failing = 0;
 bool allFollowing = false;
 
-// Before that the C++ library takes the memory from which it throws std::bad_alloc.
+// Runs after the C++ library has taken the memory from which it throws std::bad_alloc.
 __attribute__((constructor)) void ReadEnvironment() {
   if (const char* fail = std::getenv("FAILING_ALLOCATION")) {
     char* end = nullptr;

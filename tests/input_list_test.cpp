@@ -43,7 +43,7 @@ TEST(ReadInputList, PutsTheDirectoryIntoEveryEntry) {
   }
 }
 
-// Lines that lie across the chunks in which the text is read, or span several of them.
+// The text is read in chunks. These lines end at the end of one, lie across two, or span several.
 TEST(ReadInputList, TakesLinesOfAnyLength) {
   const ScratchDirectory directory;
   const std::string& d = directory.Path();
@@ -92,7 +92,7 @@ TEST(GroupInputsByName, SortsWithinBlocksOrLeavesTheListAlone) {
       {{"x", "y"}, {"x:a", "z:b"}, {"x:a", "z:b"}},
       {{"x", "y"}, {"y:b", "X:a"}, {"y:b", "X:a"}},
       {{"x", "x"}, {"x:a", "x:a"}, {"a", "a"}},
-      // Of a name that occurs twice the later position counts.
+      // When a name occurs twice, its later position counts.
       {{"x", "y", "x"}, {"x:a", "y:b", "y:b"}, {"b", "b", "a"}},
       // A model with an RPN input "r": entries are sorted in pairs and then used one by one.
       {{"x", "r"}, {"r:b", "x:a"}, {"a", "b"}},

@@ -130,6 +130,8 @@ class StandardStreams(ScriptedRuntimeTest):
     def test_text_of_the_library_keeps_its_place(self):
         _, out = self.run_scripted("print quilm_init 1 no newline;\n" + PLAIN)
         self.assertIn("open failed!\nno newline;/proc", out)
+        _, out, _ = self.start_scripted("print quilm_init 1 last words\\n\nsignal quilm_init 1 9\n" + PLAIN)
+        self.assertTrue(out.endswith("open failed!\nlast words\n"), out)
 
 
 class OutputDirectory(ScriptedRuntimeTest):

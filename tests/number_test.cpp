@@ -52,7 +52,7 @@ const Accepted kAccepted[] = {
     {"1e-45 1e-60 -1e-999", {std::numeric_limits<float>::denorm_min(), 0, -0.0F}},
 };
 
-// As ParseFloats() of a text that comes character by character.
+// Does what ParseFloats() does, with a text that comes character by character.
 bool ParseInPieces(std::string_view text, std::vector<float>& values) {
   std::string pending;
   for (const char c : text) {

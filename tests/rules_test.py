@@ -122,22 +122,31 @@ class Rules(ScriptedRuntimeTest):
             self.assertTrue(before <= max(stamps) <= time.time_ns() // 1000, stamps)
 
     def test_every_figure_of_the_report_stands_in_its_column(self):
-        status, out, _ = self.run_tool(*self.arguments(
+        arguments = self.arguments(
             "run quilm_rt_malloc 1 sleep 0.05\nrun quilm_mdl_load_from_mem 1 sleep 0.4\n"
             "run quilm_mdl_execute 1 sleep 0.15\n"
-            "input x 4 16 8 2 4\ninput task 4 1024 8 1 8\ninput work 4 2048 16 1 16\n"
-            "output y 4 3072 8 2 4\noutput z 4 1024 8 2 4\n", "-p", "1"), library=SCRIPTED_RUNTIME,
-            mask=False)
+            "input x 4 100000 50000 2 50000\ninput task 4 102400 8 1 8\ninput work 4 204800 16 1 16\n"
+            "output y 4 307200 8 2 4\noutput z 4 102400 8 2 4\n", "-p", "1", data=bytes(100000))
+        self.write("m.om", bytes(70000))
+        status, out, _ = self.run_tool(*arguments, library=SCRIPTED_RUNTIME, mask=False)
         self.assertEqual(status, 0)
+        self.assertNotIn("shape not match", out)
         load, read, execute, *rest = (self.dir / "memory_data.csv").read_text().split("\n")[1].split(",")
-        self.assertEqual(rest, ["0.016", "1.000", "4.000", "2.000", "0.005", "0"])
+        self.assertEqual(rest, ["97.656", "100.000", "400.000", "200.000", "68.359", "0"])
         for line in (f"Read Model File Time:      {read} ms", f"Model Load Time:           {load} ms",
-                     f"Model Execute Time:        {execute} ms", "Input Size:                0.016 KB.",
-                     "Task Buffer Size:          1.000 KB.", "Work Buffer Size:          2.000 KB.",
-                     "Output Size:               4.000 KB.", "Om Size:                   0.005 KB."):
+                     f"Model Execute Time:        {execute} ms", "Input Size:                97.656 KB.",
+                     "Task Buffer Size:          100.000 KB.", "Work Buffer Size:          200.000 KB.",
+                     "Output Size:               400.000 KB.", "Om Size:                   68.359 KB."):
             self.assertIn(f"[INFO]  {line}\n", out)
         self.assertTrue(float(load) >= 400 > float(read) >= 50 > float(execute) >= 150 / 21,
                         (load, read, execute))
+
+    def test_a_run_that_does_not_start_reports_zeros(self):
+        self.check(1, "[ERROR] quilm set op wait time failed\n"
+                   "[ERROR] sample init resource failed\n" + TEARDOWN,
+                   "fail quilm_rt_set_op_wait_timeout 1 7\n" + PLAIN)
+        self.assertEqual((self.dir / "memory_data.csv").read_text(),
+                         CSV_HEADER + "0.00,0.00,0.00,0.000,0.000,0.000,0.000,0.000,0\n")
 
     def test_a_report_goes_into_a_pipe_that_is_read(self):
         os.mkfifo(self.dir / "memory_data.csv")

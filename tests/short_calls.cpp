@@ -1,5 +1,5 @@
-// Preloaded into the tool: reads and writes of files get interrupted or do only a few bytes, as the
-// system may do to anybody. Standard streams are left alone.
+// Preloaded into the tool, this interrupts reads and writes of files or lets them do only a few
+// bytes, as the system may do at any time.
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <sys/uio.h>

@@ -12,7 +12,7 @@
 namespace quilmrun {
 namespace {
 
-// A directory of its own with one file in it.
+// Every test has a directory of its own with one file in it.
 class CopyRowsTest : public testing::Test {
  protected:
   std::string Path() const { return directory_.Path() + "/rows"; }
@@ -29,7 +29,7 @@ std::string Content(size_t size) {
   return bytes;
 }
 
-// Byte by byte, as the layout says.
+// Puts the file into memory byte by byte, as the layout says.
 std::vector<char> Expected(const RowLayout& layout, const std::string& file) {
   std::vector<char> memory(layout.batches * layout.batchSize);
   size_t next = 0;

@@ -1,9 +1,18 @@
-// quilmrun-record-convert CALLS STATUS RECORD CSV COMMAND...: makes a record of a calls file, and a
-// table of calls when CSV is not empty, both in files that are there and empty; prints the
-// statistics. Part of quilmrun-record, which calls it after a run.
+// The part of quilmrun-record that is no shell script:
+//   convert prepare CALLS EVERY_CALL COMMAND...
+//     starts a calls file, before the run
+//   convert progress CALLS COMMAND...
+//     shows how far the run is
+//   convert record CALLS STATUS RECORD CSV EVERY_CALL [COMMAND...]
+//     makes the record, and a table of calls when CSV is not empty, both in files that are there
+//     and empty; prints the statistics
+// EVERY_CALL is "yes" or empty.
+#include <algorithm>
 #include <cerrno>
+#include <csignal>
 #include <cstring>
 
+#include "companions/recorder/progress.h"
 #include "companions/recorder/write_record.h"
 
 namespace {
@@ -11,46 +20,158 @@ namespace {
 using namespace quilmrun_record;  // NOLINT: this is its program
 
 constexpr int kFailed = 2;
+constexpr int kNotLoaded = 3;  // the program has not loaded libquilm.so
+constexpr int kRefused = 4;    // the recorder could not record, and has said why
 
 int Fail(const char* path, const char* problem) {
   std::fprintf(stderr, "quilmrun-record: %s: %s\n", path, problem);
   return kFailed;
 }
 
+// 0, or an error number.
 template <typename Write>
 int WriteFile(const char* path, const Write& write) {
   std::FILE* file = std::fopen(path, "we");
   if (file == nullptr) {
-    return Fail(path, std::strerror(errno));
+    return errno;
   }
+  errno = 0;
   write(file);
-  const bool failed = std::ferror(file) != 0;
-  return std::fclose(file) != 0 || failed ? Fail(path, std::strerror(errno)) : 0;
+  const int problem = std::ferror(file) != 0 ? errno : 0;
+  return std::fclose(file) != 0 ? errno : problem;
 }
 
-int Convert(const Calls& calls, const RunFacts& facts, const char* record, const char* csv) {
-  const std::vector<NamedStatistics> statistics = Measure(calls);
-  int result =
-      WriteFile(record, [&](std::FILE* file) { WriteTrace(file, calls, facts, statistics); });
-  if (result == 0 && *csv != '\0') {
-    result = WriteFile(csv, [&](std::FILE* file) { WriteCsv(file, calls); });
+// How much a record shows.
+struct Extent {
+  long most;    // inferences of which the trace shows all
+  long some;    // of more: so many of the first, the last and the slowest
+  size_t bins;  // of the course
+};
+
+// The smaller one is for a disk that is full: such a record fits into what the recorder gives back.
+constexpr Extent kExtents[] = {{200000, 1000, 500}, {30, 10, 100}};
+
+bool LacksSpace(int problem) {
+  return problem == ENOSPC || problem == EFBIG || problem == EDQUOT;
+}
+
+// Writes a record that keeps within the bytes that it may have for each inference, by showing fewer
+// of them where calls are many. Returns 0 or an error number.
+int WriteWithin(const Calls& calls, const RunFacts& facts, const char* path,
+                const Measurements& measured, TracePlan& plan) {
+  constexpr long kFewInferences = 1000;  // whose record is small whatever it takes
+  constexpr long kBytesPerInference = 2000;
+  int problem = 0;
+  for (bool fits = false; !fits && problem == 0;) {
+    long bytes = 0;
+    problem = WriteFile(path, [&](std::FILE* file) {
+      WriteTrace(file, calls, facts, measured, plan);
+      bytes = std::ftell(file);
+    });
+    const long most = std::max(plan.inferences, kFewInferences) * kBytesPerInference;
+    fits = bytes <= most || plan.every >= plan.inferences;
+    plan.every = fits ? plan.every : plan.every * (bytes / most + 1);
   }
-  if (result == 0) {
-    PrintTable(stdout, calls, statistics);
+  return problem;
+}
+
+int WriteRecord(const Calls& calls, const RunFacts& facts, const char* path, bool everyCall,
+                Measurements& measured) {
+  int problem = 0;
+  for (const Extent& extent : kExtents) {
+    const bool isLess = &extent != &kExtents[0];
+    measured = Measure(calls, extent.bins, static_cast<size_t>(extent.some));
+    TracePlan plan = PlanTrace(measured, extent.most, extent.some, everyCall && !isLess);
+    problem =
+        everyCall && !isLess
+            ? WriteFile(path,
+                        [&](std::FILE* file) { WriteTrace(file, calls, facts, measured, plan); })
+            : WriteWithin(calls, facts, path, measured, plan);
+    if (problem == 0 && isLess) {
+      std::fprintf(stderr,
+                   "quilmrun-record: there is space for %ld of %ld inferences in the record\n",
+                   plan.Kept(), plan.inferences);
+    }
+    if (!LacksSpace(problem)) {
+      break;
+    }
   }
-  return result;
+  return problem == 0 ? 0 : Fail(path, std::strerror(problem));
+}
+
+int Convert(const Calls& calls, const RunFacts& facts, const char* record, const char* csv,
+            bool everyCall) {
+  if (calls.Header().everyCall == 0 && (everyCall || *csv != '\0')) {
+    std::fputs("quilmrun-record: calls that only ask were counted, but not noted one by one\n",
+               stderr);
+  }
+  Measurements measured;
+  if (const int result = WriteRecord(calls, facts, record, everyCall, measured); result != 0) {
+    return result;
+  }
+  if (*csv != '\0') {
+    const int problem = WriteFile(csv, [&](std::FILE* file) { WriteCsv(file, calls); });
+    if (problem != 0) {
+      return Fail(csv, std::strerror(problem));
+    }
+  }
+  PrintTable(stdout, calls, measured);
+  return 0;
+}
+
+RunFacts CollectFacts(const Calls& calls, std::vector<std::string> command, const char* status) {
+  RunFacts facts;
+  facts.command = command.empty() ? calls.Facts("command") : std::move(command);
+  facts.exitStatus = status;
+  const std::vector<std::string> directories = calls.Facts("directory");
+  const std::string directory = directories.empty() ? "" : directories[0];
+  const auto lookAt = [&](const std::string& path) {
+    return LookAt(path, directory, calls.Header().startUs);
+  };
+  facts.tool = lookAt(calls.Program());
+  facts.runtime = lookAt(calls.Library());
+  facts.model = lookAt(OptionOf(facts.command, 'm'));
+  facts.settings = lookAt(OptionOf(facts.command, 'j'));
+  return facts;
+}
+
+int Record(int argc, char** argv) {
+  constexpr int kFixedArguments = 7;
+  if (argc < kFixedArguments) {
+    return Fail(argv[0], "is called by quilmrun-record");
+  }
+  std::string problem;
+  const std::unique_ptr<Calls> calls = Calls::Open(argv[2], problem);
+  if (calls == nullptr) {
+    return Fail(argv[2], problem.c_str());
+  }
+  if (calls->Header().state == RecordingState::kPrepared) {
+    return kNotLoaded;
+  }
+  if (calls->Header().state == RecordingState::kRefused) {
+    return kRefused;
+  }
+  const RunFacts facts = CollectFacts(*calls, {argv + kFixedArguments, argv + argc}, argv[3]);
+  return Convert(*calls, facts, argv[4], argv[5], *argv[6] != '\0');
+}
+
+int Prepare(int argc, char** argv) {
+  const char* problem = PrepareCallsFile(argv[2], {argv + 4, argv + argc}, *argv[3] != '\0');
+  return problem == nullptr ? 0 : Fail(argv[2], problem);
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  constexpr int kFixedArguments = 5;
-  if (argc < kFixedArguments) {
-    return Fail("quilmrun-record-convert", "is called by quilmrun-record");
+  // Writing beyond a limit then fails instead.
+  std::signal(SIGXFSZ, SIG_IGN);
+  const std::string task = argc > 3 ? argv[1] : "";
+  if (task == "prepare") {
+    return Prepare(argc, argv);
   }
-  const std::optional<Calls> calls = Calls::Open(argv[1]);
-  if (!calls.has_value()) {
-    return Fail(argv[1], "no calls were recorded here");
+  if (task == "progress") {
+    ShowProgress(argv[2], OptionOf({argv + 3, argv + argc}, 'i'));
+    return 0;
   }
-  return Convert(*calls, {{argv + kFixedArguments, argv + argc}, argv[2]}, argv[3], argv[4]);
+  return Record(argc, argv);
 }

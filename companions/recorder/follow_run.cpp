@@ -1,8 +1,10 @@
 // Finds the phases of a run, its inferences and the copies between calls, by what the tool calls
 // one after the other.
+#include "companions/recorder/follow_run.h"
+
+#include <algorithm>
 #include <unordered_map>
 
-#include "companions/recorder/calls.h"
 #include "runtime/interposer/interposer.h"
 
 namespace quilmrun_record {
@@ -17,18 +19,20 @@ class Follower {
 
   void Follow(const CallEntry& call) {
     const Id id = static_cast<Id>(call.call - 1);
+    lastNs_ = std::max(lastNs_, call.beforeNs);
     Before(id, call);
     sink_.OnCall(call, {group_, id == Id::quilm_mdl_execute ? executions_ : -1});
-    if (call.durationNs != kUnfinished) {
+    if (HasReturned(call)) {
       After(id, call);
     }
     lastNs_ = EndOf(call);
   }
 
-  void Finish() { EndPhase(lastNs_); }
+  // `endNs` is the end of the last call without an entry.
+  void Finish(uint64_t endNs) { EndPhase(std::max(lastNs_, endNs)); }
 
  private:
-  // Phases begin with a call ...
+  // A phase begins with a call.
   void Before(Id id, const CallEntry& call) {
     if (id == Id::quilm_init) {
       BeginPhase("start", call.startNs);
@@ -42,20 +46,20 @@ class Follower {
                id == Id::quilm_rt_reset_device) {
       BeginTeardown(call.startNs);
     } else if (id == Id::quilm_rt_free && executedNs_ != 0) {
-      EndCopy("write outputs", executedNs_, call.startNs, 0);
+      EndCopy(SpanKind::kWriteOutputs, "write outputs", executedNs_, call.startNs, 0);
       executedNs_ = 0;
     } else if (id == Id::quilm_create_data_buffer && staged_.object == call.object) {
       if (group_ >= 0 && !isBatchSet_) {
-        EndCopy("staging", EndOf(staged_), call.startNs, call.bytes);
+        EndCopy(SpanKind::kStaging, "staging", EndOf(staged_), call.startNs, call.bytes);
       }
       staged_ = {};
     } else if (id == Id::quilm_mdl_load_from_mem && staged_.object == call.object) {
-      EndCopy("read model", EndOf(staged_), call.startNs, call.bytes);
+      EndCopy(SpanKind::kReadModel, "read model", EndOf(staged_), call.startNs, call.bytes);
       staged_ = {};
     }
   }
 
-  // ... and end with one.
+  // A phase ends with a call too.
   void After(Id id, const CallEntry& call) {
     if (id == Id::quilm_rt_malloc && call.result == 0) {
       staged_ = call;
@@ -70,22 +74,24 @@ class Follower {
     } else if (id == Id::quilm_mdl_create_dataset) {
       dataset_ = static_cast<uint64_t>(call.result);
     } else if (id == Id::quilm_mdl_destroy_dataset && call.object == dataset_) {
-      EndPhase(EndOf(call), true);
+      EndPhase(EndOf(call), executions_ > 0 && !hasFailed_);
     } else if (id == Id::quilm_mdl_set_dynamic_batch_size) {
       isBatchSet_ = true;
     } else if (id == Id::quilm_mdl_execute) {
       ++executions_;
+      hasFailed_ = hasFailed_ || call.result != 0;
       executedNs_ = call.result == 0 ? EndOf(call) : 0;
     }
   }
 
-  // The first one takes the outputs of all inferences, every other one the inputs of one.
+  // The first dataset takes the outputs of all inferences, every other one the inputs of one.
   void BeginDataset(const CallEntry& call) {
     EndPhase(lastNs_);
     if (++datasets_ >= 2) {
       BeginPhase("group " + std::to_string(datasets_ - 2), call.startNs);
       group_ = datasets_ - 2;
       executions_ = 0;
+      hasFailed_ = false;
       isBatchSet_ = false;
     }
   }
@@ -104,20 +110,23 @@ class Follower {
 
   void EndPhase(uint64_t ns, bool isComplete = false) {
     if (!phase_.empty()) {
-      sink_.OnSpan({"phase", phase_, phaseNs_, ns, 0, group_, isComplete || group_ < 0});
+      sink_.OnSpan({group_ >= 0 ? SpanKind::kInference : SpanKind::kPhase, phase_, phaseNs_, ns, 0,
+                    group_, isComplete || group_ < 0});
       phase_.clear();
     }
     group_ = -1;
   }
 
-  void EndCopy(const char* name, uint64_t startNs, uint64_t endNs, uint64_t bytes) {
-    sink_.OnSpan({"copy", name, startNs, endNs, bytes, group_, true});
+  void EndCopy(SpanKind kind, const char* name, uint64_t startNs, uint64_t endNs, uint64_t bytes) {
+    sink_.OnSpan({kind, name, startNs, endNs, bytes, group_, true});
   }
 
   void CountMemory(const CallEntry& call, uint64_t bytes) {
-    uint64_t& block = memory_[call.object];
-    inUse_ += bytes - block;
-    block = bytes;
+    inUse_ += bytes - memory_[call.object];
+    memory_[call.object] = bytes;
+    if (bytes == 0) {
+      memory_.erase(call.object);
+    }
     sink_.OnMemory(EndOf(call), inUse_);
   }
 
@@ -130,6 +139,7 @@ class Follower {
   uint64_t dataset_ = 0;
   long group_ = -1;
   long executions_ = 0;      // of this group
+  bool hasFailed_ = false;   // one of them
   bool isBatchSet_ = false;  // in this group: what comes then are no inputs from files
   uint64_t executedNs_ = 0;  // end of the latest execution, until its outputs are written
   CallEntry staged_{};       // the latest allocation, until it is used
@@ -141,10 +151,8 @@ class Follower {
 
 void FollowRun(const Calls& calls, RunSink& sink) {
   Follower follower(sink);
-  for (size_t i = 0; i < calls.Count(); ++i) {
-    follower.Follow(calls[i]);
-  }
-  follower.Finish();
+  calls.ForEach([&](const CallEntry& call) { follower.Follow(call); });
+  follower.Finish(calls.Header().endNs);
 }
 
 }  // namespace quilmrun_record

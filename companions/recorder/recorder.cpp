@@ -21,7 +21,7 @@ quilmrun_record::Recording recording;
 template <typename Argument>
 void NoteHandle(CallEntry& entry, Argument argument) {
   if constexpr (std::is_pointer_v<Argument>) {
-    (entry.object == 0 ? entry.object : entry.other) = reinterpret_cast<uintptr_t>(argument);
+    entry.object = entry.object == 0 ? reinterpret_cast<uintptr_t>(argument) : entry.object;
   }
 }
 
@@ -30,7 +30,7 @@ void NoteArguments(CallEntry& entry, Call<kId>, Arguments... arguments) {
   (NoteHandle(entry, arguments), ...);
 }
 
-// What the call has handed out is known only afterwards.
+// What the call hands out is known only afterwards.
 void NoteArguments(CallEntry& entry, Call<Id::quilm_rt_malloc>, void**, size_t size, int32_t) {
   entry.bytes = size;
 }
@@ -73,23 +73,20 @@ ResultOf<kId> Handle(Call<kId> call, Arguments... arguments) {
   return result;
 }
 
-[[noreturn]] void GiveUp(const char* problem, const char* path = "") {
-  std::fprintf(stderr, "quilmrun-record: %s%s%s\n", path, path[0] != '\0' ? ": " : "", problem);
-  constexpr int kMisuse = 2;
-  _exit(kMisuse);
-}
-
-// Before the tool's first line, as the loader does when it misses the library.
+// This comes before the tool's first line. Without the real library the process ends, as it does
+// when the loader misses it; a run that cannot be recorded goes on.
 __attribute__((constructor)) void Start() {
-  static char library[4096];
+  static char library[quilmrun_record::kPathBytes];
   if (!quilmrun_record::FindRealLibrary(std::getenv("QUILMRUN_RECORD_CACHED"), library,
                                         sizeof(library))) {
-    GiveUp(library);
+    std::fprintf(stderr, "quilmrun-record: %s\n", library);
+    constexpr int kMisuse = 2;
+    _exit(kMisuse);
   }
   const char* path = std::getenv("QUILMRUN_RECORD_CALLS");
   const char* problem = path == nullptr ? nullptr : recording.Open(path, library);
   if (problem != nullptr) {
-    GiveUp(problem, path);
+    std::fprintf(stderr, "quilmrun-record: %s: %s; this run is not recorded\n", path, problem);
   }
 }
 

@@ -6,13 +6,27 @@
 #include <sys/time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
+
+#include "companions/recorder/call_kinds.h"
+#include "companions/recorder/file_space.h"
 
 namespace quilmrun_record {
 namespace {
 
+using quilm_interposer::Id;
+
 constexpr size_t kDropped = SIZE_MAX;  // in place of a call's number
+
+// Taken beyond what is written, and given back at the end, so that a disk which the calls have
+// filled has space for the record.
+constexpr size_t kReserve = 256 * 1024;
+
+// The first dataset takes the outputs of all inferences, every other one the inputs of one.
+constexpr uint64_t kFirstOfInputs = 2;
 
 uint32_t ThreadNumber() {
   // Loaded with the process, the recorder may have its thread-local variables in the fast place.
@@ -23,19 +37,8 @@ uint32_t ThreadNumber() {
   return number;
 }
 
-bool WriteAt(int file, const void* bytes, size_t size, size_t offset) {
-  const auto* rest = static_cast<const char*>(bytes);
-  while (size > 0) {
-    const ssize_t written = pwrite(file, rest, size, static_cast<off_t>(offset));
-    if (written <= 0 && errno != EINTR) {
-      return false;
-    }
-    const size_t done = written > 0 ? static_cast<size_t>(written) : 0;
-    rest += done;
-    size -= done;
-    offset += done;
-  }
-  return true;
+constexpr uint32_t NumberOf(Id id) {
+  return static_cast<uint32_t>(id) + 1;
 }
 
 size_t OffsetOf(size_t number) {
@@ -58,52 +61,72 @@ class Lock {
 
 }  // namespace
 
-// Space on the disk is taken beforehand: where it is missing, writing to mapped memory ends the
-// process.
 const char* Recording::Open(const char* path, const char* library) {
-  file_ = open(path, O_RDWR | O_CLOEXEC);
-  const int problem = file_ < 0 ? errno : posix_fallocate(file_, 0, sizeof(CallsFile));
-  if (problem != 0) {
-    return std::strerror(problem);
+  if (const char* problem = Map(path)) {
+    return problem;
   }
-  void* memory = mmap(nullptr, sizeof(CallsFile), PROT_READ | PROT_WRITE, MAP_SHARED, file_, 0);
-  if (memory == MAP_FAILED) {
-    return std::strerror(errno);
-  }
-  mapped_ = static_cast<CallsFile*>(memory);
   MeasureCost();
+  CallsFacts& facts = mapped_->facts;
+  std::snprintf(facts.library, sizeof(facts.library), "%s", library);
+  const ssize_t size = readlink("/proc/self/exe", facts.program, sizeof(facts.program) - 1);
+  facts.program[std::max<ssize_t>(size, 0)] = '\0';
   CallsHeader& header = mapped_->header;
-  std::strncpy(header.library, library, sizeof(header.library) - 1);
   timeval now;
   gettimeofday(&now, nullptr);
   startNs_ = header.startNs = MonotonicNs();
   header.startUs = int64_t{now.tv_sec} * 1000000 + now.tv_usec;
-  std::memcpy(header.magic, kMagic, sizeof(kMagic));
+  return nullptr;
+}
+
+// Space on the disk is taken beforehand: where it is missing, writing to mapped memory would end
+// the process.
+const char* Recording::Map(const char* path) {
+  file_ = open(path, O_RDWR | O_CLOEXEC);
+  CallsHeader header;
+  if (file_ < 0 || !ReadAt(file_, &header, sizeof(header), 0)) {
+    return std::strerror(errno);
+  }
+  if (std::memcmp(header.magic, kMagic, sizeof(kMagic)) != 0) {
+    return "it is no calls file";
+  }
+  if (header.state != RecordingState::kPrepared) {
+    return "it has the calls of another process";
+  }
+  const size_t least = sizeof(CallsFile) + sizeof(CallsFile::latest);
+  const int problem = TakeSpace(file_, 0, least, least + kReserve);
+  void* memory =
+      problem != 0 ? MAP_FAILED
+                   : mmap(nullptr, sizeof(CallsFile), PROT_READ | PROT_WRITE, MAP_SHARED, file_, 0);
+  if (memory == MAP_FAILED) {
+    const char* text = std::strerror(problem != 0 ? problem : errno);
+    GiveBackSpace(file_, offsetof(CallsFile, latest));
+    header.state = RecordingState::kRefused;
+    WriteAt(file_, &header, sizeof(header), 0);
+    return text;
+  }
+  mapped_ = static_cast<CallsFile*>(memory);
+  mapped_->header.state = RecordingState::kRecording;
   return nullptr;
 }
 
 // Tries it, moving the entries to the end of the file included, and takes the median of several
 // rounds, as anything may come between.
 void Recording::MeasureCost() {
-  constexpr size_t kRounds = 5;
+  constexpr size_t kRounds = 9;
   uint64_t rounds[kRounds];
   std::memset(mapped_->latest, 0, sizeof(mapped_->latest));  // touched for the first time
-  for (size_t i = 0; i < kRounds; ++i) {
+  for (uint64_t& round : rounds) {
     const uint64_t start = MonotonicNs();
-    for (size_t call = 0; call < kLatest; ++call) {
+    for (size_t call = 0; call <= kLatest; ++call) {
       CallEntry entry{};
+      entry.call = NumberOf(Id::quilm_mdl_execute);
       End(Begin(entry), entry, 0);
     }
-    const uint64_t time = MonotonicNs() - start;
-    size_t place = i;
-    for (; place > 0 && rounds[place - 1] > time; --place) {
-      rounds[place] = rounds[place - 1];
-    }
-    rounds[place] = time;
+    round = MonotonicNs() - start;
+    mapped_->header.count = mapped_->header.flushed = mapped_->header.dropped = 0;
   }
-  mapped_->header = {};
-  mapped_->header.costPs = rounds[kRounds / 2] * 1000 / kLatest;
-  static_cast<void>(ftruncate(file_, sizeof(CallsFile)) == 0);  // or it is longer than it need be
+  std::sort(rounds, rounds + kRounds);
+  mapped_->header.costPs = rounds[kRounds / 2] * 1000 / (kLatest + 1);
 }
 
 size_t Recording::Begin(CallEntry& entry) {
@@ -114,11 +137,13 @@ size_t Recording::Begin(CallEntry& entry) {
   entry.durationNs = kUnfinished;
   const Lock lock(busy_);
   CallsHeader& header = mapped_->header;
+  header.datasets += entry.call == NumberOf(Id::quilm_mdl_create_dataset) ? 1U : 0U;
   if (header.dropped > 0 || (header.count - header.flushed == kLatest && !Flush())) {
     ++header.dropped;
     return kDropped;
   }
   const size_t number = header.count;
+  entry.beforeNs = header.endNs;
   entry.startNs = MonotonicNs() - startNs_;
   mapped_->latest[number % kLatest] = entry;
   header.count = number + 1;
@@ -132,25 +157,55 @@ void Recording::End(size_t number, CallEntry& entry, int64_t result) {
   entry.durationNs = MonotonicNs() - startNs_ - entry.startNs;
   entry.result = result;
   const Lock lock(busy_);
-  if (number >= mapped_->header.flushed) {
-    mapped_->latest[number % kLatest] = entry;
-  } else {  // calls within this one have filled the memory since
-    WriteAt(file_, &entry, sizeof(entry), OffsetOf(number));
+  CallsHeader& header = mapped_->header;
+  if (entry.call == NumberOf(Id::quilm_mdl_get_num_inputs)) {
+    header.inputs = static_cast<uint64_t>(result);
   }
+  if (number < header.flushed) {  // calls within this one have filled the memory since
+    WriteAt(file_, &entry, sizeof(entry), OffsetOf(number));
+  } else if (header.everyCall == 0 && header.datasets >= kFirstOfInputs &&
+             kCallKinds[entry.call - 1].onlyAsks && number + 1 == header.count) {
+    TakeBack(entry);
+  } else {
+    mapped_->latest[number % kLatest] = entry;
+  }
+}
+
+// From the first inference on, a call that only asks has an entry just as long as it lasts, which
+// is what is left of it when the process ends within it. Afterwards it is counted.
+void Recording::TakeBack(const CallEntry& entry) {
+  CallsHeader& header = mapped_->header;
+  Add(entry, header.withoutEntry[entry.call - 1]);
+  header.endNs = entry.startNs + entry.durationNs;
+  --header.count;
 }
 
 // Takes no time of any call, as it comes before the next one begins.
 bool Recording::Flush() {
+  const int tools = errno;
   CallsHeader& header = mapped_->header;
-  const bool done =
-      WriteAt(file_, mapped_->latest, sizeof(mapped_->latest), OffsetOf(header.flushed));
-  header.flushed = done ? header.count : header.flushed;
-  return done;
+  const size_t offset = OffsetOf(header.flushed);
+  const size_t least = sizeof(mapped_->latest);
+  int problem = TakeSpace(file_, offset, least, least + kReserve);
+  if (problem == 0 && !WriteAt(file_, mapped_->latest, least, offset)) {
+    problem = errno;
+  }
+  if (problem == 0) {
+    header.flushed = header.count;
+  } else {
+    GiveBackSpace(file_, offset);
+    dprintf(STDERR_FILENO,
+            "quilmrun-record: %s: the recording ends here, after %llu calls; the run goes on\n",
+            std::strerror(problem), static_cast<unsigned long long>(header.count));
+  }
+  errno = tools;
+  return problem == 0;
 }
 
 void Recording::Close() {
   if (mapped_ != nullptr) {
-    mapped_->header.ended = 1;
+    mapped_->header.state = RecordingState::kEnded;
+    GiveBackSpace(file_, OffsetOf(mapped_->header.flushed));
   }
 }
 

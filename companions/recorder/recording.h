@@ -1,4 +1,4 @@
-// Notes calls into a calls file. Has to be fast, and to need nothing but libc.
+// Notes calls into a calls file. This has to be fast, and to need nothing but libc.
 #ifndef QUILMRUN_COMPANIONS_RECORDER_RECORDING_H_
 #define QUILMRUN_COMPANIONS_RECORDER_RECORDING_H_
 
@@ -18,8 +18,8 @@ inline uint64_t MonotonicNs() {
 /// Calls may come from several threads, and from within others.
 class Recording {
  public:
-  /// Starts a calls file in the empty file at `path`. Returns null, or a text that says what is
-  /// wrong. Without a file, nothing is recorded.
+  /// Goes on with the calls file at `path`, which has been prepared. Returns null, or a text that
+  /// says why nothing is recorded.
   const char* Open(const char* path, const char* library);
 
   /// Notes that the call of `entry`, which says what is known of it, begins now. Returns its
@@ -33,8 +33,10 @@ class Recording {
   void Close();
 
  private:
-  bool Flush();
+  const char* Map(const char* path);
   void MeasureCost();
+  bool Flush();
+  void TakeBack(const CallEntry& entry);
 
   CallsFile* mapped_ = nullptr;
   uint64_t startNs_ = 0;

@@ -1,100 +1,193 @@
 #include "companions/recorder/statistics.h"
 
 #include <algorithm>
-#include <cmath>
-#include <map>
-#include <numeric>
+#include <iterator>
 
-#include "runtime/interposer/interposer.h"
+#include "companions/recorder/call_kinds.h"
 
 namespace quilmrun_record {
+
+const RowName kRowNames[kRows] = {{"load", "load"},
+                                  {"warm_up", "execute: warm-up"},
+                                  {"execute", "execute: all others"},
+                                  {"execute_first", "  first of an inference"},
+                                  {"execute_repeated", "  repetitions (-p 1)"},
+                                  {"staging", "staging of inputs"},
+                                  {"write_outputs", "writing of outputs"},
+                                  {"inference", "whole inferences"}};
+
 namespace {
 
 using quilm_interposer::Id;
 
-constexpr double kNsPerMs = 1e6;
+constexpr size_t kMostMemoryPoints = 4096;
+constexpr size_t kMostOutputs = 4096;
 
-using Durations = std::map<std::string, std::vector<double>>;  // ms, by key
+// The median; empties the durations.
+CourseBin Summarize(uint64_t startNs, std::vector<uint64_t>& durations) {
+  CourseBin bin;
+  bin.startNs = startNs;
+  bin.executions = durations.size();
+  if (!durations.empty()) {
+    std::sort(durations.begin(), durations.end());
+    const size_t middle = durations.size() / 2;
+    const size_t other = durations.size() - 1 - middle;
+    bin.minNs = durations.front();
+    bin.medianNs =
+        (static_cast<double>(durations[other]) + static_cast<double>(durations[middle])) / 2;
+    bin.maxNs = durations.back();
+  }
+  durations.clear();
+  return bin;
+}
 
-class Collector : public RunSink {
+// Makes the measurements while the run is followed.
+class Meter : public RunSink {
  public:
+  Meter(Measurements& results, const CallsHeader& header, size_t bins, size_t slowest)
+      : results_(results), slowest_(slowest) {
+    // The first dataset takes the outputs.
+    expected_ = static_cast<long>(std::max<uint64_t>(header.datasets, 2) - 1);
+    const auto most = static_cast<long>(std::max<size_t>(bins, 1));
+    results_.inferencesPerBin = (expected_ + most - 1) / most;
+    std::copy(std::begin(header.withoutEntry), std::end(header.withoutEntry),
+              results_.functions.begin());
+  }
+
   void OnCall(const CallEntry& call, const Place& place) override {
-    const Id id = static_cast<Id>(call.call - 1);
-    if (call.durationNs == kUnfinished || call.result != 0) {
+    firstNs_ = results_.calls == 0 ? call.startNs : firstNs_;
+    lastNs_ = std::max({lastNs_, call.beforeNs, EndOf(call)});
+    results_.unfinished = HasReturned(call) ? nullptr : NameOf(call);
+    ++results_.calls;
+    EnterInference(place.group, call.startNs);
+    if (!HasReturned(call)) {
+      ++results_.functions[call.call - 1].count;
       return;
     }
-    const double ms = static_cast<double>(call.durationNs) / kNsPerMs;
+    Add(call, results_.functions[call.call - 1]);
+    const Id id = static_cast<Id>(call.call - 1);
+    if (id == Id::quilm_mdl_get_output_data_type && results_.inferences == 0 &&
+        results_.outputTypes.size() < kMostOutputs) {
+      results_.outputTypes.push_back(call.result);
+    }
+    if (call.result != 0) {
+      return;
+    }
     if (id == Id::quilm_mdl_load_from_mem) {
-      durations["load"].push_back(ms);
-    } else if (id == Id::quilm_mdl_execute && durations["warm_up"].empty()) {
-      durations["warm_up"].push_back(ms);
+      results_.rows[kLoad].Add(call.durationNs);
     } else if (id == Id::quilm_mdl_execute) {
-      durations["execute"].push_back(ms);
-      durations[place.repetition == 0 ? "execute_first" : "execute_repeated"].push_back(ms);
+      AddExecution(call.durationNs, place);
     }
   }
 
   void OnSpan(const Span& span) override {
-    const char* key = span.name == "staging"               ? "staging"
-                      : span.name == "write outputs"       ? "write_outputs"
-                      : span.group >= 0 && span.isComplete ? "inference"
-                                                           : nullptr;
-    if (key != nullptr) {
-      durations[key].push_back(static_cast<double>(span.endNs - span.startNs) / kNsPerMs);
+    const uint64_t ns = span.endNs - span.startNs;
+    if (span.kind == SpanKind::kStaging) {
+      results_.rows[kStaging].Add(ns);
+    } else if (span.kind == SpanKind::kWriteOutputs) {
+      results_.rows[kWriteOutputs].Add(ns);
+    } else if (span.kind == SpanKind::kInference && span.isComplete) {
+      results_.rows[kInference].Add(ns);
+      results_.loopEndNs = span.endNs;
+      KeepIfSlow({ns, span.group});
     }
   }
 
-  void OnMemory(uint64_t, uint64_t) override {}
-
-  Durations durations;
-};
-
-double Percentile(const std::vector<double>& sorted, double share) {
-  const double position = share * static_cast<double>(sorted.size() - 1);
-  const auto below = static_cast<size_t>(position);
-  const size_t above = std::min(below + 1, sorted.size() - 1);
-  return sorted[below] + (position - std::floor(position)) * (sorted[above] - sorted[below]);
-}
-
-Statistics Summarize(std::vector<double> times) {
-  Statistics result;
-  if (times.empty()) {
-    return result;
+  void OnMemory(uint64_t ns, uint64_t bytes) override {
+    results_.peakBytes = std::max(results_.peakBytes, bytes);
+    if (group_ < 0) {
+      AddMemory({ns, bytes});
+    } else if (bytes > most_.bytes) {
+      most_ = {ns, bytes};
+    }
   }
-  std::sort(times.begin(), times.end());
-  const double sum = std::accumulate(times.begin(), times.end(), 0.0);
-  result.count = times.size();
-  result.min = times.front();
-  result.max = times.back();
-  result.mean = sum / static_cast<double>(times.size());
-  result.p50 = Percentile(times, 0.5);
-  result.p90 = Percentile(times, 0.9);
-  result.p95 = Percentile(times, 0.95);
-  result.p99 = Percentile(times, 0.99);
-  result.perSecond = sum > 0 ? 1000 / result.mean : 0;
-  return result;
-}
+
+  // `endNs` is the end of the last call without an entry.
+  void Finish(uint64_t endNs) {
+    EndBin();
+    results_.spanNs = std::max({lastNs_, endNs, firstNs_}) - firstNs_;
+    if (results_.rows[kExecuteRepeated].Count() == 0) {
+      results_.rows[kExecuteFirst] = {};  // there is nothing to tell them from
+    }
+    std::sort(results_.slowest.begin(), results_.slowest.end(), IsSlower);
+  }
+
+ private:
+  static bool IsSlower(const SlowInference& a, const SlowInference& b) {
+    return a.ns != b.ns ? a.ns > b.ns : a.group < b.group;
+  }
+
+  void EnterInference(long group, uint64_t ns) {
+    if (group >= 0 && group_ != group) {
+      results_.loopStartNs = results_.inferences == 0 ? ns : results_.loopStartNs;
+      results_.inferences = group + 1;
+      if (group % results_.inferencesPerBin == 0) {
+        EndBin();
+        binNs_ = ns;
+      }
+    }
+    group_ = group;
+  }
+
+  void AddExecution(uint64_t ns, const Place& place) {
+    bin_.push_back(ns);
+    if (results_.rows[kWarmUp].Count() == 0) {
+      results_.rows[kWarmUp].Add(ns);
+      return;
+    }
+    results_.rows[kExecute].Add(ns);
+    results_.rows[place.repetition == 0 ? kExecuteFirst : kExecuteRepeated].Add(ns);
+    const auto tenths = static_cast<long>(results_.tenths.size());
+    const long tenth = std::max(place.group, 0L) * tenths / expected_;
+    results_.tenths[static_cast<size_t>(std::min(tenth, tenths - 1))].Add(ns);
+  }
+
+  void EndBin() {
+    if (!bin_.empty()) {
+      results_.course.push_back(Summarize(binNs_, bin_));
+    }
+    if (most_.bytes > 0) {
+      AddMemory(most_);
+    }
+    most_ = {};
+  }
+
+  void AddMemory(const MemoryPoint& point) {
+    if (results_.memory.size() < kMostMemoryPoints) {
+      results_.memory.push_back(point);
+    }
+  }
+
+  // The heap has the fastest of the slow ones on top.
+  void KeepIfSlow(const SlowInference& inference) {
+    std::vector<SlowInference>& heap = results_.slowest;
+    heap.push_back(inference);
+    std::push_heap(heap.begin(), heap.end(), IsSlower);
+    if (heap.size() > slowest_) {
+      std::pop_heap(heap.begin(), heap.end(), IsSlower);
+      heap.pop_back();
+    }
+  }
+
+  Measurements& results_;
+  size_t slowest_;
+  long expected_ = 1;  // inferences
+  uint64_t firstNs_ = 0;
+  uint64_t lastNs_ = 0;
+  long group_ = -1;
+  uint64_t binNs_ = 0;         // start of the bin
+  std::vector<uint64_t> bin_;  // its executions, ns
+  MemoryPoint most_;           // of device memory within the bin
+};
 
 }  // namespace
 
-std::vector<NamedStatistics> Measure(const Calls& calls) {
-  Collector collector;
-  FollowRun(calls, collector);
-  if (collector.durations["execute_repeated"].empty()) {
-    collector.durations["execute_first"].clear();  // there is nothing to tell them from
-  }
-  std::vector<NamedStatistics> rows = {{"load", "load", {}},
-                                       {"warm_up", "execute: warm-up", {}},
-                                       {"execute", "execute: all others", {}},
-                                       {"execute_first", "  first of an inference", {}},
-                                       {"execute_repeated", "  repetitions (-p 1)", {}},
-                                       {"staging", "staging of inputs", {}},
-                                       {"write_outputs", "writing of outputs", {}},
-                                       {"inference", "whole inferences", {}}};
-  for (NamedStatistics& row : rows) {
-    row.statistics = Summarize(collector.durations[row.key]);
-  }
-  return rows;
+Measurements Measure(const Calls& calls, size_t bins, size_t slowest) {
+  Measurements results;
+  Meter meter(results, calls.Header(), bins, slowest);
+  FollowRun(calls, meter);
+  meter.Finish(calls.Header().endNs);
+  return results;
 }
 
 }  // namespace quilmrun_record

@@ -6,6 +6,9 @@
 namespace quilmrun_record {
 namespace {
 
+constexpr double kNsPerMs = 1e6;
+constexpr double kNsPerSecond = 1e9;
+
 class CsvWriter : public RunSink {
  public:
   explicit CsvWriter(std::FILE* file) : file_(file) {}
@@ -13,7 +16,7 @@ class CsvWriter : public RunSink {
   void OnCall(const CallEntry& call, const Place& place) override {
     constexpr double kNsPerUs = 1000;
     std::fprintf(file_, "%s,%.3f,", NameOf(call), static_cast<double>(call.startNs) / kNsPerUs);
-    if (call.durationNs != kUnfinished) {
+    if (HasReturned(call)) {
       std::fprintf(file_, "%.3f,%s,", static_cast<double>(call.durationNs) / kNsPerUs,
                    ResultOf(call).c_str());
     } else {
@@ -39,6 +42,48 @@ class CsvWriter : public RunSink {
   std::FILE* file_;
 };
 
+void PrintFacts(std::FILE* file, const Calls& calls, const Measurements& measured) {
+  constexpr double kPsPerUs = 1e6;
+  uint64_t count = 0;
+  for (const FunctionTotals& totals : measured.functions) {
+    count += totals.count;
+  }
+  std::fprintf(file, "\n%llu calls of %s; noting one took %.3f us\n",
+               static_cast<unsigned long long>(count), calls.Library().c_str(),
+               static_cast<double>(calls.Header().costPs) / kPsPerUs);
+  const uint64_t missing = MissingCalls(calls, measured);
+  if (missing > 0) {
+    std::fprintf(file, "%llu more are missing: there was no space for them\n",
+                 static_cast<unsigned long long>(missing));
+  }
+  if (calls.Header().state != RecordingState::kEnded) {
+    std::fputs("the run was cut short; the last call is the one in which it ended\n", file);
+  }
+}
+
+void PrintRow(std::FILE* file, const char* title, const Distribution& times) {
+  const auto count = static_cast<double>(times.Count());
+  const double mean = static_cast<double>(times.TotalNs()) / count;
+  std::fprintf(file, "%-24s%7llu", title, static_cast<unsigned long long>(times.Count()));
+  for (const double ns :
+       {static_cast<double>(times.MinNs()), mean, times.Percentile(0.5), times.Percentile(0.9),
+        times.Percentile(0.95), times.Percentile(0.99), static_cast<double>(times.MaxNs())}) {
+    std::fprintf(file, "%10.4f", ns / kNsPerMs);
+  }
+  std::fprintf(file, "%12.1f\n", mean > 0 ? kNsPerSecond / mean : 0);
+}
+
+void PrintLoop(std::FILE* file, const Measurements& measured) {
+  const uint64_t count = measured.rows[kInference].Count();
+  const double seconds =
+      static_cast<double>(measured.loopEndNs - measured.loopStartNs) / kNsPerSecond;
+  if (count > 0 && seconds > 0) {
+    std::fprintf(file, "%llu inferences in %.3f s: %.1f a second, by the clock\n",
+                 static_cast<unsigned long long>(count), seconds,
+                 static_cast<double>(count) / seconds);
+  }
+}
+
 }  // namespace
 
 void WriteCsv(std::FILE* file, const Calls& calls) {
@@ -47,31 +92,23 @@ void WriteCsv(std::FILE* file, const Calls& calls) {
   FollowRun(calls, writer);
 }
 
-void PrintTable(std::FILE* file, const Calls& calls,
-                const std::vector<NamedStatistics>& statistics) {
-  constexpr double kPsPerUs = 1e6;
-  const CallsHeader& header = calls.Header();
-  std::fprintf(file, "\n%zu calls of %s; noting one took %.3f us\n", calls.Count(), header.library,
-               static_cast<double>(header.costPs) / kPsPerUs);
-  if (header.dropped > 0) {
-    std::fprintf(file, "%llu more are missing: there was no space for them\n",
-                 static_cast<unsigned long long>(header.dropped));
-  }
-  if (header.ended == 0) {
-    std::fputs("the run was cut short; the last call is the one in which it ended\n", file);
-  }
+void PrintTable(std::FILE* file, const Calls& calls, const Measurements& measured) {
+  PrintFacts(file, calls, measured);
   std::fprintf(file, "%-24s%7s%10s%10s%10s%10s%10s%10s%10s%12s\n", "times in ms", "count", "min",
                "mean", "p50", "p90", "p95", "p99", "max", "per second");
-  bool executed = false;
-  for (const NamedStatistics& row : statistics) {
-    const Statistics& s = row.statistics;
-    if (s.count > 0) {
-      std::fprintf(file, "%-24s%7zu%10.4f%10.4f%10.4f%10.4f%10.4f%10.4f%10.4f%12.1f\n", row.title,
-                   s.count, s.min, s.mean, s.p50, s.p90, s.p95, s.p99, s.max, s.perSecond);
-      executed = executed || row.key == std::string("warm_up");
+  bool isExact = true;
+  for (size_t row = 0; row < kRows; ++row) {
+    if (measured.rows[row].Count() > 0) {
+      PrintRow(file, kRowNames[row].title, measured.rows[row]);
+      isExact = isExact && measured.rows[row].IsExact();
     }
   }
-  if (!executed) {
+  PrintLoop(file, measured);
+  if (!isExact) {
+    std::fprintf(file, "percentiles of more than %zu times are within %.1f %%\n",
+                 Distribution::kMostExact, 100 * Distribution::kError);
+  }
+  if (measured.rows[kWarmUp].Count() == 0) {
     std::fputs("nothing was executed; the tool's messages say why\n", file);
   }
 }

@@ -1,101 +1,26 @@
-// Writes record.json: the facts and statistics of a run, and its calls as a trace.
+// Writes record.json: the summary of a run, and its calls as a trace.
+#include <algorithm>
 #include <cstdint>
+#include <string_view>
 
+#include "companions/recorder/call_kinds.h"
 #include "companions/recorder/write_record.h"
 
 namespace quilmrun_record {
 namespace {
 
-constexpr double kNsPerUs = 1000;
-constexpr double kPsPerUs = 1e6;
+// The trace tells times to 0.1 us, which saves space. All moments are rounded alike, so that what
+// encloses a call still does. The summary is made of the nanoseconds.
+constexpr uint64_t kGrainNs = 100;
+constexpr uint64_t kNsPerUs = 1000;
 
-double InUs(uint64_t ns) {
-  return static_cast<double>(ns) / kNsPerUs;
-}
-
-// The number of bytes of the UTF-8 character at `text`, or 0 when there is none.
-size_t CharacterBytes(const std::string& text, size_t start) {
-  const auto byte = [&](size_t i) { return static_cast<unsigned char>(text[i]); };
-  const size_t size = byte(start) < 0x80                           ? 1
-                      : byte(start) >= 0xC2 && byte(start) < 0xE0  ? 2
-                      : (byte(start) & 0xF0) == 0xE0               ? 3
-                      : byte(start) >= 0xF0 && byte(start) <= 0xF4 ? 4
-                                                                   : 0;
-  for (size_t i = start + 1; i < start + size; ++i) {
-    if (i >= text.size() || (byte(i) & 0xC0) != 0x80) {
-      return 0;
-    }
-  }
-  return size;
-}
-
-// A JSON string. Bytes that are no UTF-8, as file names may have them, become what Python makes of
-// them, which makes the same bytes of that.
-std::string Quote(const std::string& text) {
-  std::string quoted = "\"";
-  for (size_t i = 0; i < text.size();) {
-    const size_t size = CharacterBytes(text, i);
-    const auto byte = static_cast<unsigned char>(text[i]);
-    char escape[8];
-    if (size == 0 || byte < 0x20) {
-      std::snprintf(escape, sizeof(escape), "\\u%04x", size == 0 ? 0xDC00 + byte : byte);
-      quoted += escape;
-    } else {
-      quoted += byte == '"' || byte == '\\' ? "\\" : "";
-      quoted.append(text, i, size);
-    }
-    i += size == 0 ? 1 : size;
-  }
-  return quoted + "\"";
-}
-
-void WriteStatistics(std::FILE* file, const Statistics& s) {
-  std::fprintf(file, "{\"count\": %zu", s.count);
-  const struct {
-    const char* key;
-    double value;
-  } numbers[] = {{"min", s.min}, {"mean", s.mean}, {"p50", s.p50}, {"p90", s.p90},
-                 {"p95", s.p95}, {"p99", s.p99},   {"max", s.max}, {"per_second", s.perSecond}};
-  for (const auto& number : numbers) {
-    if (s.count == 0) {
-      std::fprintf(file, ", \"%s\": null", number.key);
-    } else {
-      std::fprintf(file, ", \"%s\": %.6f", number.key, number.value);
-    }
-  }
-  std::fputc('}', file);
-}
-
-void WriteFacts(std::FILE* file, const Calls& calls, const RunFacts& facts,
-                const std::vector<NamedStatistics>& statistics) {
-  const CallsHeader& header = calls.Header();
-  std::fputs(R"({"format": "quilmrun-record", "version": 1,)"
-             "\n"
-             R"( "command": [)",
-             file);
-  for (size_t i = 0; i < facts.command.size(); ++i) {
-    std::fprintf(file, "%s%s", i == 0 ? "" : ", ", Quote(facts.command[i]).c_str());
-  }
-  std::fprintf(
-      file,
-      "],\n \"library\": %s,\n \"complete\": %s, \"exit_status\": %s, \"start_us\": %lld, "
-      "\"recorder_cost_us\": %.4f, \"dropped\": %llu,\n \"statistics\": {",
-      Quote(header.library).c_str(), header.ended != 0 && header.dropped == 0 ? "true" : "false",
-      facts.exitStatus.empty() ? "null" : facts.exitStatus.c_str(),
-      static_cast<long long>(header.startUs), static_cast<double>(header.costPs) / kPsPerUs,
-      static_cast<unsigned long long>(header.dropped));
-  const char* separator = "\n  ";
-  for (const NamedStatistics& row : statistics) {
-    std::fprintf(file, "%s\"%s\": ", separator, row.key);
-    WriteStatistics(file, row.statistics);
-    separator = ",\n  ";
-  }
-  std::fputs("}}", file);
+constexpr uint64_t Rounded(uint64_t ns) {
+  return ns / kGrainNs * kGrainNs;
 }
 
 // What a call is counted to, for the viewer's colours and filters.
-const char* CategoryOf(const std::string& function) {
-  const auto has = [&](const char* word) { return function.find(word) != std::string::npos; };
+const char* CategoryOf(std::string_view function) {
+  const auto has = [&](std::string_view word) { return Contains(function, word); };
   return has("execute")                         ? "execute"
          : has("mdl_load")                      ? "load"
          : has("rt_malloc") || has("rt_free")   ? "memory"
@@ -104,82 +29,190 @@ const char* CategoryOf(const std::string& function) {
                                                 : "runtime";
 }
 
+// Writes the events of one inference in one line, and each other one in a line of its own.
 class TraceWriter : public RunSink {
  public:
-  explicit TraceWriter(std::FILE* file) : file_(file) {}
+  TraceWriter(JsonWriter& json, const TracePlan& plan) : json_(json), plan_(plan) {}
 
   void OnCall(const CallEntry& call, const Place& place) override {
-    const bool finished = call.durationNs != kUnfinished;
-    const char* name = NameOf(call);
-    std::fprintf(file_,
-                 ",\n"
-                 R"({"name":"%s","cat":"%s","ph":"%s","ts":%.3f,)",
-                 name, CategoryOf(name), finished ? "X" : "B", InUs(call.startNs));
-    if (finished) {
-      std::fprintf(file_, R"("dur":%.3f,)", InUs(call.durationNs));
+    Enter(place.group);
+    const CallKind& kind = kCallKinds[call.call - 1];
+    if (!isKept_ || (kind.onlyAsks && !plan_.everyCall && HasReturned(call))) {
+      return;
     }
-    std::fprintf(file_, R"("pid":1,"tid":%u,"args":{)", ThreadOf(call));
-    if (finished) {
-      const std::string result = ResultOf(call);
-      std::fprintf(file_, result[1] == 'x' ? R"("result":"%s")" : R"("result":%s)", result.c_str());
-    } else {
-      std::fputs(R"("unfinished":true)", file_);
+    Begin(NameOf(call), plan_.everyCall ? CategoryOf(NameOf(call)) : "",
+          HasReturned(call) ? "X" : "B", call.startNs);
+    if (HasReturned(call)) {
+      Duration(call.startNs, EndOf(call));
     }
-    WriteNumber("group", place.group);
-    WriteNumber("repetition", place.repetition);
-    WriteNumber("bytes", call.bytes == 0 ? -1 : static_cast<long>(call.bytes));
-    std::fputs("}}", file_);
+    json_.Key("pid").Integer(1).Key("tid").Integer(ThreadOf(call));
+    WriteArguments(call, place);
+    json_.Close('}');
   }
 
   void OnSpan(const Span& span) override {
-    std::fprintf(file_,
-                 ",\n"
-                 R"({"name":"%s","cat":"%s","ph":"X","ts":%.3f,"dur":%.3f,"pid":1,"tid":1,)"
-                 R"("args":{"complete":%s)",
-                 span.name.c_str(), span.category, InUs(span.startNs),
-                 InUs(span.endNs - span.startNs), span.isComplete ? "true" : "false");
-    WriteNumber("group", span.group);
-    WriteNumber("bytes", span.bytes == 0 ? -1 : static_cast<long>(span.bytes));
-    std::fputs("}}", file_);
+    if (isKept_) {
+      const bool isPhase = span.kind == SpanKind::kPhase || span.kind == SpanKind::kInference;
+      Begin(span.name.c_str(), isPhase ? "phase" : "copy", "X", span.startNs);
+      Duration(span.startNs, span.endNs);
+      json_.Key("pid").Integer(1).Key("tid").Integer(1);
+      if (!span.isComplete || plan_.everyCall) {
+        json_.Key("args").Open('{').Key("complete").Bool(span.isComplete);
+        WriteNumber("group", span.group);
+        WriteNumber("bytes", span.bytes == 0 ? -1 : static_cast<long>(span.bytes));
+        json_.Close('}');
+      }
+      json_.Close('}');
+    }
+    if (span.kind == SpanKind::kInference) {
+      ShowPeak();
+    }
   }
 
+  // Within an inference, the peak is shown where it is another than that of the inference before.
   void OnMemory(uint64_t ns, uint64_t bytes) override {
-    std::fprintf(file_,
-                 ",\n"
-                 R"({"name":"device memory","ph":"C","ts":%.3f,"pid":1,"args":{"bytes":%llu}})",
-                 InUs(ns), static_cast<unsigned long long>(bytes));
+    if (group_ < 0 || plan_.everyCall) {
+      WriteMemory({ns, bytes});
+    } else if (bytes >= peak_.bytes) {
+      peak_ = {ns, bytes};
+    }
   }
 
  private:
+  void Enter(long group) {
+    if (group != group_ && group >= 0) {
+      isKept_ = plan_.Keeps(group);
+      isNewLine_ = true;
+    }
+    group_ = group;
+  }
+
+  void ShowPeak() {
+    if (isKept_ && peak_.bytes != 0 && peak_.bytes != shownBytes_) {
+      WriteMemory(peak_);
+      shownBytes_ = peak_.bytes;
+    }
+    peak_ = {};
+  }
+
+  void WriteMemory(const MemoryPoint& point) {
+    if (isKept_) {
+      Begin("device memory", "", "C", point.ns);
+      json_.Key("pid").Integer(1).Key("args").Open('{').Key("bytes").Count(point.bytes);
+      json_.Close('}').Close('}');
+    }
+  }
+
+  void Begin(const char* name, const char* category, const char* phase, uint64_t ns) {
+    if (group_ < 0 || isNewLine_) {
+      json_.Break();
+    }
+    isNewLine_ = false;
+    json_.Open('{').Key("name").Text(name);
+    if (category[0] != '\0') {
+      json_.Key("cat").Text(category);
+    }
+    json_.Key("ph").Text(phase).Key("ts").Time(Rounded(ns), kNsPerUs);
+  }
+
+  void Duration(uint64_t startNs, uint64_t endNs) {
+    json_.Key("dur").Time(Rounded(endNs) - Rounded(startNs), kNsPerUs);
+  }
+
   // The tool's own thread is 1; a library may call from others.
   unsigned ThreadOf(const CallEntry& call) {
     mainThread_ = mainThread_ == 0 ? call.thread : mainThread_;
     return call.thread == mainThread_ ? 1 : call.thread;
   }
 
-  void WriteNumber(const char* key, long value) {
-    if (value >= 0) {
-      std::fprintf(file_, R"(,"%s":%ld)", key, value);
+  // Without these, a call has succeeded.
+  void WriteArguments(const CallEntry& call, const Place& place) {
+    const CallKind& kind = kCallKinds[call.call - 1];
+    if (!HasReturned(call) || Failed(kind, call.result) || plan_.everyCall) {
+      json_.Key("args").Open('{');
+      if (HasReturned(call)) {
+        WriteResult(call, kind);
+      } else {
+        json_.Key("unfinished").Bool(true);
+      }
+      WriteNumber("group", place.group);
+      WriteNumber("repetition", place.repetition);
+      WriteNumber("bytes", call.bytes == 0 ? -1 : static_cast<long>(call.bytes));
+      json_.Close('}');
     }
   }
 
-  std::FILE* file_;
+  void WriteResult(const CallEntry& call, const CallKind& kind) {
+    json_.Key("result");
+    if (kind.result == ResultKind::kPointer) {
+      json_.Text(ResultOf(call));
+    } else if (kind.isSigned) {
+      json_.Integer(call.result);
+    } else {
+      json_.Count(static_cast<uint64_t>(call.result));
+    }
+  }
+
+  void WriteNumber(const char* key, long value) {
+    if (value >= 0) {
+      json_.Key(key).Integer(value);
+    }
+  }
+
+  JsonWriter& json_;
+  const TracePlan& plan_;
   unsigned mainThread_ = 0;
+  long group_ = -1;
+  bool isKept_ = true;  // this inference, and what follows until the next one
+  bool isNewLine_ = false;
+  MemoryPoint peak_;         // of this inference
+  uint64_t shownBytes_ = 0;  // the peak shown last
 };
 
 }  // namespace
 
+bool TracePlan::Keeps(long group) const {
+  return group < atEachEnd || group >= inferences - atEachEnd || group % every == 0 ||
+         std::binary_search(slowest.begin(), slowest.end(), group);
+}
+
+long TracePlan::Kept() const {
+  long kept = 0;
+  for (long group = 0; group < inferences; ++group) {
+    kept += Keeps(group) ? 1 : 0;
+  }
+  return kept;
+}
+
+TracePlan PlanTrace(const Measurements& measured, long most, long some, bool everyCall) {
+  TracePlan plan;
+  plan.inferences = measured.inferences;
+  plan.everyCall = everyCall;
+  plan.atEachEnd = some;
+  for (const SlowInference& inference : measured.slowest) {
+    plan.slowest.push_back(inference.group);
+  }
+  std::sort(plan.slowest.begin(), plan.slowest.end());
+  if (measured.inferences > most) {
+    constexpr long kBetween = 7;  // so that the trace shows about ten times `some`
+    plan.every = (measured.inferences + kBetween * some - 1) / (kBetween * some);
+  }
+  return plan;
+}
+
 void WriteTrace(std::FILE* file, const Calls& calls, const RunFacts& facts,
-                const std::vector<NamedStatistics>& statistics) {
-  std::fputs(R"({"displayTimeUnit": "ms", "otherData": )", file);
-  WriteFacts(file, calls, facts, statistics);
-  std::fputs(
-      ",\n\"traceEvents\": [\n{\"name\": \"process_name\", \"ph\": \"M\", \"pid\": 1, \"args\": "
-      "{\"name\": \"quilmrun\"}}",
-      file);
-  TraceWriter writer(file);
+                const Measurements& measured, const TracePlan& plan) {
+  JsonWriter json(file);
+  json.Open('{').Key("displayTimeUnit").Text("ms").Key("otherData");
+  WriteSummary(json, calls, facts, measured, plan);
+  json.Break().Key("traceEvents").Open('[').Break();
+  json.Open('{').Key("name").Text("process_name").Key("ph").Text("M").Key("pid").Integer(1);
+  json.Key("args").Open('{').Key("name").Text("quilmrun").Close('}').Close('}');
+  TraceWriter writer(json, plan);
   FollowRun(calls, writer);
-  std::fputs("\n]}\n", file);
+  json.Close(']').Close('}');
+  json.Flush();
+  std::fputc('\n', file);
 }
 
 }  // namespace quilmrun_record

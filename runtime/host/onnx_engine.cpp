@@ -17,18 +17,18 @@ using onnx::Make;
 
 std::vector<int64_t> ReadDims(const onnx::TensorInfo* info) {
   size_t count = 0;
-  Check(Library().GetDimensionsCount(info, &count));
+  Check(Library().getDimensionsCount(info, &count));
   std::vector<int64_t> dims(count);
-  Check(Library().GetDimensions(info, dims.data(), count));
+  Check(Library().getDimensions(info, dims.data(), count));
   return dims;
 }
 
 Handle<onnx::SessionOptions> MakeOptions(size_t threads) {
-  auto options = Make(Library().ReleaseSessionOptions, Library().CreateSessionOptions);
-  Check(Library().SetIntraOpNumThreads(options.get(), static_cast<int>(threads)));
+  auto options = Make(Library().releaseSessionOptions, Library().createSessionOptions);
+  Check(Library().setIntraOpNumThreads(options.get(), static_cast<int>(threads)));
   // Threads that spin between two executions take processor time from the tool, which reads and
   // writes files then.
-  Check(Library().AddSessionConfigEntry(options.get(), "session.intra_op.allow_spinning", "0"));
+  Check(Library().addSessionConfigEntry(options.get(), "session.intra_op.allow_spinning", "0"));
   return options;
 }
 
@@ -37,7 +37,7 @@ class OnnxEngine {
   OnnxEngine(std::string_view file, const std::vector<Tensor>& inputs, std::vector<Tensor>& outputs,
              size_t threads)
       : inputs_(inputs),
-        memory_(Make(Library().ReleaseMemoryInfo, Library().CreateCpuMemoryInfo, 0, 0)),
+        memory_(Make(Library().releaseMemoryInfo, Library().createCpuMemoryInfo, 0, 0)),
         session_(MakeSession(file, threads)) {
     for (size_t i = 0; i < outputs.size(); ++i) {
       DescribeOutput(i, outputs[i]);
@@ -55,16 +55,16 @@ class OnnxEngine {
     std::vector<const onnx::Value*> values;
     for (size_t i = 0; i < inputs.size(); ++i) {
       const Array& input = inputs[i];
-      owners.push_back(Make(Library().ReleaseValue, Library().CreateTensorWithDataAsOrtValue,
+      owners.push_back(Make(Library().releaseValue, Library().createTensorWithDataAsOrtValue,
                             memory_.get(), input.bytes.data(), input.bytes.size(),
                             input.dims.data(), input.dims.size(), inputs_[i].type->onnx));
       values.push_back(owners.back().get());
     }
     std::vector<onnx::Value*> results(outputs_.size());
-    Check(Library().Run(session_.get(), nullptr, names_.data(), values.data(), values.size(),
+    Check(Library().run(session_.get(), nullptr, names_.data(), values.data(), values.size(),
                         names_.data() + values.size(), results.size(), results.data()));
     for (onnx::Value* result : results) {
-      owners.emplace_back(result, Library().ReleaseValue);
+      owners.emplace_back(result, Library().releaseValue);
     }
     onnx::ForgetProblems();  // warnings that came to nothing
     std::vector<Array> outputs;
@@ -78,7 +78,7 @@ class OnnxEngine {
   static Handle<onnx::Session> MakeSession(std::string_view file, size_t threads) {
     const auto options = MakeOptions(threads);
     onnx::ForgetProblems();  // what the library said of the machine's devices
-    auto session = Make(Library().ReleaseSession, Library().CreateSessionFromArray,
+    auto session = Make(Library().releaseSession, Library().createSessionFromArray,
                         onnx::TheEnvironment(), file.data(), file.size(), options.get());
     onnx::ForgetProblems();  // warnings that came to nothing
     return session;
@@ -86,12 +86,12 @@ class OnnxEngine {
 
   void DescribeOutput(size_t index, Tensor& output) {
     const auto type =
-        Make(Library().ReleaseTypeInfo, Library().SessionGetOutputTypeInfo, session_.get(), index);
+        Make(Library().releaseTypeInfo, Library().sessionGetOutputTypeInfo, session_.get(), index);
     const onnx::TensorInfo* info = nullptr;
     int elementType = 0;
-    Check(Library().CastTypeInfoToTensorInfo(type.get(), &info));
+    Check(Library().castTypeInfoToTensorInfo(type.get(), &info));
     if (info != nullptr) {
-      Check(Library().GetTensorElementType(info, &elementType));
+      Check(Library().getTensorElementType(info, &elementType));
       output.dims = ReadDims(info);
     }
     output.type = FindElementType(elementType);
@@ -100,7 +100,7 @@ class OnnxEngine {
   }
 
   static Array CopyResult(onnx::Value* result, size_t elementBytes) {
-    const auto info = Make(Library().ReleaseTensorTypeAndShapeInfo, Library().GetTensorTypeAndShape,
+    const auto info = Make(Library().releaseTensorTypeAndShapeInfo, Library().getTensorTypeAndShape,
                            std::as_const(result));
     Array output{ReadDims(info.get()), {}};
     auto size = static_cast<int64_t>(elementBytes);
@@ -108,7 +108,7 @@ class OnnxEngine {
       size *= dim;
     }
     void* data = nullptr;
-    Check(Library().GetTensorMutableData(result, &data));
+    Check(Library().getTensorMutableData(result, &data));
     const auto* bytes = static_cast<const unsigned char*>(data);
     output.bytes.assign(bytes, bytes + size);
     return output;

@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <mutex>
+#include <optional>
 #include <utility>
 #include <vector>
 
@@ -13,39 +14,8 @@ namespace {
 
 constexpr uint32_t kInterfaceVersion = 17;
 
-Functions functions{};
+std::optional<const Functions> functions;  // empty until the library is loaded
 const Environment* environment = nullptr;
-
-Functions ReadTable(void* const* table) {
-  Functions read{};
-  const auto take = [table](auto& function, size_t position) {
-    function = reinterpret_cast<std::remove_reference_t<decltype(function)>>(table[position]);
-  };
-  take(read.GetErrorMessage, 2);
-  take(read.CreateEnvWithCustomLogger, 4);
-  take(read.CreateSessionFromArray, 8);
-  take(read.Run, 9);
-  take(read.CreateSessionOptions, 10);
-  take(read.SetIntraOpNumThreads, 24);
-  take(read.SessionGetOutputTypeInfo, 34);
-  take(read.CreateTensorWithDataAsOrtValue, 49);
-  take(read.GetTensorMutableData, 51);
-  take(read.CastTypeInfoToTensorInfo, 55);
-  take(read.GetTensorElementType, 60);
-  take(read.GetDimensionsCount, 61);
-  take(read.GetDimensions, 62);
-  take(read.GetTensorTypeAndShape, 65);
-  take(read.CreateCpuMemoryInfo, 69);
-  take(read.ReleaseStatus, 93);
-  take(read.ReleaseMemoryInfo, 94);
-  take(read.ReleaseSession, 95);
-  take(read.ReleaseValue, 96);
-  take(read.ReleaseTypeInfo, 98);
-  take(read.ReleaseTensorTypeAndShapeInfo, 99);
-  take(read.ReleaseSessionOptions, 100);
-  take(read.AddSessionConfigEntry, 130);
-  return read;
-}
 
 // What the library has reported, by statuses and in its log, the latest first.
 std::vector<std::string> problems;
@@ -83,8 +53,8 @@ void* OpenLibrary() {
 
 void LoadFunctions() {
   struct ApiBase {
-    void* const* (*GetApi)(uint32_t version);
-    const char* (*GetVersionString)();
+    void* const* (*getApi)(uint32_t version);
+    const char* (*getVersionString)();
   };
   // The library would keep usage figures in the user's home and send them to its maker.
   setenv("ORT_DISABLE_TELEMETRY", "1", 1);
@@ -94,10 +64,10 @@ void LoadFunctions() {
   Require(getBase != nullptr, "there is no engine, which scripts/fetch-engine or the package ",
           "quilmrun-host-runtime brings: ", problem);
   const ApiBase* base = reinterpret_cast<const ApiBase* (*)()>(getBase)();
-  void* const* table = base->GetApi(kInterfaceVersion);
-  Require(table != nullptr, "ONNX Runtime ", base->GetVersionString(), " is too old, 1.",
+  void* const* table = base->getApi(kInterfaceVersion);
+  Require(table != nullptr, "ONNX Runtime ", base->getVersionString(), " is too old, 1.",
           kInterfaceVersion, " or newer is needed");
-  functions = ReadTable(table);
+  functions.emplace(Functions{table});
 }
 
 }  // namespace
@@ -107,10 +77,10 @@ const Functions& Library() {
   if (environment == nullptr) {
     LoadFunctions();
     Environment* created = nullptr;
-    Check(functions.CreateEnvWithCustomLogger(&Log, nullptr, kWarning, "quilm", &created));
+    Check(functions->createEnvWithCustomLogger(&Log, nullptr, kWarning, "quilm", &created));
     environment = created;
   }
-  return functions;
+  return *functions;
 }
 
 const Environment* TheEnvironment() {
@@ -124,8 +94,8 @@ void ForgetProblems() {
 
 void Check(Status* status) {
   if (status != nullptr) {
-    const Handle<Status> owner(status, functions.ReleaseStatus);
-    Keep(functions.GetErrorMessage(status));
+    const Handle<Status> owner(status, functions->releaseStatus);
+    Keep(functions->getErrorMessage(status));
     const std::lock_guard<std::mutex> lock(problemsMutex);
     throw Refusal(Joined(std::exchange(problems, {}), "\n"));
   }

@@ -27,39 +27,54 @@ struct Value;
 using LogFunction = void(void* parameter, int severity, const char* category, const char* id,
                          const char* location, const char* message);
 
-/// The library's functions, with the names that its own interface gives them. Strings are UTF-8.
+/// An entry of the library's table, which becomes a pointer to a function of the type that is asked
+/// for.
+struct Entry {
+  void* function;
+
+  template <typename Function>
+  operator Function*() const {  // NOLINT(google-explicit-constructor): that is what it is for
+    return reinterpret_cast<Function*>(function);
+  }
+};
+
+/// The library's functions, named as in its own interface. Strings are UTF-8.
 struct Functions {
-  const char* (*GetErrorMessage)(const Status*);  // owned by the status
-  Status* (*CreateEnvWithCustomLogger)(LogFunction*, void* parameter, int severity, const char* id,
-                                       Environment**);
-  Status* (*CreateSessionFromArray)(const Environment*, const void* model, size_t bytes,
-                                    const SessionOptions*, Session**);
-  Status* (*Run)(Session*, const RunOptions*, const char* const* inputNames,
+  void* const* table;
+  const char* (*getErrorMessage)(const Status*) = Entry{table[2]};  // owned by the status
+  Status* (*createEnvWithCustomLogger)(LogFunction*, void* parameter, int severity, const char* id,
+                                       Environment**) = Entry{table[4]};
+  Status* (*createSessionFromArray)(const Environment*, const void* model, size_t bytes,
+                                    const SessionOptions*, Session**) = Entry{table[8]};
+  Status* (*run)(Session*, const RunOptions*, const char* const* inputNames,
                  const Value* const* inputs, size_t inputCount, const char* const* outputNames,
-                 size_t outputCount, Value** outputs);
-  Status* (*CreateSessionOptions)(SessionOptions**);
-  Status* (*SetIntraOpNumThreads)(SessionOptions*, int threads);
-  Status* (*SessionGetOutputTypeInfo)(const Session*, size_t index, TypeInfo**);
+                 size_t outputCount, Value** outputs) = Entry{table[9]};
+  Status* (*createSessionOptions)(SessionOptions**) = Entry{table[10]};
+  Status* (*setIntraOpNumThreads)(SessionOptions*, int threads) = Entry{table[24]};
+  Status* (*sessionGetOutputTypeInfo)(const Session*, size_t index, TypeInfo**) = Entry{table[34]};
   // The data stay the caller's. Those of inputs are only read.
-  Status* (*CreateTensorWithDataAsOrtValue)(const MemoryInfo*, const void* data, size_t bytes,
+  Status* (*createTensorWithDataAsOrtValue)(const MemoryInfo*, const void* data, size_t bytes,
                                             const int64_t* dims, size_t dimCount, int elementType,
-                                            Value**);
-  Status* (*GetTensorMutableData)(Value*, void** data);
+                                            Value**) = Entry{table[49]};
+  Status* (*getTensorMutableData)(Value*, void** data) = Entry{table[51]};
   // The tensor info is owned by the type info, and null when that is no tensor's.
-  Status* (*CastTypeInfoToTensorInfo)(const TypeInfo*, const TensorInfo**);
-  Status* (*GetTensorElementType)(const TensorInfo*, int*);
-  Status* (*GetDimensionsCount)(const TensorInfo*, size_t*);
-  Status* (*GetDimensions)(const TensorInfo*, int64_t* dims, size_t count);  // -1: not known
-  Status* (*GetTensorTypeAndShape)(const Value*, TensorInfo**);
-  Status* (*CreateCpuMemoryInfo)(int allocatorType, int memoryType, MemoryInfo**);
-  void (*ReleaseStatus)(Status*);
-  void (*ReleaseMemoryInfo)(MemoryInfo*);
-  void (*ReleaseSession)(Session*);
-  void (*ReleaseValue)(Value*);
-  void (*ReleaseTypeInfo)(TypeInfo*);
-  void (*ReleaseTensorTypeAndShapeInfo)(TensorInfo*);
-  void (*ReleaseSessionOptions)(SessionOptions*);
-  Status* (*AddSessionConfigEntry)(SessionOptions*, const char* key, const char* value);
+  Status* (*castTypeInfoToTensorInfo)(const TypeInfo*, const TensorInfo**) = Entry{table[55]};
+  Status* (*getTensorElementType)(const TensorInfo*, int*) = Entry{table[60]};
+  Status* (*getDimensionsCount)(const TensorInfo*, size_t*) = Entry{table[61]};
+  Status* (*getDimensions)(const TensorInfo*, int64_t* dims,
+                           size_t count) = Entry{table[62]};  // -1: not known
+  Status* (*getTensorTypeAndShape)(const Value*, TensorInfo**) = Entry{table[65]};
+  Status* (*createCpuMemoryInfo)(int allocatorType, int memoryType,
+                                 MemoryInfo**) = Entry{table[69]};
+  void (*releaseStatus)(Status*) = Entry{table[93]};
+  void (*releaseMemoryInfo)(MemoryInfo*) = Entry{table[94]};
+  void (*releaseSession)(Session*) = Entry{table[95]};
+  void (*releaseValue)(Value*) = Entry{table[96]};
+  void (*releaseTypeInfo)(TypeInfo*) = Entry{table[98]};
+  void (*releaseTensorTypeAndShapeInfo)(TensorInfo*) = Entry{table[99]};
+  void (*releaseSessionOptions)(SessionOptions*) = Entry{table[100]};
+  Status* (*addSessionConfigEntry)(SessionOptions*, const char* key,
+                                   const char* value) = Entry{table[130]};
 };
 
 /// The library's functions. The first call loads the library, and creates its environment, which

@@ -52,13 +52,13 @@ void ReadLine(const std::string& line) {
   }
 }
 
-// An empty settings file that is nowhere on the disk.
+// Makes a settings file in memory, with nothing set in it, and returns its path.
 std::string MakeUsualSettings() {
   const int file = memfd_create("settings", MFD_CLOEXEC);
   return write(file, "{}", 2) == 2 ? "/proc/self/fd/" + std::to_string(file) : "";
 }
 
-// "NUMBER MS"
+// Takes "NUMBER MS".
 void SendTwice(const std::string& numberAndPause) {
   std::istringstream words(numberAndPause);
   int number = 0;
@@ -69,13 +69,22 @@ void SendTwice(const std::string& numberAndPause) {
   kill(getpid(), number);
 }
 
+// A line of the script cannot hold a newline, and writes "\\n" instead.
+void Print(const std::string& text) {
+  const size_t end = text.find("\\n");
+  std::fputs(text.substr(0, end).c_str(), stdout);
+  if (end != std::string::npos) {
+    std::fputc('\n', stdout);
+  }
+}
+
 void PerformOne(const std::string& kind, const std::string& what) {
   if (kind == "run" && std::system(what.c_str()) != 0) {
     std::fprintf(stderr, "scripted runtime: %s failed\n", what.c_str());
   } else if (kind == "locale" && std::setlocale(LC_ALL, what.c_str()) == nullptr) {
     std::fprintf(stderr, "scripted runtime: there is no locale %s\n", what.c_str());
   } else if (kind == "print") {
-    std::fputs(what.c_str(), stdout);
+    Print(what);
   } else if (kind == "signal") {
     std::raise(std::stoi(what));
   } else if (kind == "kill") {

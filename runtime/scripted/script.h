@@ -1,8 +1,8 @@
-// What the scripted runtime is told to do differently from the host runtime. quilm_init() reads its
-// script from the file it is given:
+// A script tells the scripted runtime what to do differently from the host runtime. quilm_init()
+// reads it from the file that it is given:
 //
 //   log FILE                      record calls here, with their numbers
-//   settings FILE                 of the host runtime; without it, all as usual
+//   settings FILE                 give the host runtime these settings
 //   input NAME TYPE SIZE STRIDE DIM...
 //   output NAME TYPE SIZE STRIDE DIM...
 //                                 describe a model of these instead of the one that is loaded;
@@ -10,12 +10,13 @@
 //   dim_count N                   claim N dimensions for every tensor
 //   net_type N, run_mode N, reported_size N
 //
-// and what happens at the N-th call of FUNCTION, or with 0 at every other one, several at once if
-// need be, in this order:
+// A line of the following kinds tells what happens at the N-th call of FUNCTION, or, when N is 0,
+// at every call without a line of its own. Several may happen at one call, in this order:
 //
 //   run FUNCTION N COMMAND        a shell command is run
 //   locale FUNCTION N NAME        the process gets this locale
-//   print FUNCTION N TEXT         the text goes to standard output through stdio, without a newline
+//   print FUNCTION N TEXT         the text goes to standard output through stdio; a newline
+//                                 follows it where it ends in "\n"
 //   signal FUNCTION N NUMBER      a signal interrupts the call
 //   kill FUNCTION N NUMBER MS     two signals do, MS apart, as if another process had sent them
 //   throw FUNCTION N TYPE         an exception leaves the call: an "int", or an "error"
@@ -59,15 +60,16 @@ extern Script script;
 /// Above 0 while the process is in a call of the runtime, or is being started.
 extern int callsInProgress;
 
-/// False when there is no such script.
+/// Reads the script at `path`. False when there is none.
 bool ReadScript(const char* path);
 
+/// The number that the script gives for `key`, or `fallback`.
 long NumberOr(const char* key, long fallback);
 
 /// Counts the call; returns what is due at it.
 const Event& NextEvent(const char* function);
 
-/// Does what is due but for the results of the call.
+/// Does what is due, except for "fail" and "claim", which are about the result of the call.
 void Perform(const Event& event);
 
 #endif  // QUILMRUN_RUNTIME_SCRIPTED_SCRIPT_H_

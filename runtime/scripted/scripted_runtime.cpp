@@ -146,7 +146,7 @@ quilm_error Describe(Tag<Id::quilm_mdl_execute>, uint32_t, const quilm_mdl_datas
   return 0;
 }
 
-// Memory such as an accelerator has: little of it, and never cleared.
+// Hands out memory as an accelerator does: there is little of it, and it is not cleared.
 quilm_error Describe(Tag<Id::quilm_rt_malloc> call, void** pointer, size_t size, int32_t policy) {
   if (size == 0 || size >= size_t{1} << 40) {
     *pointer = nullptr;
@@ -161,7 +161,7 @@ quilm_error Describe(Tag<Id::quilm_rt_malloc> call, void** pointer, size_t size,
 
 quilm_data_buffer* Describe(Tag<Id::quilm_create_data_buffer> call, void* pointer, size_t size,
                             size_t stride) {
-  if (script.log != nullptr) {  // otherwise it would only grow
+  if (script.log != nullptr) {  // nobody else reads the map, which would grow with every call
     script.strides[pointer] = stride;
   }
   return Pass(call, pointer, size, stride);
@@ -171,7 +171,7 @@ size_t Describe(Tag<Id::quilm_get_data_buffer_size> call, const quilm_data_buffe
   return static_cast<size_t>(NumberOr("reported_size", static_cast<long>(Pass(call, buffer))));
 }
 
-// The host runtime does not know the model.
+// The host runtime would refuse these calls: it has not loaded the model.
 constexpr bool IsAboutTheModel(Id call) {
   return call == Id::quilm_mdl_unload || call == Id::quilm_mdl_get_desc ||
          call == Id::quilm_mdl_set_dynamic_batch_size || call == Id::quilm_mdl_set_total_t;
