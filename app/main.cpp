@@ -1,3 +1,4 @@
+// The entry point. It puts the parts of a run together and does nothing else.
 #include <utility>
 
 #include "app/attempt.h"

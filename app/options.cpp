@@ -19,6 +19,8 @@ namespace {
 constexpr char kOptionString[] = "-m:i:j:t:b:r:p:o:";
 constexpr int kWord = 1;
 
+// The tables below say which option goes into which field. A new option is a new row, and a letter
+// in kOptionString.
 struct StringOption {
   int letter;
   std::string RunOptions::*field;
@@ -94,6 +96,8 @@ int CheckOptions(const RunOptions& options, ResolvedPaths& paths) {
   if (!options.numbersValid || ResolvePath(options.modelPath, paths.modelPath) != kSuccess) {
     return kFailure;
   }
+  // A list that cannot be read has been reported. The run goes on without inputs: it still shows
+  // the description of the model.
   paths.inputFiles = ReadInputList(options.imagePath);
   if (ResolvePath(options.quilmJsonPath, paths.quilmJsonPath) != kSuccess) {
     return kFailure;

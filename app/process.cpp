@@ -78,6 +78,7 @@ int SampleProcess::RunGroups(ModelProcess& model) {
     LogWarn("%zu rpn files, but the model has %zu inputs: nothing to execute", rpnFiles.size(),
             modelInputs);
   }
+  // Every RPN file takes the place of one input, so that the list names files for the others only.
   const size_t inputNum = modelInputs - std::min(modelInputs, rpnFiles.size());
   LogInfo("Model inputNum: %zu", inputNum);
   const size_t iterations = inputNum == 0 ? 0 : inputFiles.size() / inputNum;

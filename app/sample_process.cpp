@@ -52,6 +52,7 @@ int SampleProcess::InitResource(const std::vector<std::string>& rpnFiles, uint32
   this->nlpTotalT = nlpTotalT;
   this->profile = profile;
 
+  // The difference is recorded after a failure too, since the report shows it in any case.
   const int32_t memoryBefore = GetMediaMemUsed();
   const quilm_error initResult = quilm_init(quilmJsonPath.c_str());
   profileRecord.quilmInitMem = MediaMemDifference(GetMediaMemUsed(), memoryBefore);
@@ -103,6 +104,8 @@ int SampleProcess::CreateExecutionResources() {
   return kSuccess;
 }
 
+// Nobody knows how far the start got. Device and runtime are therefore always shut down, and a
+// library that has nothing to shut down refuses.
 void SampleProcess::DestroyResource() {
   DestroyHandle(stream, quilm_rt_destroy_stream, "stream");
   DestroyHandle(context, quilm_rt_destroy_context, "context");
@@ -123,6 +126,7 @@ void SampleProcess::DestroyResource() {
   WriteMemoryDataCsv(profileRecord, reportPath_);
 }
 
+// The outcome is printed before `sample` is destroyed, whose messages follow it.
 int RunSample(const RunOptions& options, ResolvedPaths paths) {
   CatchStopSignals();
   SampleProcess sample(std::move(paths.modelPath), std::move(paths.inputFiles),

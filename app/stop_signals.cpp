@@ -9,9 +9,12 @@
 namespace quilmrun {
 namespace {
 
+// Both are written by the handler and read by the run. An atomic of 64 bits has no lock on the
+// processors that the tool is built for, so that a handler may use it.
 volatile std::sig_atomic_t received = 0;
 std::atomic<int64_t> receivedMs = 0;
 
+// The wall clock may be set while the tool runs; this one may not.
 int64_t MonotonicMs() {
   timespec now{};
   clock_gettime(CLOCK_MONOTONIC, &now);
@@ -34,6 +37,7 @@ void NoteSignal(int number, siginfo_t* info, void*) {
   }
 }
 
+// A program that nohup starts, for one, finds SIGHUP ignored.
 bool IsIgnored(int number) {
   struct sigaction action {};
   return sigaction(number, nullptr, &action) == 0 && action.sa_handler == SIG_IGN;

@@ -10,6 +10,8 @@
 namespace quilmrun {
 namespace {
 
+// A signal may interrupt any call that waits. The tool notes the signal and goes on, so that the
+// call has to be made again.
 template <typename Call>
 auto RetryInterrupted(const Call& call) {
   auto result = call();
@@ -79,7 +81,7 @@ size_t Descriptor::Read(void* target, size_t size) const {
     const ssize_t received = RetryInterrupted(
         [&] { return read(number_, static_cast<char*>(target) + done, size - done); });
     if (received <= 0) {
-      break;
+      break;  // the end of the file, or an error, of which the caller sees that bytes are missing
     }
     done += static_cast<size_t>(received);
   }

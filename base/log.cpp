@@ -43,6 +43,7 @@ __attribute__((format(printf, 4, 0))) size_t FormatLine(char* line, size_t room,
 __attribute__((format(printf, 2, 0))) void PrintLine(const char* prefix, const char* format,
                                                      va_list arguments) {
   const CLocale locale;
+  // A list of arguments can be used once only, and a long line is formatted twice.
   va_list again;
   va_copy(again, arguments);
   char usual[kUsualSize];

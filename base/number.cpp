@@ -55,6 +55,7 @@ std::optional<float> ToFloat(std::string_view number) {
   if (number.empty()) {
     return std::nullopt;
   }
+  // from_chars() for floats is missing in older C++ libraries, as boards have them.
   const CLocale locale;
   const float value = std::strtof(std::string(number).c_str(), nullptr);
   return std::isinf(value) ? std::nullopt : std::optional<float>(value);

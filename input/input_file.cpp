@@ -7,6 +7,7 @@
 namespace quilmrun {
 namespace {
 
+// Large enough that the calls cost nothing beside the work on the text.
 constexpr size_t kChunkSize = 65536;
 
 bool IsDirectory(const Descriptor& descriptor) {
@@ -24,7 +25,7 @@ void UseLines(std::string& text, size_t searched,
     use(std::string_view(text).substr(start, end - start));
     start = end + 1;
   }
-  text.erase(0, start);
+  text.erase(0, start);  // once for all lines of the chunk: each erasure moves the rest
 }
 
 }  // namespace
@@ -64,6 +65,8 @@ InputFile::LinesEnd InputFile::ReadLines(size_t maxBytes, size_t maxLineLength,
       return LinesEnd::kFileTooLarge;
     }
     UseLines(text, searched, use);
+    // What is left is the beginning of a line. A file without newlines, such as a device, would
+    // fill the memory.
     if (text.size() > maxLineLength) {
       use(text);
       return LinesEnd::kLineTooLong;

@@ -30,6 +30,8 @@ struct ParameterRows {
 };
 
 ParameterRows RowsFor(size_t values, size_t rpnWidth, size_t stride) {
+  // Four values that a multi-class model takes as four rows of one lie as they do for a single
+  // class.
   if (values <= kSingleClassValues) {
     return {1, values, 0};
   }
@@ -85,6 +87,7 @@ int ReadRpnFile(const std::string& path, std::vector<float>& values) {
   for (bool more = true; more;) {
     more = file.AppendChunk(text);
     std::string_view rest = text;
+    // A number may lie across two pieces of the file: only the last piece is parsed to its end.
     if (!(more ? ParseFloatsSoFar(rest, values) : ParseFloats(rest, values)) ||
         !IsReasonable(path, values.size(), rest.size())) {
       return kFailure;

@@ -65,12 +65,15 @@ int CheckFrames(int32_t frames, int64_t maxFrames) {
   return kSuccess;
 }
 
+// The frames are counted by the file: a shorter sequence is a shorter file.
 int ReconcileFrames(const Staging& staging, uint32_t& batchSize, int32_t& nlpTotalT) {
   nlpTotalT = static_cast<int32_t>(WholeParts(staging.fileSize, BytesOfDimensions(staging, 1)));
   batchSize = 1;
   return CheckFrames(nlpTotalT, FirstDimension(staging.dims));
 }
 
+// A file is packed, while the size of a batch counts its padding. Where there is padding, a file of
+// several batches therefore counts as fewer of them, and is then too large.
 int ReconcileBatches(const Staging& staging, uint32_t& batchSize) {
   LogInfo("The shape of the model is [%s]", JoinDimensions(staging.dims).c_str());
   if (WholeParts(staging.fileSize, BytesOfDimensions(staging, 0)) != batchSize) {
@@ -160,6 +163,7 @@ DeviceMemory GetPicDeviceBuffer(const std::string& path, const quilm_mdl_io_dims
   if (staging.fileSize == 0) {
     return nullptr;
   }
+  // The size is that of the batches so far. The file may lower their number, and not raise it.
   staging.allocationSize = BatchedSize(batchSize, staging.singleBatchSize);
   DeviceMemory memory = AllocateOrReport(staging.allocationSize);
   int32_t netType = 0;

@@ -141,6 +141,7 @@ int ResolvePath(const std::string& inputPath, std::string& resolvedPath) {
     resolvedPath = resolved.data();
     return kSuccess;
   }
+  // A missing file is left to the step that opens it, which says so.
   if (errno != ENOENT) {
     LogError("realpath fail, input: %s", inputPath.c_str());
   }

@@ -69,6 +69,7 @@ void ModelProcess::PrintModelInfo(std::vector<std::string>& inputNames) {
     if (!PrintTensor(kInputQueries, modelDesc.get(), i, batchSize, dims)) {
       return;
     }
+    // The last two names are no files' names: the tool itself makes these buffers.
     if (i < inputs - kTaskAndWorkBuffers) {
       inputNames.push_back(TensorName(dims));
     }

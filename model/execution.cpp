@@ -20,6 +20,7 @@ int ModelProcess::SetDynamicBatchSize() {
 }
 
 int ModelProcess::SetNlpTotalT() {
+  // Neither the user nor the first input of a recurrent model has given one.
   if (nlpTotalT <= 0) {
     return kSuccess;
   }

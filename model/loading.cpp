@@ -15,6 +15,8 @@ ModelProcess::ModelProcess(std::vector<std::string> rpnFiles, uint32_t batchSize
                            uint32_t profile)
     : batchSize(batchSize), nlpTotalT(nlpTotalT), rpnFiles(std::move(rpnFiles)), profile(profile) {}
 
+// The model goes first, then its description, then what it was executed on: the runtime may still
+// refer to the datasets while the model is loaded.
 ModelProcess::~ModelProcess() {
   Unload();
   DestroyDesc();

@@ -55,6 +55,7 @@ int ModelProcess::CreateOutputBuffer(size_t index) {
   return kSuccess;
 }
 
+// One batch: the dump multiplies the rows, not the bytes, so that it sees where a batch ends.
 int ModelProcess::GetOutputStrideParam(int32_t index, size_t& size, size_t& stride,
                                        quilm_mdl_io_dims& dims) {
   constexpr uint32_t kOneBatch = 1;

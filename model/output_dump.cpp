@@ -50,6 +50,7 @@ void ModelProcess::DumpModelOutput(const std::string& outputPath) {
   mkdir(runDirectory.c_str(), kRunDirectoryMode);
   for (size_t i = 0; i < count; ++i) {
     const std::string name = OutputFileName(quilm_mdl_get_output_name_by_index(modelDesc.get(), i));
+    // Names may be equal, or become so when their dots and slashes are replaced.
     const auto duplicates = std::count(usedNames.begin(), usedNames.end(), name);
     usedNames.push_back(name);
     std::string fileBase = runDirectory;
@@ -94,6 +95,8 @@ void ModelProcess::WriteOutputBinary(const std::string& path, size_t index) {
   WriteOutput<T>(path, index, WriteAsBinary);
 }
 
+// Each of the two files extracts its values anew. Keeping them would hold the largest output in
+// memory for longer, and a failure is reported once for each file.
 template <typename T>
 void ModelProcess::WriteOutput(const std::string& path, size_t index,
                                void (*write)(const std::vector<float>&, const OutputFile&)) {

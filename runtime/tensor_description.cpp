@@ -26,6 +26,7 @@ const TensorQueries kOutputQueries = {"output",
 
 quilm_error QueryDims(const TensorQueries& queries, const quilm_mdl_desc* desc, size_t index,
                       quilm_mdl_io_dims& dims) {
+  // The count comes from the library, and every loop over the dimensions trusts it.
   constexpr quilm_error kTooManyDimensions = -1;
   dims = {};  // a runtime that fills nothing must not show the tensor before
   const quilm_error result = queries.dims(desc, index, &dims);
@@ -50,6 +51,7 @@ size_t ElementSize(const TensorQueries& queries, const quilm_mdl_desc* desc, siz
 }
 
 size_t RowBytes(size_t elementSize, int64_t lastDimension) {
+  // A row of impossible length is longer than any stride, which is how callers find out.
   size_t bytes = 0;
   if (lastDimension < 0 ||
       __builtin_mul_overflow(elementSize, static_cast<size_t>(lastDimension), &bytes)) {
