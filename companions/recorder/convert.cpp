@@ -48,8 +48,8 @@ struct Extent {
   size_t bins;  // of the course
 };
 
-// The smaller one is for a disk that is full: such a record fits into what the recorder gives back.
-constexpr Extent kExtents[] = {{200000, 1000, 500}, {30, 10, 100}};
+// The smaller ones are for a disk that is full: the last fits into what the recorder gives back.
+constexpr Extent kExtents[] = {{200000, 1000, 500}, {500, 50, 500}, {30, 10, 100}};
 
 bool LacksSpace(int problem) {
   return problem == ENOSPC || problem == EFBIG || problem == EDQUOT;
@@ -87,7 +87,8 @@ int WriteRecord(const Calls& calls, const RunFacts& facts, const char* path, boo
             ? WriteFile(path,
                         [&](std::FILE* file) { WriteTrace(file, calls, facts, measured, plan); })
             : WriteWithin(calls, facts, path, measured, plan);
-    if (problem == 0 && isLess) {
+    // Of a full disk, the recorder has told while the tool ran.
+    if (problem == 0 && isLess && calls.Header().dropped == 0) {
       std::fprintf(stderr,
                    "quilmrun-record: there is space for %ld of %ld inferences in the record\n",
                    plan.Kept(), plan.inferences);

@@ -23,10 +23,8 @@ using quilm_interposer::Id;
 constexpr size_t kMostMemoryPoints = 4096;
 constexpr size_t kMostOutputs = 4096;
 
-// The median; empties the durations.
-CourseBin Summarize(uint64_t startNs, std::vector<uint64_t>& durations) {
-  CourseBin bin;
-  bin.startNs = startNs;
+// Empties the durations.
+void Summarize(std::vector<uint64_t>& durations, CourseBin& bin) {
   bin.executions = durations.size();
   if (!durations.empty()) {
     std::sort(durations.begin(), durations.end());
@@ -38,7 +36,6 @@ CourseBin Summarize(uint64_t startNs, std::vector<uint64_t>& durations) {
     bin.maxNs = durations.back();
   }
   durations.clear();
-  return bin;
 }
 
 // Makes the measurements while the run is followed.
@@ -123,14 +120,15 @@ class Meter : public RunSink {
       results_.inferences = group + 1;
       if (group % results_.inferencesPerBin == 0) {
         EndBin();
-        binNs_ = ns;
+        bin_.inference = group;
+        bin_.startNs = ns;
       }
     }
     group_ = group;
   }
 
   void AddExecution(uint64_t ns, const Place& place) {
-    bin_.push_back(ns);
+    executions_.push_back(ns);
     if (results_.rows[kWarmUp].Count() == 0) {
       results_.rows[kWarmUp].Add(ns);
       return;
@@ -143,8 +141,9 @@ class Meter : public RunSink {
   }
 
   void EndBin() {
-    if (!bin_.empty()) {
-      results_.course.push_back(Summarize(binNs_, bin_));
+    if (!executions_.empty()) {
+      Summarize(executions_, bin_);
+      results_.course.push_back(bin_);
     }
     if (most_.bytes > 0) {
       AddMemory(most_);
@@ -175,9 +174,9 @@ class Meter : public RunSink {
   uint64_t firstNs_ = 0;
   uint64_t lastNs_ = 0;
   long group_ = -1;
-  uint64_t binNs_ = 0;         // start of the bin
-  std::vector<uint64_t> bin_;  // its executions, ns
-  MemoryPoint most_;           // of device memory within the bin
+  CourseBin bin_;
+  std::vector<uint64_t> executions_;  // of the bin, ns
+  MemoryPoint most_;                  // of device memory within the bin
 };
 
 }  // namespace

@@ -33,7 +33,8 @@ extern const RowName kRowNames[kRows];
 
 /// The executions of several inferences that follow each other, the warm-up included.
 struct CourseBin {
-  uint64_t startNs = 0;  // of the first inference
+  long inference = 0;    // the first one
+  uint64_t startNs = 0;  // when that began
   uint64_t executions = 0;
   uint64_t minNs = 0;
   double medianNs = 0;

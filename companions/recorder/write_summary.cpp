@@ -152,6 +152,7 @@ void WriteCourse(JsonWriter& json, const Measurements& measured) {
     }
     json.Close(']');
   };
+  column("inference", [&](const CourseBin& bin) { json.Integer(bin.inference); });
   column("at", [&](const CourseBin& bin) { json.Time(bin.startNs, kNsPerMs); });
   column("executions", [&](const CourseBin& bin) { json.Count(bin.executions); });
   column("min", [&](const CourseBin& bin) { json.Time(bin.minNs, kNsPerMs); });
