@@ -10,7 +10,8 @@ values           Values (path, offset, type, count) and Reader, which reads them
                  read_array_file(path): the header of a .npy
 element_types    ELEMENT_TYPES, the one table: code, name, NumPy's type, how a .bin stores it
 prepared_inputs  Manifest; read_manifest(path): inputs.json
-record           Record; read_record(path): record.json
+record           Record; read_record(path): the figures of record.json, whose parts are in
+                 record_figures; record_events: read_events(path), the calls one by one
 comparison       Comparison; read_comparison(path): comparison.json
 memory_report    MemoryReport; read_memory_report(path): memory_data.csv
 

@@ -157,8 +157,7 @@ def _record(folder: Path, named: Optional[str]) -> Optional[Record]:
 
 def _recorded_types(record: Optional[Record]) -> list[int]:
     """The type codes that the description asked for: those of all outputs, in their order."""
-    return [call.result for call in (record.calls if record else []) if isinstance(call.result, int)
-            and call.function == "quilm_mdl_get_output_data_type" and call.group is None]
+    return record.output_types if record else []
 
 
 def _why_none(path: str, sources: Sources) -> str:

@@ -5,7 +5,6 @@ from __future__ import annotations
 import math
 from typing import Callable, Sequence
 
-from quilmrun_tools.artifacts.record import Call
 from quilmrun_tools.common import units
 from quilmrun_tools.report import charts
 from quilmrun_tools.report.charts import Axis, Chart, Mark, Series
@@ -25,17 +24,16 @@ def charts_of(sides: list[Side]) -> dict[str, Chart]:
 
 
 def _histogram(sides: list[Side]) -> Chart | None:
-    runs = [(side, _executions(side)) for side in sides]
-    if not any(calls for _, calls in runs):
+    runs = [(side.label, side.colour, _executions(side)) for side in sides]
+    if not any(durations for _, _, durations in runs):
         return None
-    return charts.histogram([(side.label, side.colour, [call.duration_ms
-                                                        for call in calls[1:] or calls])
-                             for side, calls in runs], DURATION, _percentiles(sides))
+    return charts.histogram(runs, DURATION, _percentiles(sides))
 
 
 def _course(sides: list[Side]) -> Chart | None:
     return _per_run(sides, "dots", lambda side: [
-        (call.start_ms, call.duration_ms, call.group) for call in _executions(side)],
+        (one.at_ms, one.median_ms, one.first_inference)
+        for one in (side.run.record.course.bins() if side.run.record else [])],
         (START, DURATION), "Duration of every execution, by its start", "inference")
 
 
@@ -43,8 +41,8 @@ def _memory(sides: list[Side]) -> Chart | None:
     most = max((side.figures.peak_memory or 0 for side in sides), default=0)
     unit, size = units.size_unit(most)  # so that ticks are round numbers of it
     return _per_run(sides, "steps", lambda side: [
-        (point.at_ms, point.bytes / size)
-        for point in (side.run.record.memory if side.run.record else [])],
+        (at, used / size)
+        for at, used in (side.run.record.memory.course if side.run.record else [])],
         (Axis("time", "ms", low=0.0), Axis("in use", unit)), "Device memory in use")
 
 
@@ -69,8 +67,10 @@ def _per_run(sides: list[Side], kind: str, points: Callable[[Side], Sequence[cha
     return charts.course(series, *axes, described, marks) if series else None
 
 
-def _executions(side: Side) -> list[Call]:
-    return side.run.record.executions if side.run.record else []
+def _executions(side: Side) -> list[float]:
+    """Durations, without the warm-up unless there is nothing else."""
+    record = side.run.record
+    return (record.durations("execute") or record.durations("warm_up")) if record else []
 
 
 def _percentiles(sides: list[Side]) -> list[Mark]:

@@ -7,7 +7,8 @@ from dataclasses import asdict, dataclass, field
 from typing import Any
 
 from quilmrun_tools.artifacts.run_outputs import Sources, read_run_outputs
-from quilmrun_tools.artifacts.record import Distribution, Record
+from quilmrun_tools.artifacts.record import Record
+from quilmrun_tools.artifacts.record_figures import Distribution
 from quilmrun_tools.common.decoding import encode
 from quilmrun_tools.common.errors import Unreadable
 from quilmrun_tools.report.run import Run
@@ -61,12 +62,12 @@ def figures_of(run: Run) -> Figures:
     figures = Figures(differences=run.comparison.differences if run.comparison else [])
     if run.record:
         figures.phases = {name: distribution for name in PHASES
-                          if (distribution := run.record.distribution(name))}
+                          if (distribution := run.record.statistics.get(name))}
         if "execute_repeated" not in figures.phases:  # then all are the first of an inference
             figures.phases.pop("execute_first", None)
         figures.span_ms = run.record.span_ms
         figures.functions = function_costs(run.record)
-        figures.peak_memory = run.record.peak_memory
+        figures.peak_memory = run.record.memory.peak_bytes or None
     elif pace := Distribution.of(_pace(run)):
         figures.phases = {PACE: pace}
     return figures
@@ -88,12 +89,10 @@ def _pace(run: Run) -> list[float]:
 
 def function_costs(record: Record) -> list[FunctionCost]:
     """Every runtime function that was called, by the time that its calls took in all."""
-    durations: dict[str, list[float]] = {}
-    for call in record.calls:
-        durations.setdefault(call.function, []).append(call.duration_ms)
     span = record.span_ms or 1.0
-    costs = [FunctionCost(name, len(values), sum(values), sum(values) / len(values), max(values),
-                          sum(values) / span) for name, values in durations.items()]
+    costs = [FunctionCost(name, totals.count, totals.total_ms, totals.total_ms / totals.count,
+                          totals.max_ms, totals.total_ms / span)
+             for name, totals in record.functions.items() if totals.count]
     return sorted(costs, key=lambda cost: -cost.total_ms)
 
 

@@ -55,12 +55,12 @@ def _course(run: Run) -> tuple[str, str]:
     """Whether the run itself succeeded."""
     log, record = run.log, run.record
     if record and record.part and not (log and log.succeeded):
-        return FAIL, (f"The record breaks off after {count(len(record.executions), 'execution')}: "
+        return FAIL, (f"The record breaks off after {count(record.executions, 'execution')}: "
                       "it is only a part of what was written, so fetch it again.")
     if record and not record.complete and not (log and log.succeeded):
         within = f" within {record.unfinished}" if record.unfinished else ""
         return FAIL, (f"The record was cut short: the run ended by a signal or a crash{within}, "
-                      f"after {count(len(record.executions), 'execution')}.")
+                      f"after {count(record.executions, 'execution')}.")
     if record and record.exit_status:
         return FAIL, f"The run ended with status {record.exit_status}{_first_error(run)}."
     if log and log.stopped:
@@ -72,7 +72,7 @@ def _course(run: Run) -> tuple[str, str]:
     if log:
         return PASS, f"{count(log.executed, 'inference')} ran without an error."
     if record and record.exit_status == 0:
-        return PASS, f"The run succeeded with {count(len(record.executions), 'execution')}."
+        return PASS, f"The run succeeded with {count(record.executions, 'execution')}."
     return OPEN, "Nothing here tells whether the run succeeded."
 
 
