@@ -1,9 +1,13 @@
 // The host runtime called as no tool should: every misuse is an explained error, never a crash.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <regex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "runtime/quilm.h"
@@ -73,6 +77,10 @@ TEST_F(HostInterface, RefusesDatasetsThatDoNotFitTheModel) {
       {{{255, 32}, {1024, 1024}, {4096, 4096}},
        1,
        "input 0 \"image\": its buffer has 255 bytes, 1 x 256 are needed"},
+      {{{512, 64}, {1024, 1024}, {4096, 4096}},
+       1,
+       "input 0 \"image\": its buffer has stride 64, the model 32"},
+      {{{256, 32}, {1024, 1024}}, 1, "the input dataset has 2 entries, the model 3"},
       {{{512, 32}, {1024, 1024}, {8192, 4096}},
        2,
        "input 1 \"task_buffer\": its buffer has 1024 bytes, 2 x 1024 are needed"},
@@ -89,6 +97,58 @@ TEST_F(HostInterface, RefusesDatasetsThatDoNotFitTheModel) {
     expected += fits ? "" : "host runtime: " + std::string(row.explanation) + "\n";
   }
   EXPECT_EQ(Finish().substr(0, expected.size()), expected);
+}
+
+TEST_F(HostInterface, RefusesWrongArguments) {
+  const uint32_t id = LoadModel(QUILMRUN_DIGITS_MODEL);
+  quilm_mdl_desc* desc = quilm_mdl_create_desc();
+  quilm_mdl_dataset* input = quilm_mdl_create_dataset();
+  quilm_mdl_io_dims dims = {};
+  void* memory = nullptr;
+  EXPECT_EQ(quilm_mdl_get_num_inputs(desc), 0U);
+  EXPECT_EQ(quilm_mdl_get_desc(desc, id), 0);
+  EXPECT_EQ(quilm_mdl_get_num_inputs(desc), 3U);
+  EXPECT_EQ(quilm_mdl_get_input_dims(desc, 2, &dims), 0);
+  EXPECT_EQ(quilm_mdl_get_input_dims(desc, 3, &dims), -1);
+  EXPECT_EQ(quilm_mdl_get_input_dims(desc, 0, nullptr), -1);
+  EXPECT_EQ(quilm_mdl_set_dynamic_batch_size(id, input, 0, 0), -1);
+  EXPECT_EQ(quilm_mdl_set_dynamic_batch_size(id, input, 1, 1), -1);
+  EXPECT_EQ(quilm_mdl_set_total_t(id, input, 1), -1);
+  EXPECT_EQ(quilm_rt_malloc(&memory, 8, kPolicy), 0);
+  EXPECT_EQ(reinterpret_cast<uintptr_t>(memory) % 64, 0U);
+  EXPECT_NE(quilm_create_data_buffer(memory, 8, 8), nullptr);
+  EXPECT_EQ(quilm_create_data_buffer(memory, 9, 8), nullptr);
+  EXPECT_EQ(quilm_create_data_buffer(memory, 0, 8), nullptr);
+  EXPECT_EQ(quilm_rt_free(memory), 0);
+  EXPECT_EQ(quilm_rt_free(memory), -1);
+  EXPECT_EQ(quilm_rt_malloc(&memory, SIZE_MAX / 2, kPolicy), -1);
+  EXPECT_EQ(quilm_data_type_size(1), 16U);
+  EXPECT_EQ(quilm_data_type_size(5), 0U);
+  EXPECT_EQ(quilm_mdl_unload(id), 0);
+  EXPECT_EQ(quilm_mdl_execute(id, input, input), -1);
+  const std::string expected =
+      "quilm_mdl_get_num_inputs: the description has not been filled\n"
+      "quilm_mdl_get_input_dims: index 3, but there are 3\n"
+      "quilm_mdl_get_input_dims: nowhere to put it\n"
+      "quilm_mdl_set_dynamic_batch_size: batch size 0 at index 0: it is 1 or more, at index 0\n"
+      "quilm_mdl_set_dynamic_batch_size: batch size 1 at index 1: it is 1 or more, at index 0\n"
+      "quilm_mdl_set_total_t: total_t 1, the model takes up to 0 frames\n"
+      "quilm_create_data_buffer: 9 bytes asked for, the block of device memory has 8\n"
+      "quilm_create_data_buffer: 0 bytes asked for, the block of device memory has 8\n"
+      "quilm_rt_free: block of device memory does not exist (any more)\n"
+      "quilm_rt_malloc: no memory for 9223372036854775807 bytes\n"
+      "quilm_mdl_execute: model does not exist (any more)\n";
+  EXPECT_EQ(std::regex_replace(Finish(), std::regex("host runtime: "), "").find(expected), 0U);
+}
+
+TEST_F(HostInterface, ComputesOnAllCores) {
+  const auto countThreads = [] {
+    const std::filesystem::directory_iterator threads("/proc/self/task");
+    return std::distance(begin(threads), end(threads));
+  };
+  const auto before = countThreads();
+  LoadModel(QUILMRUN_DIGITS_MODEL);
+  EXPECT_EQ(countThreads() - before, std::max(std::thread::hardware_concurrency(), 1U) - 1);
 }
 
 TEST_F(HostInterface, TellsWhatIsLeftAtTheEnd) {
