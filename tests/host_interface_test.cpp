@@ -96,6 +96,12 @@ TEST_F(HostInterface, RefusesDatasetsThatDoNotFitTheModel) {
     EXPECT_EQ(quilm_mdl_execute(id, input, output) == 0, fits) << row.explanation;
     expected += fits ? "" : "host runtime: " + std::string(row.explanation) + "\n";
   }
+  quilm_mdl_dataset* input = MakeDataset({{256, 32}, {1024, 1024}, {4096, 4096}});
+  quilm_rt_free(quilm_get_data_buffer_addr(quilm_mdl_get_dataset_buffer(input, 0)));
+  EXPECT_EQ(quilm_mdl_execute(id, input, output), -1);
+  expected +=
+      "host runtime: input 0 \"image\": quilm_mdl_execute: block of device memory does not exist "
+      "(any more)\n";
   EXPECT_EQ(Finish().substr(0, expected.size()), expected);
 }
 
