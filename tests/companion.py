@@ -1,20 +1,21 @@
 """Runs a companion of the source tree on files of the test's own."""
 
-import importlib
+import io
 import os
 import pathlib
 import re
 import signal
 import subprocess
 import sys
-import tempfile
-import traceback
 
 from models import buffers, info_block
 from tool import ToolTest
 
 COMPANIONS = pathlib.Path(__file__).resolve().parents[1] / "companions"
 sys.path.append(str(COMPANIONS))
+
+from quilmrun_tools.common import entry
+from quilmrun_tools.common.streams import Streams
 
 
 def log_text(inputs, outputs=(), executed=0, files=()):
@@ -24,25 +25,16 @@ def log_text(inputs, outputs=(), executed=0, files=()):
         "[INFO]  dump data success\n" * executed
 
 
-def module_of(companion):
-    """The room of a companion."""
-    return companion.rpartition("-")[2]
-
-
-def status_of(command):
-    """Runs a companion to its end in this process, which only has to exit after it."""
+def run_in_memory(companion, arguments):
+    """(status, standard output, standard error) of a companion, run in this process."""
+    out, err = io.StringIO(), io.StringIO()
     signal.alarm(120)
-    sys.argv = command
     try:
-        importlib.import_module("quilmrun_tools.common.entry").run(module_of(command[0]))
-    except SystemExit as end:
-        return end.code
-    except BaseException:  # pylint: disable=broad-exception-caught
-        traceback.print_exc()
-        return 1
+        status = entry.status_of(companion.rpartition("-")[2], [*map(str, arguments)],
+                                 Streams(out, err, companion))
     finally:
-        sys.stdout.flush()
-        sys.stderr.flush()
+        signal.alarm(0)
+    return int(status), out.getvalue(), err.getvalue()
 
 
 class CompanionTest(ToolTest):
@@ -51,23 +43,14 @@ class CompanionTest(ToolTest):
     name = ""
 
     def run_companion(self, *arguments, name=None):
-        """(status, standard output, standard error) of this or another companion. It runs in a copy
-        of this process, where Python and its packages, most of a short run's time, are loaded
-        already."""
-        command = [str(COMPANIONS / (name or self.name)), *map(str, arguments)]
-        importlib.import_module(f"quilmrun_tools.{module_of(command[0])}.program")
-        with tempfile.TemporaryFile() as out, tempfile.TemporaryFile() as errors:
-            sys.stdout.flush()
-            sys.stderr.flush()
-            child = os.fork()
-            if child == 0:
-                os.dup2(out.fileno(), 1)
-                os.dup2(errors.fileno(), 2)
-                os.chdir(self.dir)
-                os._exit(status_of(command))
-            status = os.waitstatus_to_exitcode(os.waitpid(child, 0)[1])
-            said = [file.seek(0) or file.read().decode() for file in (out, errors)]
-        return status, *said
+        """(status, standard output, standard error) of this or another companion, in the test's
+        directory."""
+        before = os.getcwd()
+        os.chdir(self.dir)
+        try:
+            return run_in_memory(name or self.name, arguments)
+        finally:
+            os.chdir(before)
 
     def run_executable(self, *arguments, within=()):
         """The same of the executable, as users start it; by the command `within` if any."""

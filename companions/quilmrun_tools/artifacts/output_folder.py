@@ -23,7 +23,8 @@ from quilmrun_tools.common.errors import Unreadable
 Key = tuple[str, int]  # an output's name in files, and how many of that name come before it
 Table = np.ndarray[Any, Any]
 
-_FILE = re.compile(r"(.+)\.([0-9]{1,9})\.([0-9]{1,18})\.(bin|float)", re.DOTALL)
+# The tool pads no number with zeros.
+_FILE = re.compile(r"(.+)\.(0|[1-9][0-9]{0,8})\.(0|[1-9][0-9]{0,17})\.(bin|float)", re.DOTALL)
 _INFERENCE = re.compile(r"0|[1-9][0-9]{0,8}")
 _ROW = np.dtype([("run", "i4"), ("key", "i4"), ("stamp", "i8"), ("bin", "?"), ("float", "?")])
 _NAMED = 1000  # files left out that are kept by name

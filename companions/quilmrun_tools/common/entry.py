@@ -2,12 +2,13 @@
 
 import importlib
 import importlib.util
+import io
 import os
 import signal
 import sys
 import traceback
 from pathlib import Path
-from typing import Callable, NoReturn, Sequence
+from typing import Callable, NoReturn, Optional, Sequence, TextIO
 
 from quilmrun_tools.common.errors import Status, Unreadable
 from quilmrun_tools.common.streams import Streams
@@ -23,10 +24,31 @@ def run(room: str) -> NoReturn:
     """Runs the companion of a room as this process, and ends the process with its status. All that
     a starter script has to do."""
     signal.signal(signal.SIGTERM, lambda *_: sys.exit(128 + signal.SIGTERM))  # and tidy up
-    for stream in (sys.stdout, sys.stderr):
-        stream.reconfigure(errors="backslashreplace")  # type: ignore[attr-defined]  # any file name
-    streams = Streams(sys.stdout, sys.stderr, Path(sys.argv[0]).name)
+    for number in (0, 1, 2):
+        _occupy(number)
+    streams = Streams(_open(sys.stdout, 1), _open(sys.stderr, 2), Path(sys.argv[0]).name)
+    if sys.stdout is None:
+        streams.complain("cannot write: standard output is closed")
+        raise SystemExit(Status.MISUSE)
     raise SystemExit(status_of(room, sys.argv[1:], streams))
+
+
+def _occupy(number: int) -> None:
+    """Puts a closed standard stream in place. Otherwise the first file that is opened would receive
+    what is written to that stream."""
+    try:
+        os.fstat(number)
+    except OSError:
+        os.open(os.devnull, os.O_RDWR)  # takes the lowest number that is free
+
+
+def _open(stream: Optional[TextIO], number: int) -> TextIO:
+    """The stream, made to take any file name; Python has None for one that was closed."""
+    if stream is None:
+        return open(number, "w", encoding="utf-8", closefd=False)
+    if isinstance(stream, io.TextIOWrapper):
+        stream.reconfigure(errors="backslashreplace")
+    return stream
 
 
 def status_of(room: str, arguments: Sequence[str], streams: Streams) -> int:

@@ -9,6 +9,7 @@ from quilmrun_tools.common.decoding import Wrong, decode, encode
 from quilmrun_tools.common.errors import Unreadable
 from quilmrun_tools.common.files import AnyPath, read_regular
 from quilmrun_tools.common.own_files import check_own, write_own
+from quilmrun_tools.common.streams import one_line
 
 Content = TypeVar("Content")
 
@@ -87,7 +88,7 @@ def decoded(kind: type[Content], value: object, path: AnyPath, form: Format) -> 
     try:
         return decode(kind, value)
     except Wrong as wrong:
-        raise Unreadable(f"{path} is damaged or not complete: {_one_line(str(wrong))}; "
+        raise Unreadable(f"{path} is damaged or not complete: {one_line(str(wrong))}; "
                          f"{form.remedy}") from wrong
 
 
@@ -97,7 +98,3 @@ def _no_number(text: str) -> float:
 
 def _number(version: int) -> str:
     return str(version) if version < 10**9 else "a number of many digits"
-
-
-def _one_line(text: str) -> str:
-    return "".join(letter if letter.isprintable() else "?" for letter in text)

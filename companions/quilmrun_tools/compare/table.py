@@ -5,7 +5,7 @@ from typing import Iterable
 
 from quilmrun_tools.artifacts.comparison import Comparison, Measures
 from quilmrun_tools.artifacts.run_outputs import text
-from quilmrun_tools.common.streams import Streams
+from quilmrun_tools.common.streams import Streams, one_line
 
 _COLUMNS = ("elements", "max abs", "mean abs", "max rel", "cosine", "SNR dB", "differ", "top-1",
             "top-5", "NaN", "inf")
@@ -24,11 +24,6 @@ def _print_table(head: list[str], rows: list[list[str]], streams: Streams) -> No
     for row in [head, *rows]:
         streams.say("  ".join(cell.rjust(width) if title in _COLUMNS else cell.ljust(width)
                               for cell, title, width in zip(row, head, widths)).rstrip())
-
-
-def _printable(name: str) -> str:
-    """A file name on one line."""
-    return "".join(letter if letter.isprintable() else "?" for letter in name)
 
 
 def labels_of(paths: Iterable[str]) -> dict[str, str]:
@@ -56,7 +51,7 @@ def print_comparison(comparison: Comparison, worst: int, all_sources: Iterable[s
                  [[text((one.name, one.duplicate)), one.type, *_cells(one)]
                   for one in comparison.outputs], streams)
     labels = labels_of({*all_sources, *(path for case in comparison.runs for path in case.sources)})
-    said = {id(case): _printable(", ".join(labels[path] for path in case.sources))
+    said = {id(case): one_line(", ".join(labels[path] for path in case.sources))
             for case in comparison.runs}
     problems = [case for case in comparison.runs if case.problem]
     listed = [case for case in comparison.runs if not case.problem and case.max_abs > 0]
@@ -73,7 +68,7 @@ def print_comparison(comparison: Comparison, worst: int, all_sources: Iterable[s
     if comparison.not_compared > max(worst, 1):
         streams.say(f"... and {comparison.not_compared - max(worst, 1)} more")
     for note in comparison.notes:
-        streams.say(f"note: {_printable(note)}")
+        streams.say(f"note: {one_line(note)}")
     streams.say(f"\n{verdict(comparison)}")
 
 
