@@ -141,6 +141,13 @@ class Rules(ScriptedRuntimeTest):
         self.assertTrue(float(load) >= 400 > float(read) >= 50 > float(execute) >= 150 / 21,
                         (load, read, execute))
 
+    def test_models_without_data_inputs(self):
+        for script, sizes in ((TASK_AND_WORK, "0.000,0.008,0.000,0.016"),
+                              ("input work 4 16 16 1 16\n", "0.000,0.000,0.000,0.016"),
+                              ("output y 4 16 8 2 4\n", "0.000,0.000,0.016,0.000")):
+            self.check(0, "[INFO]  Model Iters : 0\n" + SUCCESS, script)
+            self.assertEqual(self.csv(), f"T,T,T,{sizes},0.005,0\n")
+
     def test_a_run_that_does_not_start_reports_zeros(self):
         self.check(1, "[ERROR] quilm set op wait time failed\n"
                    "[ERROR] sample init resource failed\n" + TEARDOWN,
