@@ -141,6 +141,12 @@ class Rules(ScriptedRuntimeTest):
         self.assertTrue(float(load) >= 400 > float(read) >= 50 > float(execute) >= 150 / 21,
                         (load, read, execute))
 
+    def test_numbers_that_the_library_leaves_unfilled_are_0(self):
+        _, out = self.run_scripted("fail quilm_mdl_load_from_mem 1 0\n"
+                                   "fail quilm_ext_get_mdl_net_type 2 0\n" + PLAIN, "-t", "5")
+        self.assertIn("model type: 0\n[INFO]  model execute success\n", out)
+        self.assertIn("[INFO]  unload model success, modelId is 0\n", out)
+
     def test_models_without_data_inputs(self):
         for script, sizes in ((TASK_AND_WORK, "0.000,0.008,0.000,0.016"),
                               ("input work 4 16 16 1 16\n", "0.000,0.000,0.000,0.016"),
@@ -149,9 +155,16 @@ class Rules(ScriptedRuntimeTest):
             self.assertEqual(self.csv(), f"T,T,T,{sizes},0.005,0\n")
 
     def test_a_run_that_does_not_start_reports_zeros(self):
+        sizes = "".join(f"[INFO]  {what:26} 0.000 KB.\n" for what in (
+            "Input Size:", "Task Buffer Size:", "Work Buffer Size:", "Output Size:"))
         self.check(1, "[ERROR] quilm set op wait time failed\n"
-                   "[ERROR] sample init resource failed\n" + TEARDOWN,
-                   "fail quilm_rt_set_op_wait_timeout 1 7\n" + PLAIN)
+                   "[ERROR] sample init resource failed\n" + TEARDOWN + f"[INFO]  {'=' * 51}\n" +
+                   sizes + "[INFO]  ModelInfoMem Size:         0 KB.\n"
+                   "[INFO]  QuilmInitMem Size:           0 KB.\n"
+                   f"[INFO]  Om Size:                   0.000 KB.\n[INFO]  {'-' * 51}\n"
+                   "[INFO]  Read Model File Time:      T ms\n[INFO]  Model Load Time:           T ms\n"
+                   f"[INFO]  Model Execute Time:        T ms\n[INFO]  {'=' * 51}\n",
+                   "fail quilm_rt_set_op_wait_timeout 1 7\n" + PLAIN, "-p", "1")
         self.assertEqual((self.dir / "memory_data.csv").read_text(),
                          CSV_HEADER + "0.00,0.00,0.00,0.000,0.000,0.000,0.000,0.000,0\n")
 
