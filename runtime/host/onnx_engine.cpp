@@ -61,12 +61,12 @@ class OnnxEngine {
       values.push_back(owners.back().get());
     }
     std::vector<onnx::Value*> results(outputs_.size());
+    onnx::ForgetProblems();  // warnings that came to nothing
     Check(Library().run(session_.get(), nullptr, names_.data(), values.data(), values.size(),
                         names_.data() + values.size(), results.size(), results.data()));
     for (onnx::Value* result : results) {
       owners.emplace_back(result, Library().releaseValue);
     }
-    onnx::ForgetProblems();  // warnings that came to nothing
     std::vector<Array> outputs;
     for (size_t i = 0; i < results.size(); ++i) {
       outputs.push_back(CopyResult(results[i], outputs_[i].type->modelBytes));
@@ -78,10 +78,8 @@ class OnnxEngine {
   static Handle<onnx::Session> MakeSession(std::string_view file, size_t threads) {
     const auto options = MakeOptions(threads);
     onnx::ForgetProblems();  // what the library said of the machine's devices
-    auto session = Make(Library().releaseSession, Library().createSessionFromArray,
-                        onnx::TheEnvironment(), file.data(), file.size(), options.get());
-    onnx::ForgetProblems();  // warnings that came to nothing
-    return session;
+    return Make(Library().releaseSession, Library().createSessionFromArray, onnx::TheEnvironment(),
+                file.data(), file.size(), options.get());
   }
 
   void DescribeOutput(size_t index, Tensor& output) {
