@@ -1,0 +1,1 @@
+"""quilmrun-layers: which layer goes wrong."""
