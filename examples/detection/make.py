@@ -9,6 +9,8 @@ on each side of a box. single.onnx has one class, multi.onnx one each for small,
 large discs.
 """
 
+import json
+import math
 from pathlib import Path
 
 import numpy as np
@@ -40,6 +42,19 @@ RPN_FILES = {
     "multi-loose": [[0.2, 0.2, 0.2], [10, 10, 10], [40, 40, 40], [0, 0, 0]],
     "multi-strict": [[0.95, 0.8, 0.7], [16, 10, 10], [40, 40, 25], [0, 0, 0]],
 }
+
+# The coins as they were outlined by hand on the enlarged photograph: left, top, width and height
+# in pixels, row by row.
+COINS = [
+    (5.6, 14.6, 19.2, 17.1), (30.7, 16.6, 16.6, 15.2), (52.4, 12.0, 20.2, 19.5),
+    (78.1, 12.7, 20.1, 18.5), (105.1, 14.2, 17.9, 16.8), (126.4, 6.8, 25.6, 24.2),
+    (6.8, 44.1, 18.0, 17.8), (32.0, 45.7, 16.3, 16.1), (53.2, 46.9, 17.2, 15.0),
+    (75.4, 44.7, 17.6, 17.1), (101.0, 40.5, 21.8, 20.8), (131.4, 44.8, 16.8, 17.0),
+    (6.9, 75.8, 16.2, 16.8), (30.3, 74.3, 18.9, 18.5), (53.8, 76.1, 16.8, 16.7),
+    (76.8, 72.6, 20.4, 19.7), (103.1, 73.1, 19.9, 19.3), (130.9, 66.4, 27.2, 26.6),
+    (3.9, 99.0, 24.2, 23.9), (35.7, 104.2, 18.4, 18.5), (57.6, 100.7, 24.6, 21.8),
+    (89.9, 102.4, 21.2, 20.5), (113.8, 101.9, 21.7, 21.3), (139.2, 105.5, 19.6, 17.8),
+]
 
 
 class Graph:
@@ -246,6 +261,21 @@ def write_photo():
     (HERE / "list.txt").write_text("coins.bin\n")
 
 
+def write_annotations():
+    """Writes the coins as annotations in COCO's format."""
+    objects = [
+        {"id": number, "image_id": 1, "category_id": 1, "bbox": box, "iscrowd": 0,
+         "area": round(math.pi / 4 * box[2] * box[3], 1)}
+        for number, box in enumerate(COINS, 1)
+    ]
+    annotations = {
+        "images": [{"id": 1, "file_name": "coins.bin", "width": WIDTH, "height": HEIGHT}],
+        "categories": [{"id": 1, "name": "coin"}],
+        "annotations": objects,
+    }
+    (HERE / "annotations.json").write_text(json.dumps(annotations, indent=1) + "\n")
+
+
 def write_parameters():
     """Writes the RPN parameter files, and the list of runs: name, model and RPN file."""
     (HERE / "rpn").mkdir(exist_ok=True)
@@ -261,6 +291,7 @@ def main():
     for kind in CLASS_OF_DIAMETER:
         onnx.save(onnx_model(kind), str(HERE / f"{kind}.onnx"))
     write_photo()
+    write_annotations()
     write_parameters()
     (HERE / "quilm.json").write_text('{"row_alignment": 32}\n')
 

@@ -7,6 +7,8 @@ import numpy as np
 
 from quilmrun_tools.common.errors import Unreadable
 
+Array = np.ndarray[Any, Any]
+
 FLOATS, HALF_BITS, INT32_BITS = "<f4", "half bits", "<i4"  # what Values.type may say of a .bin
 
 
@@ -62,20 +64,22 @@ def dtype_of(tensor: Typed) -> "np.dtype[Any]":
     return ELEMENT_TYPES[tensor.type_code].dtype
 
 
-def limits(dtype: np.dtype) -> tuple[float, float]:
+def limits(dtype: "np.dtype[Any]") -> tuple[float, float]:
     """Smallest and largest finite value of an element type."""
-    info = np.finfo(dtype) if dtype.kind == "f" else np.iinfo(dtype)
+    info: Any = np.finfo(dtype) if dtype.kind == "f" else np.iinfo(dtype)
     return info.min, info.max
 
 
-def saturated(values: np.ndarray, dtype: np.dtype) -> int:
-    """How many values lie outside of an element type's range."""
+def saturated(values: Array, dtype: "np.dtype[Any]") -> int:
+    """How many values lie outside of an element type's range, after rounding."""
     low, high = limits(dtype)
     finite = np.isfinite(values)
+    if dtype.kind != "f" and values.dtype.kind == "f":
+        values = np.rint(values)
     return int(np.count_nonzero(finite & ((values < low) | (values > high))))
 
 
-def convert(values: np.ndarray, dtype: np.dtype) -> np.ndarray:
+def convert(values: Array, dtype: "np.dtype[Any]") -> Array:
     """The nearest elements of a type: halves round to even, what is out of range becomes the
     smallest or largest finite value, and what is no number becomes 0 in an integer. Infinities stay
     what they are in floats."""

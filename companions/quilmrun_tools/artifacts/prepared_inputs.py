@@ -1,25 +1,30 @@
 """inputs.json, in which quilmrun-inputs says what every input file was made of."""
 
 import functools
+import sys
 from dataclasses import dataclass, field
 from pathlib import Path
+from typing import Optional
 
 from quilmrun_tools.artifacts.run_log import Tensor
 from quilmrun_tools.common.decoding import json_name, not_in_json
-from quilmrun_tools.common.json_files import Format, headed, read_json
+from quilmrun_tools.common.json_files import Format, headed, read_json, write_json
 
 FORMAT = "quilmrun-inputs"
 FILE_NAME = "inputs.json"
-FORM = Format(FORMAT, 1, "prepare the inputs again with quilmrun-inputs")
+FORM = Format(FORMAT, 2, "prepare the inputs again with quilmrun-inputs")
 
 
 @dataclass(frozen=True)
 class Source:
-    """A picture or an array."""
+    """A picture or an array. Version 1 of the file has no `scale` and `offset`."""
     path: str  # absolute; "random" for random values
     sha256: str = ""
-    width: int = 0  # pixels; 0 for arrays
+    width: int = 0  # pixels of the upright picture; 0 for arrays
     height: int = 0
+    # Where the picture lies in the input: x_input = x * scale + offset in pixels, and likewise y.
+    scale: Optional[tuple[float, float]] = None
+    offset: Optional[tuple[float, float]] = None
 
     @property
     def label(self) -> str:
@@ -35,7 +40,16 @@ class PreparedFile:
     file: str  # relative to the directory of inputs.json
     bytes: int
     sha256: str
-    sources: tuple[Source, ...]  # one for each batch
+    sources: tuple[Source, ...]  # one for each picture or other batch
+
+
+@dataclass(frozen=True)
+class PictureShape:
+    """The pictures that an input takes."""
+    width: int
+    height: int
+    color: str  # as --color has it
+    layout: str  # "nchw", "nhwc", or "" for a camera's format
 
 
 @dataclass(frozen=True)
@@ -43,6 +57,7 @@ class PreparedModel:
     """The model that the inputs were prepared for."""
     path: str = ""
     inputs: tuple[Tensor, ...] = ()
+    pictures: dict[str, PictureShape] = field(default_factory=dict)  # by input; from version 2 on
 
 
 @dataclass
@@ -85,3 +100,8 @@ def read_manifest(path: str) -> Manifest:
     manifest = read_json(path, FORM, Manifest)
     manifest.path = path
     return manifest
+
+
+def write_manifest(folder: Path, manifest: Manifest) -> None:
+    """Writes the inputs.json of a folder."""
+    write_json(str(folder / FILE_NAME), manifest.to_dict(), sys.stdout)

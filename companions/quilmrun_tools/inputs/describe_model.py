@@ -8,18 +8,18 @@ from typing import Optional
 
 from quilmrun_tools.artifacts.run_log import RunLog, parse_log
 from quilmrun_tools.common.errors import Unreadable
+from quilmrun_tools.common.files import read_regular
+from quilmrun_tools.common.streams import Streams
 
 
-def describe(model: str, settings: Optional[str], tool: str) -> RunLog:
+def describe(model: str, settings: Optional[str], tool: str, streams: Streams) -> RunLog:
     """The log of a run with an empty list. The settings file is used as a copy, because the tool
-    writes its memory report beside it; without one, an empty JSON object is given."""
+    writes its memory report beside it; without one, an empty JSON object is given. When the run
+    fails, what the runtime says on standard error is shown, all of it."""
     with tempfile.TemporaryDirectory(prefix="quilmrun-inputs-") as name:
         folder = Path(name)
         (folder / "list.txt").touch()
-        try:
-            content = b"{}\n" if settings is None else Path(settings).read_bytes()
-        except OSError as error:
-            raise Unreadable(f"cannot read {settings}: {error.strerror}") from error
+        content = b"{}\n" if settings is None else read_regular(settings)
         (folder / "quilm.json").write_bytes(content)
         try:
             run = subprocess.run(
@@ -30,7 +30,8 @@ def describe(model: str, settings: Optional[str], tool: str) -> RunLog:
     try:
         return parse_log(run.stdout, tool)
     except Unreadable as error:
-        # The runtime explains itself on standard error; the tool's first error says what failed.
+        for line in run.stderr.splitlines():
+            print(line, file=streams.err)
         errors = re.findall(r"^\[ERROR\] (.*)", run.stdout, re.M)
-        said = (run.stderr.strip().splitlines()[-1:] + errors + [str(error)])[0]
+        said = (errors or [str(error)])[0]
         raise Unreadable(f"{tool} cannot describe {model}: {said}") from error

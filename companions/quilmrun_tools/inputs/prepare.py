@@ -8,6 +8,7 @@ import hashlib
 import re
 from dataclasses import dataclass, field, replace
 from pathlib import Path
+from typing import Optional
 
 from PIL import Image
 
@@ -18,7 +19,8 @@ from quilmrun_tools.common.errors import Unreadable
 from quilmrun_tools.common.parallel_map import ahead
 from quilmrun_tools.common.progress import progress
 from quilmrun_tools.common.streams import Streams
-from quilmrun_tools.inputs.sources import Item, Loaded, PictureItem
+from quilmrun_tools.inputs.pictures import Preparation
+from quilmrun_tools.inputs.sources import Item, Loaded, pictures_at_a_time, preparation_of
 
 LIST_NAME = "list.txt"
 _LARGEST_FILE = 2**31 - 1  # bytes that quilmrun takes
@@ -33,12 +35,16 @@ class Column:
     @property
     def per_row(self) -> int:
         """Items in one batch."""
-        first = self.items[0]
-        return first.preparation.shape.count if isinstance(first, PictureItem) else 1
+        return pictures_at_a_time(self.items[0])
 
     @property
     def rows(self) -> int:
         return -(-len(self.items) // self.per_row)
+
+    @property
+    def preparation(self) -> Optional[Preparation]:
+        """How its pictures are prepared, if it has any."""
+        return next(filter(None, map(preparation_of, self.items)), None)
 
     def row(self, index: int) -> list[Item]:
         """A single row serves every inference."""
@@ -55,6 +61,8 @@ class Result:
     inferences: int = 0
     last_batch: int = 0  # rows in the last inference
     shown: list[tuple[str, Image.Image]] = field(default_factory=list)  # named, for the preview
+    values: dict[str, int] = field(default_factory=dict)  # by input: elements that were prepared
+    out_of_range: dict[str, int] = field(default_factory=dict)  # of them, beyond the type's range
 
 
 def check(columns: list[Column], batch: int) -> int:
@@ -111,7 +119,8 @@ class _Unreadable:
 
 
 def _load(columns: list[Column], row: int) -> list[list[Loaded]] | _Unreadable:
-    loaded, reasons = [], []
+    loaded: list[list[Loaded]] = []
+    reasons: list[str] = []
     for column in columns:
         loaded.append([])
         for item in column.row(row):
@@ -145,10 +154,17 @@ class _Writer:
                 file = self._write_file(inference, column.tensor.name, name, loaded)
                 if column.rows == 1:
                     self._shared[index, len(rows)] = file
+                self._count(column.tensor.name, loaded)
             self.result.files.append(replace(file, inference=inference))
             self.result.lines.append(self._named * f"{column.tensor.name}:" + file.file)
         self.result.inferences += 1
         self.result.last_batch = len(rows)
+
+    def _count(self, name: str, loaded: list[Loaded]) -> None:
+        """Adds up the values of an input that its type cannot hold."""
+        for total, counts in ((self.result.values, [item.values.size for item in loaded]),
+                              (self.result.out_of_range, [item.out_of_range for item in loaded])):
+            total[name] = total.get(name, 0) + sum(counts)
 
     def _write_file(self, inference: int, input_name: str, name: str,
                     loaded: list[Loaded]) -> PreparedFile:

@@ -1,14 +1,13 @@
-"""What inputs are made of: pictures, arrays and random values, found by the user's words for them.
+"""What inputs are made of: pictures, frames, arrays and random values.
 
 Every source is an item with a `load`, which may run on any thread.
 """
 
 import functools
 import hashlib
-import os
 from dataclasses import dataclass
 from pathlib import Path
-from typing import Iterator, Optional, Protocol
+from typing import Any, Optional, Protocol
 
 import numpy as np
 from PIL import Image
@@ -17,20 +16,23 @@ from quilmrun_tools.artifacts import element_types
 from quilmrun_tools.artifacts.prepared_inputs import Source
 from quilmrun_tools.artifacts.run_log import Tensor
 from quilmrun_tools.common.errors import Unreadable
+from quilmrun_tools.common.files import open_regular, read_regular
+from quilmrun_tools.inputs import arrays
 from quilmrun_tools.inputs import pictures
 from quilmrun_tools.inputs import preview
 
-ARRAY_SUFFIXES = (".npy", ".npz")
-LIST_SUFFIXES = (".txt", ".lst")
+Array = np.ndarray[Any, Any]
+_CHUNK = 1 << 20  # bytes that are read at a time
 
 
 @dataclass(frozen=True)
 class Loaded:
     """One item as elements of its input."""
     label: str
-    values: np.ndarray
+    values: Array
     source: Source
     shown: Optional[Image.Image] = None  # small, for the preview
+    out_of_range: int = 0  # values that the input's type cannot hold
 
 
 class Item(Protocol):
@@ -48,57 +50,91 @@ class PictureItem:
     in_preview: bool
 
     def load(self) -> Loaded:
+        content = read_regular(self.path)
         try:
-            content = self.path.read_bytes()
-        except OSError as error:
-            raise Unreadable(f"{self.path}: {error.strerror}") from error
-        try:
-            image = pictures.open_picture(content)
-            pixels = self.preparation.pixels(image)
+            picture = pictures.open_picture(content, self.preparation.largest)
+            pixels, geometry = self.preparation.sized(picture)
         except Unreadable as error:
             raise Unreadable(f"{self.path}: {error}") from error
         shown = preview.thumbnail(self.preparation.shown(pixels)) if self.in_preview else None
-        return Loaded(self.path.stem, self.preparation.elements(pixels),
-                      Source(str(self.path.absolute()), hashlib.sha256(content).hexdigest(),
-                             *image.size), shown)
+        source = Source(str(self.path.absolute()), hashlib.sha256(content).hexdigest(),
+                        picture.width, picture.height, geometry.scale, geometry.offset)
+        return Loaded(self.path.stem, self.preparation.elements(pixels), source, shown)
+
+
+@dataclass(frozen=True)
+class FrameItem:
+    """A part of a file that is in the model's format already, such as a frame of a camera."""
+    path: Path
+    number: Optional[int]  # of the frame; None for the only one
+    dtype: "np.dtype[Any]"
+    elements: int
+    preparation: Optional[pictures.Preparation]  # None: not known to be a picture
+    in_preview: bool
+
+    def load(self) -> Loaded:
+        size = self.elements * self.dtype.itemsize
+        content = bytearray()
+        with open_regular(self.path) as file:
+            file.seek((self.number or 0) * size)
+            while len(content) < size and (part := file.read(size - len(content))):
+                content += part
+        if len(content) < size:
+            raise Unreadable(f"{self.path}: became shorter while it was read")
+        place = "" if self.number is None else f"[{self.number}]"
+        values = np.frombuffer(content, self.dtype)
+        image, shape = None, self.preparation.shape if self.preparation else None
+        if self.preparation and self.in_preview:
+            image = self.preparation.shown_frame(values)
+        source = Source(str(self.path.absolute()) + place, _digest(self.path))
+        if shape:
+            source = Source(source.path, source.sha256, shape.width, shape.height, (1.0, 1.0),
+                            (0.0, 0.0))
+        return Loaded(self.path.stem + place.strip("]"), values, source,
+                      preview.thumbnail(image) if image else None)
 
 
 @dataclass(frozen=True)
 class ArrayItem:
     """Some rows of an array, or all of it, as one batch."""
-    path: Path
-    member: str  # of an .npz
+    array: arrays.ArraySource
     rows: Optional[slice]
-    dtype: np.dtype
+    tensor: Tensor
 
     def load(self) -> Loaded:
-        array = _array(self.path, self.member)
-        place = f"[{self.member}]" if self.member else ""
-        if self.rows is not None:
-            array = array[self.rows]
-            place += f"[{self.rows.start}]"
-        return Loaded(self.path.stem + place.strip("]"),
-                      element_types.convert(np.asarray(array), self.dtype),
-                      Source(str(self.path.absolute()) + place, _digest(self.path)))
+        values = np.asarray(self.array.read() if self.rows is None else
+                            self.array.read()[self.rows])
+        place = f"[{self.array.member}]" if self.array.member else ""
+        place += f"[{self.rows.start}]" if self.rows is not None else ""
+        dtype = element_types.dtype_of(self.tensor)
+        if dtype.kind != "f" and values.dtype.kind == "f" and not np.isfinite(values).all():
+            raise Unreadable(f"{self.array.path}{place}: holds NaN or infinity, which no "
+                             f"{self.tensor.type_name} can be: replace these values")
+        path = self.array.path
+        return Loaded(path.stem + place.strip("]"), element_types.convert(values, dtype),
+                      Source(str(path.absolute()) + place, _digest(path)),
+                      out_of_range=element_types.saturated(values, dtype))
 
 
 @dataclass(frozen=True)
 class RandomItem:
     """Random values for one batch, the same ones for the same seed, input and inference."""
     tensor: Tensor
-    dtype: np.dtype
     seed: tuple[int, int, int]
     low: float
     high: float
 
     def load(self) -> Loaded:
         generator = np.random.default_rng(self.seed)
-        if self.dtype.kind == "f":
+        dtype = element_types.dtype_of(self.tensor)
+        values: Array
+        if dtype.kind == "f":
             values = generator.uniform(self.low, self.high, self.tensor.dims)
         else:
             values = generator.integers(int(self.low), int(self.high), self.tensor.dims,
                                         endpoint=True)
-        return Loaded("random", element_types.convert(values, self.dtype), Source("random"))
+        return Loaded("random", element_types.convert(values, dtype), Source("random"),
+                      out_of_range=element_types.saturated(values, dtype))
 
 
 def random_items(tensor: Tensor, count: int, seed: tuple[int, int],
@@ -108,124 +144,97 @@ def random_items(tensor: Tensor, count: int, seed: tuple[int, int],
     dtype = element_types.dtype_of(tensor)
     low, high = bounds or ((0, 1) if dtype.kind == "f" else
                            element_types.limits(dtype) if dtype.itemsize == 1 else (0, 255))
-    return [RandomItem(tensor, dtype, (*seed, inference), low, high) for inference in range(count)]
-
-
-def find_items(words: list[str], tensor: Tensor, options: pictures.Options,
-               previews: int) -> list[Item]:
-    """The items of one input in the order of the user's words, those of a folder by their names.
-    The first `previews` pictures are shown in the preview."""
-    preparation: list[pictures.Preparation] = []  # made once, and only for pictures
-    items: list[Item] = []
-    for path in (path for word in words for path in _files(Path(word))):
-        if path.suffix.lower() in ARRAY_SUFFIXES:
-            items += _array_items(path, tensor)
-            continue
-        if not preparation:
-            preparation.append(pictures.Preparation(tensor, options))
-        items.append(PictureItem(path, preparation[0], len(items) < previews))
-    # A batch of several pictures would be filled up with whole batches of an array.
-    if preparation and preparation[0].shape.count > 1 and \
-            not all(isinstance(item, PictureItem) for item in items):
-        raise Unreadable(f"{tensor.name} takes {preparation[0].shape.count} pictures at a time: "
-                         "give it either pictures or arrays")
-    return items
-
-
-def _files(word: Path, within_list: bool = False) -> Iterator[Path]:
-    """Pictures and arrays that a word stands for: a folder, a text list, or the file itself."""
-    try:
-        if word.is_dir():
-            yield from _folder(word)
-        elif word.suffix.lower() in LIST_SUFFIXES and not within_list:
-            lines = word.read_text(encoding="utf-8", errors="surrogateescape").split("\n")
-            names = [line.rstrip("\r") for line in lines if line.strip()]
-            if not names:
-                raise Unreadable(f"{word} names no files: write one path a line, relative to it")
-            for name in names:
-                yield from _files(word.parent / name, within_list=True)
-        elif not word.exists() and not within_list:
-            raise Unreadable(f"there is no {word}: name a folder, a picture, an array or a list")
-        else:
-            yield word
-    except OSError as error:
-        raise Unreadable(f"cannot read {word}: {error.strerror}") from error
-
-
-def _folder(folder: Path) -> list[Path]:
-    names = sorted(name for name in os.listdir(folder) if not name.startswith("."))
-    found = [folder / name for name in names
-             if Path(name).suffix.lower() in pictures.SUFFIXES + ARRAY_SUFFIXES]
-    if not found:
-        deeper = [name for name in names if (folder / name).is_dir()]
-        raise Unreadable(f"{folder} holds no pictures or arrays" + (
-            f", but folders: name those, as in {folder / deeper[0]}" if deeper else
-            f" ({', '.join(pictures.SUFFIXES + ARRAY_SUFFIXES)})"))
-    return found
-
-
-@functools.lru_cache(maxsize=2)  # the rows of an .npz come one after another
-def _array(path: Path, member: str) -> np.ndarray:
-    """An array, mapped into memory where the file allows."""
-    try:
-        if member:
-            with np.load(path, allow_pickle=False) as archive:
-                return archive[member]
-        return np.load(path, mmap_mode="r", allow_pickle=False)
-    except OSError as error:
-        raise Unreadable(f"cannot read {path}: {error.strerror or error}") from error
-    except Exception as error:  # zip and NumPy raise errors of many kinds  # pylint: disable=W0718
-        raise Unreadable(f"{path} is no array of numbers, or was cut short: save it again with "
-                         "numpy.save") from error
+    return [RandomItem(tensor, (*seed, inference), low, high) for inference in range(count)]
 
 
 @functools.lru_cache(maxsize=64)
 def _digest(path: Path) -> str:
     digest = hashlib.sha256()
-    with open(path, "rb") as file:
-        while chunk := file.read(1 << 20):
+    with open_regular(path) as file:
+        while chunk := file.read(_CHUNK):
             digest.update(chunk)
     return digest.hexdigest()
 
 
-def _array_items(path: Path, tensor: Tensor) -> Iterator[Item]:
-    dtype = element_types.dtype_of(tensor)
-    for member in _members(path):
-        array = _array(path, member)
-        if array.dtype.kind not in "fiub":
-            raise Unreadable(f"{path} holds elements of the type {array.dtype}, not numbers")
-        for rows in _batches(array.shape, tensor, path):
-            yield ArrayItem(path, member, rows, dtype)
+class Finder:
+    """Finds the items of one input."""
+
+    def __init__(self, tensor: Tensor, options: pictures.Options, previews: int) -> None:
+        """The first `previews` pictures are shown in the preview."""
+        self._tensor = tensor
+        self._options = options
+        self._previews = previews
+        self._items: list[Item] = []
+
+    @functools.cached_property
+    def _preparation(self) -> pictures.Preparation:
+        """Made once, and only for pictures: other inputs have no shape of such."""
+        return pictures.Preparation(self._tensor, self._options)
+
+    def find(self, paths: list[Path]) -> list[Item]:
+        """The items of files in their order."""
+        for path in paths:
+            if path.suffix.lower() in arrays.SUFFIXES:
+                self._items += self._of_array(path)
+            elif path.suffix.lower() in pictures.SUFFIXES or self._is_picture(path):
+                self._items.append(PictureItem(path, self._preparation,
+                                               len(self._items) < self._previews))
+            else:
+                self._add_frames(path)
+        self._check_batches()
+        return self._items
+
+    def _of_array(self, path: Path) -> list[Item]:
+        return [ArrayItem(array, rows, self._tensor)
+                for array in arrays.arrays_in(path, self._options.largest)
+                for rows in arrays.batches(array, self._tensor)]
+
+    @staticmethod
+    def _is_picture(path: Path) -> bool:
+        """Whether a file without a picture's suffix begins as one."""
+        with open_regular(path) as file:
+            start = file.read(8)
+        return start.startswith((b"\x89PNG\r\n\x1a\n", b"\xff\xd8\xff", b"II*\0", b"MM\0*"))
+
+    def _add_frames(self, path: Path) -> None:
+        """Raw data: as many inputs as the file's size holds."""
+        preparation = self._frames()
+        count = preparation.shape.count if preparation else 1
+        elements = self._tensor.elements // count
+        dtype = element_types.dtype_of(self._tensor)
+        size, each = path.stat().st_size, elements * dtype.itemsize
+        if not size or size % each:
+            raise Unreadable(f"{path} has {size} bytes, which are neither a picture nor raw data "
+                             f"of {self._tensor.name}: these have {each} bytes, or several times "
+                             "as many")
+        for number in range(size // each):
+            self._items.append(FrameItem(path, number if size > each else None, dtype, elements,
+                                         preparation, len(self._items) < self._previews))
+
+    def _frames(self) -> Optional[pictures.Preparation]:
+        """How frames are shown; None where they are no pictures for all that is known."""
+        try:
+            return self._preparation
+        except Unreadable:
+            if self._options.color or self._options.layout or self._options.picture:
+                raise
+            return None
+
+    def _check_batches(self) -> None:
+        """A batch of several pictures would be filled up with whole batches of an array."""
+        single = [item for item in self._items if isinstance(item, (PictureItem, FrameItem))]
+        count = pictures_at_a_time(single[0]) if single else 1
+        if count > 1 and len(single) < len(self._items):
+            raise Unreadable(f"{self._tensor.name} takes {count} pictures at a time: give it "
+                             "either pictures or arrays")
 
 
-def _members(path: Path) -> list[str]:
-    if path.suffix.lower() == ".npy":
-        return [""]
-    try:
-        with np.load(path, allow_pickle=False) as archive:
-            return list(archive.files)
-    except Exception as error:  # as above  # pylint: disable=W0718
-        raise Unreadable(f"{path} is no archive of arrays, or was cut short: save it again with "
-                         "numpy.savez") from error
+def pictures_at_a_time(item: Item) -> int:
+    """How many such items make one batch."""
+    preparation = preparation_of(item)
+    return preparation.shape.count if preparation else 1
 
 
-def _batches(shape: tuple[int, ...], tensor: Tensor, path: Path) -> list[Optional[slice]]:
-    """How an array divides into batches of an input; dimensions of 1 do not matter.
-
-    Where an input's first dimension is more than 1, as that of frames, the last batch may be
-    shorter.
-    """
-    def bare(dims: tuple[int, ...]) -> list[int]:
-        return [dim for dim in dims if dim != 1]
-
-    if bare(shape) == bare(tensor.dims):
-        return [None]
-    if shape and bare(shape[1:]) == bare(tensor.dims[1:]):
-        step = tensor.dims[0] if len(shape) == len(tensor.dims) else 1
-    elif shape and bare(shape[1:]) == bare(tensor.dims):
-        step = 1
-    else:
-        raise Unreadable(f"{path} holds {list(shape)}, but {tensor.name} takes "
-                         f"{list(tensor.dims)}: transpose or cut the array, or give one for each "
-                         "inference")
-    return [slice(at, at + step) for at in range(0, shape[0], step)]
+def preparation_of(item: Item) -> Optional[pictures.Preparation]:
+    """How a picture is prepared; None for other items."""
+    return item.preparation if isinstance(item, (PictureItem, FrameItem)) else None
