@@ -78,7 +78,7 @@ class Exceptions(ScriptedRuntimeTest):
             self.check_failure("quilm_" + function, tail)
 
     def test_do_not_stop_the_teardown(self):
-        rows = [("quilm_mdl_unload", "unload model failed, modelId is 77"),
+        rows = [("quilm_mdl_unload", "unload model failed, modelId is 4000000077"),
                 ("quilm_rt_destroy_stream", "destroy stream failed"),
                 ("quilm_rt_destroy_context", "destroy context failed"),
                 ("quilm_rt_reset_device", "reset device failed"),

@@ -45,7 +45,7 @@ class Signals(ScriptedRuntimeTest):
         self.setUp()
         self.check(0, "[INFO]  Model Iters : 0\n" + SUCCESS, "signal quilm_init 1 2\n" + PLAIN,
                    list_text="")
-        failed = NOT_EXECUTED.replace("Id is 1", "Id is 77").split("\n", 1)[1] + FAILURE
+        failed = NOT_EXECUTED.replace("Id is 1", "Id is 4000000077").split("\n", 1)[1] + FAILURE
         for group in (3, 4):
             self.setUp()
             self.check_stop(f"fail quilm_mdl_execute {group} 4\n"
@@ -62,7 +62,7 @@ class Signals(ScriptedRuntimeTest):
                                           f"signal quilm_mdl_unload 1 {second}\n" + PLAIN,
                                           list_text=FOUR)
             self.assertEqual(status, -second)
-            self.assertTrue(self.calls().endswith("quilm_mdl_unload 77\n"))
+            self.assertTrue(self.calls().endswith("quilm_mdl_unload 4000000077\n"))
 
     def test_two_signals_that_are_one_request(self):
         # As timeout sends them: to its child, and then to the group that the child is in. On a busy
@@ -104,7 +104,7 @@ class Signals(ScriptedRuntimeTest):
 class SystemCalls(HostRuntimeTest):
     def test_interrupted_and_short_calls_change_nothing(self):
         for name in ("a", "b"):
-            self.write(name, floats(*range(1, 13)))
+            self.write(name, floats(1000, *range(2, 13)))
         self.write("rpn", "0.5 1.5\n2.5 3.5")
         proto = copies({"x": [1, 3, 4], "r": [1, 4]})
         preload = shutil.copy(BUILD / "libshort_calls.so", self.dir)  # to a path without blanks
@@ -158,23 +158,23 @@ class OutputDirectory(ScriptedRuntimeTest):
 
 class MediaMemory(ScriptedRuntimeTest):
     def test_figures_of_a_real_text(self):
-        # The start of the runtime gives 8 KB back, the load of the model another 12 KB.
+        # The start of the runtime gives 8 KB back, the load of the model takes 100,000 KB.
         within = self.own_mounts(
             # The leak checker of the debug build wants to see more of /proc than there is here.
             'export ASAN_OPTIONS=detect_leaks=0; mkdir proc && mount --bind /proc proc && mount -t tmpfs none /proc && '
             'ln -s "$PWD/proc/self" /proc/self && mkdir /proc/umap && '
-            'printf "media memory\\ntotal=2048KB, used=100KB, free=1948KB\\n" > /proc/umap/media-mem')
+            'printf "media memory\\ntotal=2048KB, used=100000KB, free=1948KB\\n" > /proc/umap/media-mem')
         status, out = self.run_scripted(
-            "run quilm_init 1 echo used= 92 KB > /proc/umap/media-mem\n"
-            "run quilm_mdl_load_from_mem 1 echo used=80 > /proc/umap/media-mem\n" + PLAIN,
+            "run quilm_init 1 echo used= 99992 KB > /proc/umap/media-mem\n"
+            "run quilm_mdl_load_from_mem 1 echo used=199992 > /proc/umap/media-mem\n" + PLAIN,
             "-p", "1", within=within)
         self.assertEqual(status, 0)
-        self.assertIn("[INFO]  ModelInfoMem Size:         -12 KB.\n"
+        self.assertIn("[INFO]  ModelInfoMem Size:         100000 KB.\n"
                       "[INFO]  QuilmInitMem Size:           -8 KB.\n", out)
         self.assertNotIn("open failed", out)
         self.assertEqual(self.csv(), "T,T,T,0.016,0.008,0.016,0.016,0.005,4294967288\n")
         shutil.rmtree(self.dir / "proc")
-        status, _ = self.run_scripted("run quilm_init 1 echo used=107KB > /proc/umap/media-mem\n"
+        status, _ = self.run_scripted("run quilm_init 1 echo used=100007KB > /proc/umap/media-mem\n"
                                  "fail quilm_init 1 7\n" + PLAIN, within=within,
                                  complaint=".* before quilm_init")
         self.assertEqual((status, self.csv()), (1, "T,T,T,0.000,0.000,0.000,0.000,0.000,7\n"))

@@ -70,7 +70,7 @@ class Rules(ScriptedRuntimeTest):
             (1, "fail quilm_mdl_get_desc 1 9\n" + PLAIN, (), "[ERROR] get model description failed\n" +
              PATHS + "[ERROR] execute CreateDesc failed\n" + FAILURE),
             (0, "fail quilm_mdl_unload 1 3\n" + PLAIN, (), "[INFO]  dump data success\n"
-             "[ERROR] unload model failed, modelId is 77\n[INFO]  execute sample success\n" +
+             "[ERROR] unload model failed, modelId is 4000000077\n[INFO]  execute sample success\n" +
              TEARDOWN),
             (0, TASK_AND_WORK, (), "[INFO]  Model inputNum: 0\n[INFO]  Model Iters : 0\n" + SUCCESS),
             (1, RPN.format("1 4"), ("-r", "d"), "[ERROR] $D/d is not a file, please enter a file\n"
@@ -131,6 +131,7 @@ class Rules(ScriptedRuntimeTest):
         status, out, _ = self.run_tool(*arguments, library=SCRIPTED_RUNTIME, mask=False)
         self.assertEqual(status, 0)
         self.assertNotIn("shape not match", out)
+        self.assertIn("quilm_create_data_buffer 100000 50000\n", self.calls())
         load, read, execute, *rest = (self.dir / "memory_data.csv").read_text().split("\n")[1].split(",")
         self.assertEqual(rest, ["97.656", "100.000", "400.000", "200.000", "68.359", "0"])
         for line in (f"Read Model File Time:      {read} ms", f"Model Load Time:           {load} ms",

@@ -6,7 +6,7 @@ SCRIPTED_RUNTIME = str(BUILD / "scripted")
 
 TASK_AND_WORK = "input task 4 8 8 1 8\ninput work 4 16 16 1 16\n"
 PLAIN = "input x 4 16 8 2 4\n" + TASK_AND_WORK + "output y 4 16 8 2 4\n"
-UNLOADED = "[INFO]  unload model success, modelId is 77\n"
+UNLOADED = "[INFO]  unload model success, modelId is 4000000077\n"
 SUCCESS = UNLOADED + "[INFO]  execute sample success\n" + TEARDOWN
 FAILURE = UNLOADED + "[ERROR] sample process failed\n" + TEARDOWN
 STAGING_FAILED = "[ERROR] get pic device buffer failed\n[ERROR] CreateInputBuf failed\n" + FAILURE

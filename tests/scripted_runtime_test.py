@@ -30,32 +30,32 @@ quilm_rt_get_run_mode
 quilm_rt_malloc 5 2
 quilm_mdl_load_from_mem 5
 quilm_mdl_create_desc
-quilm_mdl_get_desc 77
+quilm_mdl_get_desc 4000000077
 quilm_mdl_create_dataset
 quilm_rt_malloc 32 2
 quilm_create_data_buffer 32 8
 quilm_mdl_add_dataset_buffer
 quilm_mdl_create_dataset
 quilm_rt_malloc 32 2
-quilm_ext_get_mdl_net_type 77
+quilm_ext_get_mdl_net_type 4000000077
 quilm_create_data_buffer 32 8
 quilm_mdl_add_dataset_buffer
-quilm_mdl_set_dynamic_batch_size 77 0 2
+quilm_mdl_set_dynamic_batch_size 4000000077 0 2
 quilm_rt_malloc 16 2
 quilm_create_data_buffer 16 8
 quilm_mdl_add_dataset_buffer
 quilm_rt_malloc 32 2
 quilm_create_data_buffer 32 16
 quilm_mdl_add_dataset_buffer
-quilm_ext_get_mdl_net_type 77
+quilm_ext_get_mdl_net_type 4000000077
 quilm_rt_set_op_wait_timeout 0
-quilm_mdl_execute 77
+quilm_mdl_execute 4000000077
   32/8:01020304000000000506070800000000090a0b0c000000000d0e0f1000000000
   16/8:00000000000000000000000000000000
   32/16:0000000000000000000000000000000000000000000000000000000000000000
 """ + 3 * "quilm_rt_free\nquilm_destroy_data_buffer\n" + """\
 quilm_mdl_destroy_dataset
-quilm_mdl_unload 77
+quilm_mdl_unload 4000000077
 quilm_mdl_destroy_desc
 quilm_rt_free
 quilm_rt_free
@@ -119,6 +119,8 @@ class Descriptions(ScriptedRuntimeTest):
              "[ERROR] CreateInputBuf failed\n" + FAILURE),
             (PLAIN.replace("16 8 2 4", "16 8 2 9", 1),
              "[ERROR] row of input 0 has 9 bytes, its stride only 8\n" + STAGING_FAILED),
+            (PLAIN.replace("16 8 2 4", f"16 8 2 {2**32 + 4}", 1),
+             f"[ERROR] row of input 0 has {2**32 + 4} bytes, its stride only 8\n" + STAGING_FAILED),
             (PLAIN.replace("16 8 2 4", "16 8 2 -1", 1),
              "[ERROR] row of input 0 has 18446744073709551615 bytes, its stride only 8\n" +
              STAGING_FAILED),
@@ -161,18 +163,26 @@ class Descriptions(ScriptedRuntimeTest):
                      TASK_AND_WORK + "output y 0 32 8 4 2\n")
         frames = struct.pack("<6f", *range(6))
         self.check(0, SUCCESS, recurrent, "-b", "4", data=frames, list_text="x.bin\nx.bin\n")
-        self.assertIn("quilm_mdl_set_total_t 77 3\n", self.calls())
-        self.assertIn("quilm_mdl_set_dynamic_batch_size 77 0 1\n", self.calls())
+        self.assertIn("quilm_mdl_set_total_t 4000000077 3\n", self.calls())
+        self.assertIn("quilm_mdl_set_dynamic_batch_size 4000000077 0 1\n", self.calls())
         third = "input rest 4 16 8 2 4\n"  # staged as the inputs of other models are
         _, out = self.run_scripted(recurrent.replace("input task", third + "input task"),
                                    data=bytes(8), list_text="x.bin\n" * 3)
         self.assertEqual(out.count("The shape of the model is [2,4]\n"), 1)
         self.assertEqual(out.count("The shape of the model is"), 1)
+        # More frames than 16 bits hold, and a first dimension that 32 bits do not hold.
+        many = "net_type 2\ninput frames 4 {0} 1 {1} 1\n" + TASK_AND_WORK + "output y 4 16 8 2 4\n"
+        self.check(0, SUCCESS, many.format(70000, 2**32 + 1), data=bytes(70000))
+        self.assertIn("quilm_mdl_set_total_t 4000000077 70000\n", self.calls())
+        self.assertIn("set total_t to 70000\n", self.run_scripted(many.format(70000, 70000),
+                                                                  data=bytes(70000))[1])
         too_many = "[ERROR] Current number of frames[{}] must be smaller than the " \
                    "recurrent_max_total_t[{}]\n"
         self.check(1, too_many.format(5, 4) + STAGING_FAILED,
                    recurrent.replace("1 4\n", "1 9\n", 1), data=bytes(40),
                    list_text="x.bin\nx.bin\n")
+        self.check(1, too_many.format(70000, 66000) + STAGING_FAILED, many.format(70000, 66000),
+                   data=bytes(70000))
         self.check(1, too_many.format(4, 3) + STAGING_FAILED,
                    recurrent.replace("1 4\n", "1 3\n", 1), data=bytes(32),
                    list_text="x.bin\nx.bin\n")
@@ -314,6 +324,7 @@ class RpnData(ScriptedRuntimeTest):
         self.assertEqual(self.buffers()[1], ("72/18", (rows + bytes(8)).hex()))
         # Which is all that the last row needs of its own.
         self.check(0, SUCCESS, self.MULTI.replace("72 18", "60 18"), "-r", "multi")
+        self.check(0, SUCCESS, self.MULTI.replace("72 18", "120012 40000"), "-r", "multi")
         # Where rows overlap, the later one counts.
         self.check(0, SUCCESS, self.MULTI.replace("72 18", "72 8"), "-r", "multi")
         rows = struct.pack("<9f", 1, 2, 4, 5, 7, 8, 10, 11, 12)

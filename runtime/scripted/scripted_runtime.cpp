@@ -76,7 +76,7 @@ template <Id kId>
 using Tag = Call<kId>;
 
 quilm_error Describe(Tag<Id::quilm_mdl_load_from_mem>, const void*, size_t, uint32_t* model) {
-  *model = 77;
+  *model = 4000000077;  // beyond what a signed number holds
   return 0;
 }
 
