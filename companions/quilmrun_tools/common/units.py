@@ -51,6 +51,11 @@ def percent(share: float) -> str:
     return f"{100 * share:.1f} %"
 
 
+def signed_percent(share: float) -> str:
+    """A change as a share of 1, as a percentage with its sign."""
+    return f"{'+' if share > 0 else MINUS if share < 0 else ''}{abs(100 * share):.1f} %"
+
+
 def change(before: float | None, after: float | None) -> str:
     """How much `after` is above or below `before`, as a percentage with its sign or a factor."""
     if before is None or after is None or before == 0:

@@ -60,11 +60,13 @@
               {...edge, label: "greatest", data: series.points.map(([x, , y]) => ({x, y}))}];
     }
     return [{...kinds[series.kind](series), label: series.label || "", data: at(series.points),
-             third: series.third}];
+             third: series.third, names: series.names}];
   }
 
   function pointed(spec, item) {
     const {x, y, z} = item.raw, label = item.dataset.label ? item.dataset.label + ": " : "";
+    const name = item.dataset.names?.[item.dataIndex];
+    if (name !== undefined) return `${label}${name}, ${spec.up.name} ${write(y, spec.up.unit)}`;
     const place = item.dataset.third === "until" && z !== undefined
       ? `${write(x, spec.across.unit)} to ${write(z, spec.across.unit)}`
       : `${spec.across.name} ${write(x, spec.across.unit)}`;

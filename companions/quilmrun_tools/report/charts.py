@@ -49,6 +49,7 @@ class Series:
     colour: str  # a custom property of the style sheet, such as s0
     points: Sequence[Point]
     third: str = ""
+    names: Sequence[str] = ()  # of the points, where each has one
 
 
 @dataclass(frozen=True)
@@ -154,7 +155,9 @@ def histogram(series: Sequence[tuple[str, str, Sequence[float]]], across: Axis,
 
 
 def _between(low: float, high: float, share: float, logarithmic: bool) -> float:
-    return low * (high / low) ** share if logarithmic else low + share * (high - low)
+    if logarithmic:
+        return low * math.exp(share * math.log(high / low))
+    return low + share * (high - low)
 
 
 def _bins(values: Sequence[float], edges: Sequence[float], logarithmic: bool) -> list[Point]:
@@ -189,10 +192,11 @@ def thinned(points: Sequence[Point], most: int = MOST_MARKS) -> list[Point]:
 def course(series: list[Series], across: Axis, up: Axis, described: str,
            marks: Sequence[Mark] = ()) -> Chart:
     """Values in the course of a run or over its inferences, of which dragging shows a part."""
-    heights = [point[1] or 0.0 for each in series for point in each.points]
+    heights = [height or 0.0 for each in series for point in each.points
+               for height in (point[1:] if each.kind == "band" else point[1:2])]
     shown = [Series(each.label, each.kind, each.colour, thinned(each.points), each.third)
              for each in series if each.points]
-    logarithmic = not marks and shown[0].kind == "dots" and spreads(heights)
+    logarithmic = not marks and shown[-1].kind == "dots" and spreads(heights)
     return Chart(described, across, Axis(up.name, up.unit, logarithmic,
                                          None if logarithmic else 0.0), shown, list(marks), True)
 
@@ -208,6 +212,27 @@ def pairs(output: Sequence[float], reference: Sequence[float]) -> Chart:
                  [Series("", "stems", "soft", stems),
                   Series("reference", "rings", "soft", [(at, other) for at, _, other in places]),
                   Series("output", "dots", "s0", [(at, value) for at, value, _ in places])])
+
+
+def named_line(label: str, colour: str, names: Sequence[str],
+               heights: Sequence[float | None]) -> Series:
+    """Values of things that follow each other, such as layers; points without a value are left
+    out, and the line passes over them."""
+    kept = [(at, name, height) for at, (name, height) in enumerate(zip(names, heights))
+            if height is not None and math.isfinite(height)]
+    return Series(label, "line", colour, [(float(at), height) for at, _, height in kept],
+                  names=[name for _, name, _ in kept])
+
+
+def counts(series: Sequence[tuple[str, str, Sequence[int]]], low: float, high: float) -> Chart:
+    """Histograms that were counted elsewhere, in bins of equal width."""
+    shown = []
+    for label, colour, bins in series:
+        edges = [_between(low, high, place / len(bins), False) for place in range(len(bins) + 1)]
+        points: list[Point] = [(edges[at], count, edges[at + 1]) for at, count in enumerate(bins)]
+        shown.append(Series(label, "steps", colour, [*points, (high, 0)], "until"))
+    return Chart("Histogram of values", Axis("value", low=low, high=high), Axis("count", low=0.0),
+                 shown)
 
 
 def envelope(lows: Sequence[float], highs: Sequence[float], count: int) -> Chart:

@@ -31,10 +31,17 @@ def _histogram(sides: list[Side]) -> Chart | None:
 
 
 def _course(sides: list[Side]) -> Chart | None:
-    return _per_run(sides, "dots", lambda side: [
-        (one.at_ms, one.median_ms, one.first_inference)
-        for one in (side.run.record.course.bins() if side.run.record else [])],
-        (START, DURATION), "Duration of every execution, by its start", "inference")
+    series = []
+    for side in sides:
+        bins = [*side.run.record.course.bins()] if side.run.record else []
+        if any(one.executions > 1 for one in bins):
+            series.append(Series(side.label, "band", side.colour,
+                                 [(one.at_ms, one.min_ms, one.max_ms) for one in bins]))
+        if bins:
+            series.append(Series(side.label, "dots", side.colour, [
+                (one.at_ms, one.median_ms, one.first_inference) for one in bins], "inference"))
+    return charts.course(series, START, DURATION, "Executions in the course of the run") \
+        if series else None
 
 
 def _memory(sides: list[Side]) -> Chart | None:

@@ -12,6 +12,7 @@ from quilmrun_tools.artifacts.record_figures import Distribution
 from quilmrun_tools.common.decoding import encode
 from quilmrun_tools.common.errors import Unreadable
 from quilmrun_tools.report.run import Run
+from quilmrun_tools.report.statistics import Change, trend_of, variation_of
 from quilmrun_tools.report.verdict import judge
 
 MOST_FUNCTIONS = 12  # of the table of runtime calls; the rest is summed up
@@ -45,11 +46,24 @@ class Figures:
     functions: list[FunctionCost] = field(default_factory=list)
     span_ms: float = 0.0
     peak_memory: int | None = None
+    by_clock: float | None = None  # inferences a second, over the whole loop
+    histograms: dict[str, list[tuple[float, int]]] = field(default_factory=dict)
+    course_ms: list[float] = field(default_factory=list)  # executions, or medians of neighbours
     differences: list[tuple[int, float]] = field(default_factory=list)  # inference, largest
 
     @property
     def execute(self) -> Distribution | None:
         return self.phases.get("execute")
+
+    @property
+    def trend(self) -> Change | None:
+        """How executions changed from the first tenth of the run to the last."""
+        return trend_of(self.course_ms)
+
+    @property
+    def variation(self) -> float:
+        """The coefficient of variation of executions."""
+        return variation_of(self.histograms.get("execute", []))
 
     @property
     def worst_difference(self) -> float | None:
@@ -68,6 +82,12 @@ def figures_of(run: Run) -> Figures:
         figures.span_ms = run.record.span_ms
         figures.functions = function_costs(run.record)
         figures.peak_memory = run.record.memory.peak_bytes or None
+        figures.by_clock = run.record.loop.per_second or None
+        figures.histograms = run.record.histograms
+        bins = [*run.record.course.bins()]
+        # The warm-up is one of the first bin's executions; a bin of its own is left out.
+        figures.course_ms = [one.median_ms for one in
+                             (bins[1:] if bins and bins[0].executions == 1 else bins)]
     elif pace := Distribution.of(_pace(run)):
         figures.phases = {PACE: pace}
     return figures
@@ -138,6 +158,11 @@ def as_json(run: Run, figures: Figures) -> dict[str, Any]:
         "inferences": run.log.executed if run.log else None,
         "statistics_ms": {name: asdict(value) for name, value in figures.phases.items()},
         "calls": [asdict(cost) for cost in figures.functions],
+        "executions_per_second_back_to_back":
+            figures.execute.per_second if figures.execute else None,
+        "inferences_per_second_by_clock": figures.by_clock,
+        "trend": asdict(figures.trend) if figures.trend else None,
+        "coefficient_of_variation": figures.variation or None,
         "span_ms": figures.span_ms or None, "peak_device_memory_bytes": figures.peak_memory,
         "memory_report": run.memory,
         "outputs": encode(run.comparison.outputs) if run.comparison else None,

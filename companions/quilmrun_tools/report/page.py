@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import datetime
+import json
 from collections import Counter
 from pathlib import Path
 
@@ -10,13 +11,21 @@ from jinja2 import Environment, FileSystemLoader
 from markupsafe import Markup
 
 from quilmrun_tools import __version__
+from quilmrun_tools.artifacts.accuracy_results import Classification
 from quilmrun_tools.common import units
+from quilmrun_tools.common.errors import Unreadable
+from quilmrun_tools.common.files import read_regular
+from quilmrun_tools.report.accuracy_section import accuracy_view
+from quilmrun_tools.report.changes import changes_of, in_words
 from quilmrun_tools.report.charts import Drawings, policy
 from quilmrun_tools.report.drawings import charts_of
 from quilmrun_tools.report.figures import PHASES, calls_table
-from quilmrun_tools.report.run import Run, option
+from quilmrun_tools.report.layers_section import layers_view
+from quilmrun_tools.report.run import PART_TITLES, Run, option
 from quilmrun_tools.report.side import Side
+from quilmrun_tools.report.statistics import VARIES_MUCH
 from quilmrun_tools.report.verdict import count, limits_in_words
+from quilmrun_tools.report.where import difference_of, rows_of
 from quilmrun_tools.report.worst import worst_cases
 
 GENERATOR = "quilmrun-report"
@@ -35,12 +44,14 @@ def render(sides: list[Side], title: str, most_cases: int) -> str:
                               lstrip_blocks=True)
     environment.filters.update(ms=units.milliseconds, size=units.data_size,
                                number=units.significant, percent=units.percent)
-    environment.globals.update(change=units.change, count=count, limits_in_words=limits_in_words,
+    environment.globals.update(change=units.change, count=count, signed=units.signed_percent, in_words=in_words, varies_much=VARIES_MUCH, limits_in_words=limits_in_words,
                                tally=lambda lines: Counter(lines).most_common())
     main, drawn = sides[-1], Drawings()
     drawings = {name: drawn.add(chart) for name, chart in charts_of(sides).items()}
     cases = worst_cases(main.run, most_cases, drawn)
+    layers = layers_view(main.run.layers, drawn)
     scripts = drawn.scripts()
+    changes = changes_of(sides[0].figures, main.figures) if len(sides) > 1 else {}
     return environment.get_template("report.html.j2").render(
         title=title or page_title([side.run for side in sides]),
         generator=f"{GENERATOR} {__version__}",
@@ -48,10 +59,17 @@ def render(sides: list[Side], title: str, most_cases: int) -> str:
         created=datetime.datetime.now().strftime("%d %B %Y, %H:%M").lstrip("0"), sides=sides,
         main=main, other=sides[0] if len(sides) > 1 else None, phases=PHASES,
         calls=calls_table([side.figures for side in sides]),
-        drawings=drawings, cases=cases, drawn=drawn, scripts=scripts,
+        layers=layers, accuracy=accuracy_view(main.run), accuracies=_accuracies(sides),
+        boards=main.run.boards, drawings=drawings, cases=cases, drawn=drawn, scripts=scripts,
         policy=policy(scripts),
-        model_difference=model_difference(sides), settings=[_settings(side.run) for side in sides],
-        started=_started(main.run))
+        difference=difference_of(sides), changes=changes, settings=[_settings(side.run) for side in sides],
+        started=_started(main.run), part_titles=PART_TITLES)
+
+
+def _accuracies(sides: list[Side]) -> list[tuple[str, Classification]]:
+    """Runs whose classes were judged, as rows of one table."""
+    return [(side.label, side.run.accuracy) for side in sides
+            if isinstance(side.run.accuracy, Classification)]
 
 
 def page_title(runs: list[Run]) -> str:
@@ -69,27 +87,6 @@ def _started(run: Run) -> str:
     return moment.strftime("%d %B %Y, %H:%M:%S").lstrip("0")
 
 
-def model_difference(sides: list[Side]) -> str:
-    """What tells that two runs are not of the same model; empty when nothing does."""
-    logs = [side.run.log for side in sides if side.run.log]
-    if len(logs) < 2:
-        return ""
-    for what in ("data_inputs", "outputs"):
-        before, after = ([(tensor.name, tensor.dims, tensor.type_name) for tensor in
-                          getattr(log, what)] for log in logs)
-        if before != after:
-            kind = "inputs" if what == "data_inputs" else "outputs"
-            return (f"The two runs are of models with different {kind}: {_listed(before)} in "
-                    f"{sides[0].label}, {_listed(after)} in {sides[1].label}. Compare runs of the "
-                    "same model, or read the figures side by side with care.")
-    return ""
-
-
-def _listed(tensors: list[tuple]) -> str:
-    return "; ".join(f"{name} {kind} {' × '.join(map(str, dims))}"
-                     for name, dims, kind in tensors) or "none"
-
-
 def _settings(run: Run) -> list[tuple[str, str]]:
     """What the run was started with and on, as far as the record or the log tell."""
     command = run.record.command if run.record else []
@@ -103,7 +100,10 @@ def _settings(run: Run) -> list[tuple[str, str]]:
         rows.insert(place, ("– which say", _settings_text(run, rows[place - 1][1])))
     if run.record:
         cost = run.record.recorder_cost_us
-        rows += [("Runtime library", run.record.library),
+        known = [row for row in rows_of(run.record.where) if row[1]]
+        if "Runtime library" not in dict(known):
+            known.append(("Runtime library", run.record.library))
+        rows += [*known,
                  ("Recorder's own time per call", f"{units.significant(cost)} µs" if cost else ""),
                  ("Calls that were not recorded", str(run.record.dropped or ""))]
     if run.inputs:
@@ -112,8 +112,13 @@ def _settings(run: Run) -> list[tuple[str, str]]:
 
 
 def _settings_text(run: Run, path: str) -> str:
-    """What the file of -j holds, where it is still to be found and short."""
+    """What the file of -j holds, where it is still to be found, short, and JSON: whatever else a
+    log may call the settings has no place in a page that is passed on."""
     for candidate in (Path(path), *([run.folder / Path(path).name] if run.folder else [])):
-        if path and candidate.is_file() and candidate.stat().st_size <= LONGEST_SETTINGS:
-            return candidate.read_text(encoding="utf-8", errors="replace").strip()
+        try:
+            text = read_regular(candidate, largest=LONGEST_SETTINGS).decode()
+            json.loads(text)
+        except (Unreadable, ValueError, RecursionError):
+            continue
+        return text.strip()
     return ""

@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import argparse
 from pathlib import Path
+from typing import Any
 
 
 from quilmrun_tools.common.errors import Status, Unreadable
@@ -11,12 +12,15 @@ from quilmrun_tools.common.json_files import check_json, write_json
 from quilmrun_tools.common.own_files import write_own
 from quilmrun_tools.common.parser import Parser
 from quilmrun_tools.common.streams import Streams
-from quilmrun_tools.common.units import change, milliseconds
+from quilmrun_tools.common.units import milliseconds
+from quilmrun_tools.report import changes
+from quilmrun_tools.report.changes import changes_of, in_words
 from quilmrun_tools.report.figures import as_json
-from quilmrun_tools.report.page import GENERATOR, model_difference, render
+from quilmrun_tools.report.page import GENERATOR, render
 from quilmrun_tools.report.run import PART_TITLES, USUAL_NAMES, collect
 from quilmrun_tools.report.side import Side, sides_of
 from quilmrun_tools.report.verdict import FAIL
+from quilmrun_tools.report.where import difference_of
 
 MARKER = f'<meta name="generator" content="{GENERATOR}'.encode()
 
@@ -67,8 +71,8 @@ def main(arguments: list[str], streams: Streams) -> int:
     other = collect(options.compare_with, {}, options.other_name, streams.warn) \
         if options.compare_with else None
     sides = sides_of(run, other)
-    if model_difference(sides):
-        streams.warn(model_difference(sides))
+    if difference_of(sides):
+        streams.warn(difference_of(sides))
     target = options.output or str(Path(options.run or ".") / "report.html")
     page = render(sides, options.title, options.worst)
     # File names may hold bytes that are no text; a page has to be text.
@@ -81,14 +85,20 @@ def main(arguments: list[str], streams: Streams) -> int:
     return Status.NO if sides[-1].verdict.state == FAIL else Status.YES
 
 
-def to_json(sides: list[Side], page: str) -> dict:
+def to_json(sides: list[Side], page: str) -> dict[str, Any]:
     """The figures for machines."""
     main_side = sides[-1]
     result = {"format": GENERATOR, "version": 1, "page": page, "verdict": main_side.verdict.state,
               "run": as_json(main_side.run, main_side.figures)}
     if len(sides) > 1:
         result["compared_with"] = as_json(sides[0].run, sides[0].figures)
+        result["changes"] = changes.as_json(changes_of(sides[0].figures, main_side.figures))
     return result
+
+
+def _by_clock(side: Side) -> str:
+    rate = side.figures.by_clock
+    return f", by the clock {rate:,.0f} inferences" if rate else ""
 
 
 def summary(sides: list[Side]) -> str:
@@ -100,8 +110,9 @@ def summary(sides: list[Side]) -> str:
             owner = f"{side.label}: " if len(sides) > 1 else ""
             shown = ", ".join(f"{name} {milliseconds(getattr(figures, name))}"
                               for name in ("p50", "p90", "p95", "p99"))
-            lines.append(f"{owner}execution {shown}, {figures.per_second:,.0f} a second")
+            lines.append(f"{owner}execution {shown}; back to back {figures.per_second:,.0f} "
+                         f"executions a second{_by_clock(side)}")
     if len(sides) > 1 and all(side.figures.execute for side in sides):
-        before, after = (side.figures.execute.p50 for side in sides)
-        lines.append(f"p50 of {sides[1].label} against {sides[0].label}: {change(before, after)}")
+        change = changes_of(*(side.figures for side in sides))["execute"]["p50"]
+        lines.append(f"p50 of {sides[1].label} against {sides[0].label}: {in_words(change)}")
     return "\n".join(lines)

@@ -10,7 +10,10 @@ from dataclasses import dataclass, field
 from pathlib import Path
 from typing import Any, Callable, Iterable
 
+from quilmrun_tools.artifacts.accuracy_results import Results, read_accuracy
+from quilmrun_tools.artifacts.board_results import BoardResults, read_board_results
 from quilmrun_tools.artifacts.comparison import Comparison, read_comparison
+from quilmrun_tools.artifacts.layer_results import LayersResult, read_result
 from quilmrun_tools.artifacts.memory_report import read_memory_report
 from quilmrun_tools.artifacts.prepared_inputs import FILE_NAME as MANIFEST_NAME
 from quilmrun_tools.artifacts.prepared_inputs import Manifest, read_manifest
@@ -20,7 +23,9 @@ from quilmrun_tools.common.errors import Unreadable
 
 LOADED_MODEL = "ModelInfoMem Size"  # in the log's summary
 USUAL_NAMES = {"log": "log.txt", "memory": "memory_data.csv", "record": "record.json",
-               "comparison": "comparison.json", "inputs": MANIFEST_NAME}
+               "comparison": "comparison.json", "inputs": MANIFEST_NAME,
+               "accuracy": "accuracy.json", "layers": "layers.json", "boards": "boards.json"}
+OPTIONAL = ("accuracy", "layers", "boards")  # the page does not miss them
 
 HOW_TO_GET = {
     "log": "save what the run prints: quilmrun -m MODEL -i LIST -j JSON -o OUT > RUN/log.txt",
@@ -29,10 +34,15 @@ HOW_TO_GET = {
     "comparison": "compare with a reference: quilmrun-compare OUT REFERENCE "
                   "--json RUN/comparison.json",
     "inputs": "prepare the inputs with quilmrun-inputs, or name its file with --inputs",
+    "accuracy": "judge the run: quilmrun-accuracy OUT --labels FILE --json RUN/accuracy.json",
+    "layers": "search for the layer that goes wrong: quilmrun-layers find PROBE RUN PC",
+    "boards": "quilmrun-boards writes it into its output folder",
 }
 
 PART_TITLES = {"log": "Log", "memory": "Memory report", "record": "Record of the runtime's calls",
-               "comparison": "Comparison of the outputs", "inputs": "Sources of the inputs"}
+               "comparison": "Comparison of the outputs", "inputs": "Sources of the inputs",
+               "accuracy": "Accuracy of the task", "layers": "Search for layers",
+               "boards": "Boards of the run"}
 
 
 @dataclass(frozen=True)
@@ -62,8 +72,12 @@ class Run:
     record: Record | None = None
     comparison: Comparison | None = None
     inputs: Manifest | None = None
+    accuracy: Results | None = None
+    layers: LayersResult | None = None
+    boards: BoardResults | None = None
     found: dict[str, Path] = field(default_factory=dict)
     gaps: list[Gap] = field(default_factory=list)
+    _checksums: dict[str, str] | None = None
 
     @property
     def model(self) -> str:
@@ -71,6 +85,11 @@ class Run:
         if self.log and self.log.model_path:
             return self.log.model_path
         return option(self.record.command if self.record else [], "-m")
+
+    @property
+    def inputs_folder(self) -> Path | None:
+        """Where pictures that a relative path names are looked for too."""
+        return self.found["inputs"].parent if "inputs" in self.found else self.folder
 
     def sources(self, inference: int) -> list[str]:
         """The pictures that an inference was made of; otherwise its input files."""
@@ -81,6 +100,15 @@ class Run:
         if self.log and inference < len(self.log.groups):
             return list(self.log.groups[inference])
         return []
+
+
+    def checksum(self, path: str) -> str:
+        """The checksum of a picture when the inputs were made of it; empty when nothing tells."""
+        if self._checksums is None:
+            self._checksums = {source.path: source.sha256 for file in
+                               (self.inputs.files if self.inputs else ())
+                               for source in file.sources}
+        return self._checksums.get(path, "")
 
 
 def option(command: list[str], name: str) -> str:
@@ -98,19 +126,24 @@ def _read_memory(path: str) -> dict[str, float]:
     return read_memory_report(path).columns
 
 
+def _read_layers(path: str) -> LayersResult:
+    return read_result(Path(path))
+
+
 Warn = Callable[[str], None]
 
 READERS: dict[str, Callable[[str], Any]] = {
     "log": read_log, "memory": _read_memory, "record": read_record,
-    "comparison": read_comparison, "inputs": read_manifest}
+    "comparison": read_comparison, "inputs": read_manifest, "accuracy": read_accuracy,
+    "layers": _read_layers, "boards": read_board_results}
 
 
 def collect(folder: str | None, named: dict[str, str | None], label: str, warn: Warn) -> Run:
     """Reads what there is of a run.
 
     `named` has the paths that the user gave for single parts; such a file has to be readable. The
-    others are looked for in `folder`; `warn` is told of those that cannot
-    be read. Raises Unreadable when nothing is found at all.
+    others are looked for in `folder`; `warn` is told of those that
+    cannot be read. Raises Unreadable when nothing is found at all.
     """
     root = Path(folder) if folder else None
     if root and not root.is_dir():
@@ -127,7 +160,7 @@ def collect(folder: str | None, named: dict[str, str | None], label: str, warn: 
     for part in USUAL_NAMES:
         _read_part(run, part, required=bool(named.get(part)), warn=warn)
     if run.inputs is None and run.log:
-        _find_inputs(run)
+        _find_inputs(run, run.log)
     if run.memory and run.log and LOADED_MODEL in run.log.summary:  # with -p 1, and only there
         run.memory["Model Info Memory Size(KB)"] = run.log.summary[LOADED_MODEL]
     return run
@@ -143,7 +176,8 @@ def _nothing_there(folder: str | None) -> str:
 
 def _read_part(run: Run, part: str, required: bool, warn: Warn) -> None:
     if part not in run.found:
-        run.gaps.append(Gap(part, ""))
+        if part not in OPTIONAL:
+            run.gaps.append(Gap(part, ""))
         return
     try:
         setattr(run, part, READERS[part](str(run.found[part])))
@@ -154,9 +188,9 @@ def _read_part(run: Run, part: str, required: bool, warn: Warn) -> None:
         run.gaps.append(Gap(part, str(error)))
 
 
-def _find_inputs(run: Run) -> None:
+def _find_inputs(run: Run, log: RunLog) -> None:
     """Takes the inputs.json that lies beside the run's input files, when it is about them."""
-    first = next((file for group in run.log.groups for file in group), "")
+    first = next((file for group in log.groups for file in group), "")
     beside = Path(first).parent / MANIFEST_NAME
     if not first or not beside.is_file() or any(gap.reason for gap in run.gaps
                                                 if gap.part == "inputs"):

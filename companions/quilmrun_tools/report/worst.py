@@ -13,7 +13,7 @@ from quilmrun_tools.artifacts.values import Reader, Values
 from quilmrun_tools.common.errors import Unreadable
 from quilmrun_tools.report import charts
 from quilmrun_tools.report.charts import Chart, Drawings
-from quilmrun_tools.report.pictures import is_picture, thumbnail
+from quilmrun_tools.report.pictures import thumbnail
 from quilmrun_tools.report.run import Run
 
 FEW = 32  # outputs with so few values are drawn value by value
@@ -29,13 +29,7 @@ class Picture:
     name: str
     path: str
     image: str = ""
-
-    @property
-    def remark(self) -> str:
-        """Why nothing is shown."""
-        if self.image:
-            return ""
-        return "the picture is not on this machine" if is_picture(self.path) else "not a picture"
+    remark: str = ""  # why nothing is shown
 
 
 @dataclass
@@ -62,16 +56,14 @@ def worst_cases(run: Run, most: int, drawn: Drawings) -> list[WorstCase]:
 def _worst_case(run: Run, found: OutputCase, drawn: Drawings) -> WorstCase:
     name = found.output + (f" ({found.duplicate + 1}.)" if found.duplicate else "")
     case = WorstCase(found.index, name, found.passed, found)
-    near = run.found["inputs"].parent if "inputs" in run.found else run.folder
-    sources = run.sources(case.index) or found.sources
-    case.pictures = [Picture(Path(path).name, path,
-                             thumbnail(path, near) if is_picture(path) else "")
-                     for path in sources[:MOST_PICTURES]]
-    if found.problem or not found.file or not found.reference_file:
+    case.pictures = [_picture(run, source) for source in
+                     (run.sources(case.index) or found.sources)[:MOST_PICTURES]]
+    if found.problem or not found.file or not found.reference_file or not run.comparison:
         case.remark = found.problem
         return case
     try:
-        output, reference = _located(run, found.file), _located(run, found.reference_file)
+        output = _located(run, found.file, run.comparison.output)
+        reference = _located(run, found.reference_file, run.comparison.reference)
         case.few = min(output.count, reference.count) <= FEW
         case.drawing = drawn.add(_chart(output, reference))
     except Unreadable as error:
@@ -79,12 +71,14 @@ def _worst_case(run: Run, found: OutputCase, drawn: Drawings) -> WorstCase:
     return case
 
 
-def _located(run: Run, values: Values) -> Values:
+def _picture(run: Run, path: str) -> Picture:
+    shown = thumbnail(path, run.inputs_folder, run.checksum(path))
+    return Picture(Path(path).name, path, shown.image, shown.remark)
+
+
+def _located(run: Run, values: Values, side: str) -> Values:
     """Values of the comparison: as their file is named, or in the directory that was compared."""
-    comparison = run.comparison
-    folders = [Path(), *(Path(path) for path in (comparison.output, comparison.reference)
-                         if comparison), *([run.folder] if run.folder else [])]
-    for folder in folders:
+    for folder in (Path(), Path(side), *([run.folder] if run.folder else [])):
         if (folder / values.path).is_file():
             return replace(values, path=folder / values.path)
     raise Unreadable(f"{values.path} is not on this machine")
