@@ -9,11 +9,15 @@ build_packages=(g++ cmake ninja-build libprotobuf-c-dev protobuf-c-compiler libo
 # What the companions in Python take.
 companion_packages=(python3 python3-numpy python3-pil python3-tqdm python3-jinja2)
 
-# What building and running the tests takes on top. The library of clang's sanitizers has the
-# compiler's version in its name: 14 on Debian 12, 19 on Debian 13.
-case $(. /etc/os-release && echo "${VERSION_ID:-}") in 12*) clang_version=14 ;; *) clang_version=19 ;; esac
+# Checks and sanitizers are those of one version of clang, which Debian 12 and 13 both have.
+clang_version=19
+# Sanitizers name functions by this program, which they look for without a version only.
+export ASAN_SYMBOLIZER_PATH=/usr/bin/llvm-symbolizer-$clang_version
+
+# What building and running the tests takes on top.
 test_packages=(libgtest-dev libbenchmark-dev python3-onnx python3-numpy libonnx-testdata locales
-               binutils chromium clang-format clang-tidy clang "libclang-rt-$clang_version-dev" llvm
+               binutils chromium "clang-format-$clang_version" "clang-tidy-$clang_version"
+               "clang-$clang_version" "libclang-rt-$clang_version-dev" "llvm-$clang_version"
                mypy pylint shellcheck)
 
 # What building for a board and making packages takes on top.

@@ -113,5 +113,36 @@ class Building(tool.ToolTest):
             self.assertEqual(self.bash(f"scripts/demo {words}")[0], 2)
 
 
+class Arrows(tool.ToolTest):
+    def test_finds_what_points_up(self):
+        room = "companions/quilmrun_tools"
+        for name, text in [
+                ("input/list.cpp", '#include "input/list.h"\n#include "model/model.h"\n'),
+                ("runtime/handles.h", '#include "runtime/host/state.h"\n'),
+                ("app/main.cpp", '#include "tests/help.h"\n#include "output/dump.h"\n'),
+                ("bench/CMakeLists.txt", "add_library(engine ../tests/identity_engine.cpp)\n"),
+                (f"{room}/__init__.py", ""), (f"{room}/cli.py", ""),
+                (f"{room}/common/parser.py", "from quilmrun_tools import __version__, artifacts\n"),
+                (f"{room}/artifacts/record.py", "from ..common import parser\nclass Run: pass\n"),
+                (f"{room}/report/page.py", "def f():\n    import quilmrun_tools.compare.program\n"
+                                           "class Run: pass\n"),
+                (f"{room}/report/run.py", "import_module('quilmrun_tools.inputs.program')\n"
+                                          "from quilmrun_tools.artifacts.record import Run\n")]:
+            self.write(name, text)
+        found = subprocess.run([SOURCE / "scripts/arrows.py", self.dir], check=False, text=True,
+                               capture_output=True)
+        self.assertEqual((found.returncode, found.stdout), (1, f"""\
+app/main.cpp:1: app must not include tests
+input/list.cpp:2: input must not include model
+runtime/handles.h:1: runtime must not include runtime/host
+bench/CMakeLists.txt:1: only tests may compile what is in tests
+{room}/cli.py: a module outside the rooms
+{room}/common/parser.py:1: common must not import artifacts
+{room}/report/page.py:2: report must not import compare
+{room}/report/run.py:1: report must not import inputs
+{room}/report/page.py:3: a second class Run, beside that of {room}/artifacts/record.py:2
+"""))
+
+
 if __name__ == "__main__":
     unittest.main()

@@ -212,7 +212,7 @@ CALL(quilm_rt_destroy_context, (quilm_rt_context context), state.contexts.Remove
 CALL(quilm_rt_create_stream, (quilm_rt_stream * stream),
      CreateExecutionHandle(state.streams, stream, 0))
 CALL(quilm_rt_destroy_stream, (quilm_rt_stream stream), state.streams.Remove(stream))
-CALL(quilm_rt_get_run_mode, (uint32_t * run_mode),
+CALL(quilm_rt_get_run_mode, (uint32_t* run_mode),
      Put(static_cast<uint32_t>(state.settings.run_mode), run_mode))
 CALL(quilm_rt_malloc, (void** pointer, size_t size, int32_t), Allocate(pointer, size))
 CALL(quilm_rt_free, (void* pointer), state.memory.Remove(pointer))
