@@ -53,6 +53,7 @@ void ClearAndReadLists(benchmark::State& state) {
   Subject subject = MakeSubject(state);
   const Descriptor file(subject.path, O_RDONLY);
   std::vector<iovec> rows;
+  rows.reserve(subject.layout.rows);
   for (size_t r = 0; r < subject.layout.rows; ++r) {
     rows.push_back({subject.memory.data() + r * subject.layout.stride, subject.layout.rowBytes});
   }

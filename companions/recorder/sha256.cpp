@@ -31,7 +31,7 @@ uint32_t BigEndian(const unsigned char* bytes) {
 
 void Sha256::AddBlock(const unsigned char* block) {
   uint32_t words[kRounds];
-  for (int i = 0; i < 16; ++i) {
+  for (size_t i = 0; i < 16; ++i) {
     words[i] = BigEndian(block + 4 * i);
   }
   for (int i = 16; i < kRounds; ++i) {

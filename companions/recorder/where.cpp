@@ -29,7 +29,7 @@ std::string FirstLine(const char* path) {
 
 // Boards have a device tree, PCs a table of their maker.
 std::string Board() {
-  const std::string model = FirstLine("/proc/device-tree/model");
+  std::string model = FirstLine("/proc/device-tree/model");
   if (!model.empty()) {
     return model;
   }

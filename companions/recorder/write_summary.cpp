@@ -49,7 +49,7 @@ void WriteWhere(JsonWriter& json, const Calls& calls, const RunFacts& facts) {
     const std::vector<std::string> values = calls.Facts(key);
     const std::string value = values.empty() ? "" : values[0];
     if (key == std::string_view("cores") && !value.empty()) {
-      json.Key(key).Integer(std::atol(value.c_str()));
+      json.Key(key).Integer(std::strtol(value.c_str(), nullptr, 10));
     } else {
       TextOrNull(json, key, value);
     }
@@ -212,7 +212,8 @@ void WriteSummary(JsonWriter& json, const Calls& calls, const RunFacts& facts,
   }
   json.Close(']').Break().Key("library").Text(calls.Library());
   json.Break().Key("complete").Bool(IsComplete(calls, measured)).Key("exit_status");
-  facts.exitStatus.empty() ? json.Null() : json.Integer(std::atol(facts.exitStatus.c_str()));
+  facts.exitStatus.empty() ? json.Null()
+                           : json.Integer(std::strtol(facts.exitStatus.c_str(), nullptr, 10));
   json.Key("start_us").Integer(header.startUs);
   json.Key("recorder_cost_us").Number(static_cast<double>(header.costPs) / kPsPerUs);
   json.Key("dropped").Count(MissingCalls(calls, measured));

@@ -129,7 +129,7 @@ void Execute(const Model& model, const quilm_mdl_dataset& input, const quilm_mdl
     try {
       RunBatches(model, input, output, 0, input.batchSize);
       return;
-    } catch (const Refusal&) {
+    } catch (const Refusal&) {  // NOLINT(bugprone-empty-catch): what comes next is the answer
       // A model that fixes the batch size further inside may still compute the batches one by one.
     }
   }

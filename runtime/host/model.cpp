@@ -120,6 +120,7 @@ std::string MissingEntries(const std::vector<Tensor>& inputs,
   std::vector<std::string> entries;
   for (const Tensor& input : inputs) {
     std::vector<std::string> shape;
+    shape.reserve(input.dims.size());
     for (const int64_t number : input.dims) {
       shape.push_back(number < 0 ? names[static_cast<size_t>(-1 - number)]
                                  : std::to_string(number));

@@ -68,6 +68,7 @@ class OnnxEngine {
       owners.emplace_back(result, Library().releaseValue);
     }
     std::vector<Array> outputs;
+    outputs.reserve(results.size());
     for (size_t i = 0; i < results.size(); ++i) {
       outputs.push_back(CopyResult(results[i], outputs_[i].type->modelBytes));
     }

@@ -4,8 +4,8 @@
 
 #include <cstdlib>
 #include <filesystem>
+#include <memory>
 #include <mutex>
-#include <optional>
 #include <utility>
 #include <vector>
 
@@ -14,7 +14,7 @@ namespace {
 
 constexpr uint32_t kInterfaceVersion = 17;
 
-std::optional<const Functions> functions;  // empty until the library is loaded
+std::unique_ptr<const Functions> functions;  // empty until the library is loaded
 const Environment* environment = nullptr;
 
 // What the library has reported, by statuses and in its log, the latest first.
@@ -67,7 +67,7 @@ void LoadFunctions() {
   void* const* table = base->getApi(kInterfaceVersion);
   Require(table != nullptr, "ONNX Runtime ", base->getVersionString(), " is too old, 1.",
           kInterfaceVersion, " or newer is needed");
-  functions.emplace(Functions{table});
+  functions = std::make_unique<const Functions>(Functions{table});
 }
 
 }  // namespace
