@@ -72,11 +72,15 @@ def _fill(text: str) -> tuple[int, ...]:
 def _range(text: str) -> Union[str, tuple[float, float]]:
     if text in camera_formats.RANGES:
         return text
-    values = numbers(text)
-    if len(values) != 2 or values[0] > values[1]:
+    low, _, high = text.partition(",")
+    try:
+        values = number(low), number(high)
+    except argparse.ArgumentTypeError:
+        values = 1.0, 0.0
+    if values[0] > values[1]:
         raise argparse.ArgumentTypeError(f"{text!r} is neither limited nor full, nor LOW,HIGH for "
                                          "random values")
-    return values[0], values[1]
+    return values
 
 
 def _count(text: str) -> int:

@@ -120,7 +120,7 @@ def _words(inputs: list[Tensor], options: argparse.Namespace) -> dict[str, list[
 
 def _report_skipped(result: prepare.Result, may_skip: bool, streams: Streams) -> None:
     for reason in result.skipped:
-        streams.complain(f"cannot read {reason}")
+        streams.complain(f"cannot read {reason.removeprefix('cannot read ')}")
     if result.skipped and not may_skip:
         raise Unreadable(f"{len(result.skipped)} unreadable: repair or remove them, or leave them "
                          "out with --skip-unreadable; nothing was written")

@@ -3,47 +3,15 @@
 import json
 import os
 import shutil
-import sys
 import unittest
-from pathlib import Path
 
 import numpy as np
+from prepared import BLUE, FLOAT, GREEN, GREY, HALF, INT8, INT32, RED, UINT8, InputsTest
 
-sys.path.append(str(Path(__file__).resolve().parents[2]))
-from companion import CompanionTest, log_text
+from companion import log_text
 from models import copies
 from PIL import Image
 from tool import QUILMRUN
-
-FLOAT, HALF, INT8, INT32, UINT8 = ("<f4", 0), ("<f2", 1), ("<i1", 2), ("<i4", 3), ("<u1", 4)
-RED, GREEN, BLUE, GREY = (255, 0, 0), (0, 255, 0), (0, 0, 255), (100, 100, 100)
-
-
-class InputsTest(CompanionTest):
-    name = "quilmrun-inputs"
-
-    def picture(self, name, rows, **options):
-        """Writes a picture of rows of pixels."""
-        path = self.dir / name
-        path.parent.mkdir(exist_ok=True)
-        Image.fromarray(np.array(rows, np.uint8)).save(path, **options)
-        return name
-
-    def model_log(self, shape, element_type, name="x", stride=None):
-        dtype, code = element_type
-        stride = stride or np.dtype(dtype).itemsize * shape[-1]
-        dims = "[" + "".join(f"{dim}, " for dim in shape) + "]"
-        return (name, dims, code, stride, stride * int(np.prod(shape[:-1])))
-
-    def prepare(self, shape, element_type, *arguments, stride=None):
-        """The prepared arrays, file by file."""
-        self.write("log.txt", log_text([self.model_log(shape, element_type, stride=stride)]))
-        shutil.rmtree(self.dir / "p", ignore_errors=True)
-        status, out, errors = self.run_companion("--model-log", "log.txt", "-o", "p", *arguments)
-        self.assertEqual((status, errors), (0, ""), out)
-        self.said = out
-        return [np.frombuffer((self.dir / "p" / line).read_bytes(), element_type[0]).tolist()
-                for line in (self.dir / "p/list.txt").read_text().splitlines()]
 
 
 class Pictures(InputsTest):
