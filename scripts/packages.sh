@@ -7,7 +7,7 @@ build_packages=(g++ cmake ninja-build libprotobuf-c-dev protobuf-c-compiler libo
                 nlohmann-json3-dev python3)
 
 # What the companions in Python take.
-companion_packages=(python3 python3-numpy python3-pil python3-tqdm python3-jinja2)
+companion_packages=(python3 python3-numpy python3-pil python3-tqdm python3-jinja2 python3-onnx)
 
 # Checks and sanitizers are those of one version of clang, which Debian 12 and 13 both have.
 clang_version=19

@@ -17,9 +17,9 @@ class ChannelEvidence:
     """The channel with most of the error's energy."""
     index: int
     share: float  # of the error's energy
-    snr_db: float  # of the mean energy of channels to this one's error
+    snr_db: float  # of its own energy, or the mean of all channels where that is more
     values: int
-    stands_out_db: float  # its error against that of the median channel
+    stands_out_db: float  # its error against that of the next worst channel
     factor: float  # by which its values are too large
     offset: float  # the mean difference
     scale_share: float  # of this channel's error that the factor explains
@@ -88,11 +88,11 @@ def _channel(sums: Sums, active: Sums) -> Optional[ChannelEvidence]:
         return None
     index = int(sums.ee.argmax())
     ee = float(sums.ee[index])
-    median = float(np.median(sums.ee))
+    second = float(np.sort(sums.ee)[-2])
     one = active.channel(index)
     return ChannelEvidence(
-        index, ee / total, snr_db(float(sums.rr.mean()), ee), int(sums.n[index]),
-        10 * math.log10(ee / median) if median > 0 else math.inf,
+        index, ee / total, snr_db(max(float(sums.rr[index]), float(sums.rr.mean())), ee), int(sums.n[index]),
+        10 * math.log10(ee / second) if second > 0 else math.inf,
         1 + float(one.re[0] / one.rr[0]) if one.rr[0] > 0 else math.inf,
         float(one.e[0] / max(one.n[0], 1)),
         _explained(one, one.re ** 2, one.rr), _explained(one, one.e ** 2, one.n))

@@ -95,31 +95,33 @@ def _check_decided(findings: Findings, result: LayersResult) -> None:
 
 def _result(findings: Findings, options: argparse.Namespace) -> LayersResult:
     figures = {one.layer.name: one.found for one in findings.compared if one.found}
-    named = verdict.beyond(findings.decisive, findings.limits) if findings.own_runs else [
-        name for name, one in figures.items()
-        if not verdict.within(one.snr_db, one.cosine, findings.limits)]
-    first = next((name for name, one in figures.items()
-                  if not verdict.within(one.snr_db, one.cosine, findings.limits)), None)
+    wrong = [name for name, one in figures.items()
+             if not verdict.within(one.snr_db, one.cosine, findings.limits)]
+    first = wrong[0] if wrong else None
     drops = inherited.drops(findings.compared)
     largest = max(drops, key=lambda name: drops[name], default=None)
+    if findings.own_runs:
+        wrong = verdict.beyond(findings.own, findings.limits)
+        named = wrong[:verdict.NAMED]
+    else:  # what follows the first may have inherited everything
+        named = [*dict.fromkeys(name for name in (first, largest) if name in wrong)]
     return LayersResult(
-        verdict="fail" if named else "pass", first=first,
-        worst_own=named[0] if named and findings.own_runs else None,
-        named=named[:verdict.NAMED],
+        verdict="fail" if wrong else "pass", first=first,
+        worst_own=named[0] if named and findings.own_runs else None, named=named,
         largest_drop=largest if largest and drops[largest] > 0 else None,
         own=bool(findings.own_runs), limits=findings.limits,
         runs=len(findings.compared[0].runs), own_runs=findings.own_runs,
         probe=options.probe, board=options.board, reference=options.pc,
-        layers=_layers(findings, drops, named), notes=_notes(findings),
+        layers=_layers(findings, drops, wrong), notes=_notes(findings),
         plain=plain.judge(options.plain, findings.probe, findings.board, findings.pc)
         if options.plain else None,
         run_next=_run_next(findings, figures))
 
 
-def _layers(findings: Findings, drops: dict[str, float], named: list[str]) -> list[LayerResult]:
+def _layers(findings: Findings, drops: dict[str, float], wrong: list[str]) -> list[LayerResult]:
     results = {layer.name: LayerResult(
         layer.name, layer.operator, layer.output, layer.node, layer.place, layer.sources,
-        passed=layer.name not in named, problem=findings.problems.get(layer.name, ""))
+        passed=layer.name not in wrong, problem=findings.problems.get(layer.name, ""))
         for layer in findings.probe.layers}
     for one in findings.compared:
         name, found = one.layer.name, one.found

@@ -50,7 +50,7 @@ def severity(one: Evidence) -> float:
 
 def _lone_channel(one: Evidence) -> Optional[ChannelEvidence]:
     channel = one.channel
-    wanted = 12 if channel and channel.values >= _MANY else 24
+    wanted = 10 if channel and channel.values >= _MANY else 15
     if channel and channel.share >= 0.5 and channel.stands_out_db >= wanted:
         return channel
     return None
@@ -87,6 +87,8 @@ def shape_of_error(one: Evidence) -> tuple[Kind, str]:
     """The kind of an error, and a sentence about it."""
     if one.one_sided:
         return "no numbers", (f"{one.one_sided:,} values are NaN or infinite on one side only")
+    if one.end_share >= _EXPLAINS:
+        return "saturation", f"clipped at {significant(one.end)}"
     channel = _lone_channel(one)
     if channel and channel.share >= 0.6:
         return "one channel", (
@@ -95,8 +97,6 @@ def shape_of_error(one: Evidence) -> tuple[Kind, str]:
                if channel.scale_share >= _EXPLAINS else
                f", off by {significant(channel.offset)}"
                if channel.offset_share >= _EXPLAINS else ""))
-    if one.end_share >= _EXPLAINS:
-        return "saturation", f"clipped at {significant(one.end)}"
     if max(one.offset_share, one.scale_share) >= _EXPLAINS:
         if one.offset_share >= one.scale_share:
             return "offset", ("a constant difference in each channel, "
