@@ -157,6 +157,12 @@ class Descriptions(ScriptedRuntimeTest):
         self.assertIn("  16/8:01020304000000000506070800000000\n", self.calls())
         self.assertEqual(out.count(f"[ERROR] output[0] needs {2**64 - 1} bytes, its buffer holds "
                                    "16\n[ERROR] GetOutputWithOutStride fail\n"), 2)
+        # As many batches as there can be, of sizes that wrap to 16, 8 and 24 bytes.
+        x, task, work = (size * pow(2**32 - 1, -1, 2**64) % 2**64 for size in (16, 8, 24))
+        _, out = self.run_scripted(f"input x 4 {x} 8 2 4\ninput task 4 {task} 8 1 8\n"
+                                   f"input work 4 {work} 8 1 8\n", "-b", "-1")
+        self.assertIn("set batchsize to 4294967295\n", out)
+        self.assertIn("  16/8:01020304000000000506070800000000\n", self.calls())
 
     def test_recurrent_models(self):
         recurrent = ("net_type 2\ninput frames 0 32 8 4 2\ninput marks 0 16 16 1 4\n" +
