@@ -36,7 +36,7 @@ class MemoryRunsOut(ScriptedRuntimeTest):
             self.assertIn(TEARDOWN, out)
             self.assertRegex(self.csv(), "^T,T,T,")
         if status == 1:
-            self.assertRegex(out, r"(?m)^\[ERROR\] ")
+            self.assertIn("[ERROR] out of memory\n", out)
 
     def test_wherever_it_does(self):
         self.write("rpn", "1 2 3 4")

@@ -73,6 +73,8 @@ class Rules(ScriptedRuntimeTest):
              "[ERROR] unload model failed, modelId is 4000000077\n[INFO]  execute sample success\n" +
              TEARDOWN),
             (0, TASK_AND_WORK, (), "[INFO]  Model inputNum: 0\n[INFO]  Model Iters : 0\n" + SUCCESS),
+            (0, PLAIN, ("-r", "rpn,rpn"), "[WARN]  2 rpn files, but the model has 1 inputs: nothing to "
+             "execute\n[INFO]  Model inputNum: 0\n[INFO]  Model Iters : 0\n" + SUCCESS),
             (1, RPN.format("1 4"), ("-r", "d"), "[ERROR] $D/d is not a file, please enter a file\n"
              "[ERROR] read rpn para error\n" + NOT_DONE),
             (1, RPN.format("-1 4"), ("-r", "rpn"), "[INFO]  input rpn data height[0] * width[4]\n"
