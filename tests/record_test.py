@@ -1,10 +1,15 @@
 """quilmrun-record: what it records, and that the run is as it would be without it."""
 
+import collections
 import csv
+import datetime
+import hashlib
 import json
 import os
 import pathlib
+import pty
 import re
+import resource
 import shutil
 import signal
 import subprocess
@@ -14,6 +19,7 @@ from models import HostRuntimeTest, copies, floats
 from scripted import SCRIPTED_RUNTIME, PLAIN, ScriptedRuntimeTest
 from tool import QUILMRUN
 
+ONLY_ASK = "mdl_get|ext_get|data_type_size|get_data_buffer"
 RECORD = str(pathlib.Path(QUILMRUN).resolve().parent / "quilmrun-record")
 
 
@@ -70,6 +76,33 @@ class WholeRuns(HostRuntimeTest):
             rows = list(csv.DictReader(table))
         self.assertEqual([row["function"] for row in rows], traced)
 
+    def test_calls_that_only_ask_are_counted(self):
+        traced = self.run_two_groups(within=(RECORD, "-q", "-o", self.record))[2]
+        record = Recording(self.record)
+        names = re.findall(r"call: (\w+) \d+$", traced, re.M)
+        self.assertEqual({name: row["count"] for name, row in record.facts["functions"].items()},
+                         collections.Counter(names))
+        self.assertEqual([call["name"] for call in record.calls],
+                         [name for name in names if not re.search(ONLY_ASK, name)])
+        self.assertEqual(record.facts["loop"]["begun"], 2)
+
+    def test_where_and_what(self):
+        self.run_two_groups(within=(RECORD, "-q", "-o", self.record))
+        facts, system = Recording(self.record).facts, os.uname()
+        where = facts["where"]
+        for key, path in (("model", self.dir / "m.onnx"), ("settings", self.dir / "q.json"),
+                          ("tool", pathlib.Path(QUILMRUN).resolve()),
+                          ("runtime", pathlib.Path(facts["library"]))):
+            content = path.read_bytes()
+            self.assertEqual(where[key], {"path": str(path), "bytes": len(content),
+                                          "sha256": hashlib.sha256(content).hexdigest()})
+        self.assertEqual((where["name"], where["kernel"], where["cores"]),
+                         (system.nodename, f"{system.sysname} {system.release}", os.cpu_count()))
+        self.assertIn(system.machine, where["processor"])
+        moment = datetime.datetime.strptime(where["date"], "%Y-%m-%dT%H:%M:%S%z").timestamp()
+        self.assertLess(abs(moment - facts["start_us"] / 1e6), 5)
+        self.assertEqual(facts["command"][1:3], ["-m", str(self.dir / "m.onnx")])
+
     def test_spans_enclose_calls(self):
         self.run_two_groups(within=(RECORD, "-o", self.record, "-q", "--all-calls"))
         record = Recording(self.record)
@@ -124,7 +157,7 @@ class Crashes(ScriptedRuntimeTest):
                          (False, 128 + signal.SIGABRT))
         self.assertEqual([call["name"] for call in record.calls],
                          [name for name in re.findall(r"^quilm_\w+", self.calls(), re.M)
-                          if not re.search("mdl_get|ext_get|data_type_size|get_data_buffer", name)])
+                          if not re.search(ONLY_ASK, name)])
         self.assertEqual(record.calls[-1]["args"], {"unfinished": True, "group": 1, "repetition": 0})
         self.assertEqual(record.counts()["inference"], 1)
         self.assertEqual(sorted(p.name for p in self.dir.glob("r.json*")), ["r.json"])
@@ -148,6 +181,86 @@ class Crashes(ScriptedRuntimeTest):
         self.assertEqual(Recording(self.dir / "record.json").calls[-1]["name"], "quilm_finalize")
 
 
+class Space(ScriptedRuntimeTest):
+    LIST = "x.bin\n" * 400
+    ENDED = r"quilmrun-record: File too large: the recording ends here, after \d+ calls; the run goes on\n"
+
+    def test_limit_on_file_sizes(self):
+        """The recording ends with one line, and the run as it does without it."""
+        plain = self.start_scripted(PLAIN, list_text=self.LIST)
+        for size, said, status in ((300_000, self.ENDED, 0), (50_000, r".*; this run is not recorded\n", 2)):
+            limit = lambda: resource.setrlimit(resource.RLIMIT_FSIZE, 2 * (size,))  # pylint: disable=cell-var-from-loop
+            result, out, err = self.start_scripted(PLAIN, limit=limit,
+                                                   list_text=self.LIST,
+                                                   within=(RECORD, "-q", "-o", "r.json"))
+            self.assertEqual((result, out), (status, plain[1]))
+            self.assertRegex(err, f"^{said}$")
+        facts = Recording(self.dir / "r.json").facts
+        self.assertEqual((facts["complete"], facts["exit_status"]), (False, 0))
+        self.assertGreater(facts["dropped"], 1000)
+        self.assertLess(facts["trace"]["kept"], facts["trace"]["inferences"])
+        self.assertEqual(sorted(path.name for path in self.dir.glob("r.json*")), ["r.json"])
+
+    def test_full_disk(self):
+        (self.dir / "disk").mkdir()
+        own = self.own_mounts("mount -t tmpfs -o size=480k none disk; touch disk/r.json.none",
+                              "cp disk/* .; ls disk > left")
+        status, out, err = self.start_scripted(PLAIN, list_text=self.LIST, within=(
+            *own, RECORD, "-q", "-o", "disk/r.json"))
+        self.assertEqual((status, out), self.start_scripted(PLAIN, list_text=self.LIST)[:2])
+        self.assertRegex(err, "^" + self.ENDED.replace("File too large", "No space left on device") + "$")
+        self.assertFalse(Recording(self.dir / "r.json").facts["complete"])
+        self.assertEqual((self.dir / "left").read_text(), "r.json\nr.json.none\n")
+
+
+class Names(ScriptedRuntimeTest):
+    def run_meanwhile(self, command, *options):
+        """A run during which a command is run; what is said of it."""
+        status, _, err = self.start_scripted(f"run quilm_mdl_execute 1 {command}\n" + PLAIN,
+                                             within=(RECORD, "-q", *options))
+        self.assertEqual(status, 0)
+        return err
+
+    def test_files_that_appear_meanwhile_stay(self):
+        (self.dir / "old").write_text('{"format": "quilmrun-record"}')
+        os.link(self.dir / "old", self.dir / "r.json")
+        err = self.run_meanwhile("cp x.bin c.csv; rm r.json; cp old r.json", "-o", "r.json", "--csv",
+                                 "c.csv")
+        for name, kept in (("r.json", (self.dir / "old").read_bytes()), ("c.csv", bytes(range(1, 9)))):
+            self.assertEqual((self.dir / name).read_bytes(), kept)
+            (beside,) = self.dir.glob(name + ".*")
+            self.assertIn(f"{name} has become another's file meanwhile, so this is in {beside.name}\n", err)
+            self.assertEqual(beside.stat().st_mode & 0o777, 0o666 & ~self.umask())
+        self.assertEqual(Recording(next(self.dir.glob("r.json.*"))).facts["exit_status"], 0)
+
+    @staticmethod
+    def umask():
+        mask = os.umask(0)
+        os.umask(mask)
+        return mask
+
+    def test_own_files_are_replaced_behind_links_too(self):
+        (self.dir / "there").mkdir()
+        (self.dir / "r.json").symlink_to("there/r.json")
+        for _ in range(2):
+            self.assertEqual(self.run_meanwhile("true", "-o", "r.json", "--csv", "c.csv"), "")
+        self.assertTrue((self.dir / "r.json").is_symlink())
+        self.assertEqual([p.name for p in (self.dir / "there").iterdir()], ["r.json"])
+        self.assertEqual([p.name for p in self.dir.glob("c.csv*")], ["c.csv"])
+
+    def test_progress_on_a_terminal(self):
+        here, there = pty.openpty()
+        arguments = self.arguments("run quilm_mdl_execute 2 sleep 1.5\n" + PLAIN, list_text="x.bin\n\n" * 3)
+        for options, shown in ((), r"quilmrun-record: 2 of 3 inferences, \d+\.\d a second, 1 s"), (("-q",), "x"):
+            subprocess.run([RECORD, *options, "-o", "r.json", os.path.abspath(QUILMRUN), *arguments],
+                           cwd=self.dir, env=dict(os.environ, LD_LIBRARY_PATH=SCRIPTED_RUNTIME),
+                           stdout=subprocess.DEVNULL, stderr=there, check=True, timeout=60)
+            os.write(there, b"x")
+            self.assertRegex(os.read(here, 65536).decode(), shown)
+        os.close(here)
+        os.close(there)
+
+
 class CommandLine(HostRuntimeTest):
     def test_manual_has_the_options_that_help_names(self):
         shown = subprocess.run([RECORD, "--help"], capture_output=True, check=True, text=True).stdout
@@ -165,6 +278,8 @@ class CommandLine(HostRuntimeTest):
     def test_misuse(self):
         self.write("mine.json", '{"traceEvents": []}')
         alone = shutil.copy(QUILMRUN, self.dir)
+        os.mkfifo(self.dir / "fifo")
+        (self.dir / "b").symlink_to("a")
         for message, *arguments in (
                 ("what is to be run? Try: quilmrun-record quilmrun -m model ...",),
                 ("there is no option -x; see quilmrun-record --help", "-x"),
@@ -176,7 +291,11 @@ class CommandLine(HostRuntimeTest):
                  "--csv", "mine.json", "true"),
                 ("out is a directory; name a file", "-o", "out", "true"),
                 ("cannot write to no/such; name a file elsewhere", "-o", "no/such/record.json", "true"),
-                ("record and table need two files, not a twice", "-o", "a", "--csv", "a", "true"),
+                ("record and table need two files, not ./a twice", "-o", "a", "--csv", "./a", "true"),
+                ("record and table need two files, not $D/a twice", "-o", "a", "--csv", "b", "true"),
+                ("fifo is no regular file; name another one", "-o", "fifo", "true"),
+                ("/dev/null is no regular file; name another one", "--csv", "/dev/null", "true"),
+                ("there is no file fifo", "--recover", "fifo"),
                 ("--recover runs nothing; leave the command out", "--recover", "mine.json", "true"),
                 ("there is no file none", "--recover", "none"),
                 ("the program did not load libquilm.so", "true"),
@@ -191,7 +310,7 @@ class CommandLine(HostRuntimeTest):
         self.check("$D/libquilm.so: file too short", alone)
         self.assertEqual((self.dir / "mine.json").read_text(), '{"traceEvents": []}')
         self.assertEqual(sorted(p.name for p in self.dir.iterdir()),
-                         ["libquilm.so", "mine.json", "out", "quilmrun"])
+                         ["b", "fifo", "libquilm.so", "mine.json", "out", "quilmrun"])
 
 
 if __name__ == "__main__":

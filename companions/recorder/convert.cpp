@@ -55,24 +55,34 @@ bool LacksSpace(int problem) {
   return problem == ENOSPC || problem == EFBIG || problem == EDQUOT;
 }
 
+// So many inferences lie between two that the trace keeps: all are kept up to `most`; beyond, the
+// trace shows about ten times `some`, of which the ends and the slowest are three.
+long EveryOf(const Measurements& measured, const Extent& extent) {
+  const long between = 7 * extent.some;
+  return measured.inferences <= extent.most ? 1 : (measured.inferences + between - 1) / between;
+}
+
 // Writes a record that keeps within the bytes that it may have for each inference, by showing fewer
 // of them where calls are many. Returns 0 or an error number.
 int WriteWithin(const Calls& calls, const RunFacts& facts, const char* path,
-                const Measurements& measured, TracePlan& plan) {
+                const Measurements& measured, const Extent& extent, bool everyCall,
+                TracePlan& plan) {
   constexpr long kFewInferences = 1000;  // whose record is small whatever it takes
   constexpr long kBytesPerInference = 2000;
-  int problem = 0;
-  for (bool fits = false; !fits && problem == 0;) {
+  const long most = std::max(measured.inferences, kFewInferences) * kBytesPerInference;
+  long every = EveryOf(measured, extent);
+  while (true) {
+    plan = PlanTrace(measured, every, extent.some, everyCall);
     long bytes = 0;
-    problem = WriteFile(path, [&](std::FILE* file) {
+    const int problem = WriteFile(path, [&](std::FILE* file) {
       WriteTrace(file, calls, facts, measured, plan);
       bytes = std::ftell(file);
     });
-    const long most = std::max(plan.inferences, kFewInferences) * kBytesPerInference;
-    fits = bytes <= most || plan.every >= plan.inferences;
-    plan.every = fits ? plan.every : plan.every * (bytes / most + 1);
+    if (problem != 0 || everyCall || bytes <= most || every >= measured.inferences) {
+      return problem;
+    }
+    every += every * (bytes / most);
   }
-  return problem;
 }
 
 int WriteRecord(const Calls& calls, const RunFacts& facts, const char* path, bool everyCall,
@@ -81,12 +91,8 @@ int WriteRecord(const Calls& calls, const RunFacts& facts, const char* path, boo
   for (const Extent& extent : kExtents) {
     const bool isLess = &extent != &kExtents[0];
     measured = Measure(calls, extent.bins, static_cast<size_t>(extent.some));
-    TracePlan plan = PlanTrace(measured, extent.most, extent.some, everyCall && !isLess);
-    problem =
-        everyCall && !isLess
-            ? WriteFile(path,
-                        [&](std::FILE* file) { WriteTrace(file, calls, facts, measured, plan); })
-            : WriteWithin(calls, facts, path, measured, plan);
+    TracePlan plan;
+    problem = WriteWithin(calls, facts, path, measured, extent, everyCall && !isLess, plan);
     // Of a full disk, the recorder has told while the tool ran.
     if (problem == 0 && isLess && calls.Header().dropped == 0) {
       std::fprintf(stderr,

@@ -93,6 +93,7 @@ class Meter : public RunSink {
   void OnMemory(uint64_t ns, uint64_t bytes) override {
     results_.peakBytes = std::max(results_.peakBytes, bytes);
     if (group_ < 0) {
+      EndPeak();
       AddMemory({ns, bytes});
     } else if (bytes > most_.bytes) {
       most_ = {ns, bytes};
@@ -145,6 +146,10 @@ class Meter : public RunSink {
       Summarize(executions_, bin_);
       results_.course.push_back(bin_);
     }
+    EndPeak();
+  }
+
+  void EndPeak() {
     if (most_.bytes > 0) {
       AddMemory(most_);
     }

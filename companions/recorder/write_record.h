@@ -36,9 +36,9 @@ struct TracePlan {
   long Kept() const;
 };
 
-/// A plan that keeps all inferences of a run up to `most`; beyond, the first and last `some`, the
-/// slowest that were measured, and about seven times `some` between.
-TracePlan PlanTrace(const Measurements& measured, long most, long some, bool everyCall);
+/// A plan that keeps every `every`-th inference, and `some` of the first, of the last and of the
+/// slowest, or fewer where the run has not twenty times as many.
+TracePlan PlanTrace(const Measurements& measured, long every, long some, bool everyCall);
 
 /// True when the run ended by itself and no call is missing.
 bool IsComplete(const Calls& calls, const Measurements& measured);

@@ -184,19 +184,19 @@ long TracePlan::Kept() const {
   return kept;
 }
 
-TracePlan PlanTrace(const Measurements& measured, long most, long some, bool everyCall) {
+TracePlan PlanTrace(const Measurements& measured, long every, long some, bool everyCall) {
+  constexpr long kLargestShare = 20;  // the ends and the slowest are no more than a twentieth each
   TracePlan plan;
   plan.inferences = measured.inferences;
   plan.everyCall = everyCall;
-  plan.atEachEnd = some;
+  plan.every = every;
+  plan.atEachEnd = std::min(some, measured.inferences / kLargestShare);
   for (const SlowInference& inference : measured.slowest) {
-    plan.slowest.push_back(inference.group);
+    if (static_cast<long>(plan.slowest.size()) < plan.atEachEnd) {
+      plan.slowest.push_back(inference.group);
+    }
   }
   std::sort(plan.slowest.begin(), plan.slowest.end());
-  if (measured.inferences > most) {
-    constexpr long kBetween = 7;  // so that the trace shows about ten times `some`
-    plan.every = (measured.inferences + kBetween * some - 1) / (kBetween * some);
-  }
   return plan;
 }
 
