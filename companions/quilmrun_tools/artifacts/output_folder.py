@@ -6,6 +6,7 @@ tell these apart: the clock of a board may start in 1970, or be set while the to
 are needed, everything in the directory has to agree with what they say; otherwise nothing is chosen.
 """
 
+import bisect
 import functools
 import os
 import re
@@ -44,8 +45,19 @@ class OutputFile:
     name: str
     duplicate: int  # earlier outputs of the same name in the same inference
     timestamp_us: int  # microseconds since 1970
-    bin_path: Optional[Path] = None
-    float_path: Optional[Path] = None
+    stem: str  # the files' path without .bin and .float
+    has_bin: bool
+    has_float: bool
+
+    @property
+    def bin_path(self) -> Optional[Path]:
+        """The file of raw floats; None when there is none."""
+        return Path(self.stem + ".bin") if self.has_bin else None
+
+    @property
+    def float_path(self) -> Optional[Path]:
+        """The file of text; None when there is none."""
+        return Path(self.stem + ".float") if self.has_float else None
 
     @property
     def key(self) -> Key:
@@ -67,14 +79,13 @@ class OutputFolder:
     @property
     def runs(self) -> list[int]:
         """The numbers of its inferences."""
-        numbers: list[int] = self._places[0].tolist()
-        return numbers
+        return self._places[0]
 
     @functools.cached_property
-    def _places(self) -> tuple[Table, Table]:
+    def _places(self) -> tuple[list[int], list[int]]:
         """The numbers of the inferences, and where their rows begin and the last ones end."""
         numbers, starts = np.unique(self.table["run"], return_index=True)
-        return numbers, np.append(starts, len(self.table))
+        return numbers.tolist(), [*starts.tolist(), len(self.table)]
 
     @property
     def expected(self) -> int:
@@ -95,7 +106,7 @@ class OutputFolder:
     def outputs_of(self, run: int) -> list[OutputFile]:
         """The outputs of one inference, in the order of writing."""
         numbers, starts = self._places
-        at = int(np.searchsorted(numbers, run))
+        at = bisect.bisect_left(numbers, run)
         if at == len(numbers) or numbers[at] != run:
             return []
         return [self._output(row) for row in self.table[starts[at]:starts[at + 1]]]
@@ -111,10 +122,10 @@ class OutputFolder:
                 zip(np.minimum.reduceat(stamps, starts), np.maximum.reduceat(stamps, starts))]
 
     def _output(self, row: Any) -> OutputFile:
-        run, key, stamp = int(row["run"]), self.names[row["key"]], int(row["stamp"])
+        run, place, stamp, has_bin, has_float = row.item()
+        key = self.names[place]
         stem = f"{self.path}/{run}/{key[0]}.{key[1]}.{stamp}"
-        return OutputFile(run, key[0], key[1], stamp, Path(stem + ".bin") if row["bin"] else None,
-                          Path(stem + ".float") if row["float"] else None)
+        return OutputFile(run, key[0], key[1], stamp, stem, has_bin, has_float)
 
     def _chosen(self, rows: Table) -> "OutputFolder":
         """This folder with some of its rows."""
@@ -166,7 +177,7 @@ def _scan(root: Path) -> Iterator[tuple[int, Key, int, int]]:
                        if _INFERENCE.fullmatch(entry.name) and entry.is_dir()]
     for name in directories:
         files: dict[tuple[str, int, int], int] = {}
-        for file in sorted(os.listdir(root / name)):
+        for file in sorted(os.listdir(os.path.join(root, name))):
             match = _FILE.fullmatch(file)
             if match:
                 key = match.group(1), int(match.group(2)), int(match.group(3))

@@ -50,6 +50,8 @@ class Values:
 
     def section(self, start: int, count: int) -> "Values":
         """Some of the values."""
+        if (start, count, self.rest) == (0, self.count, 0):
+            return self
         return replace(self, offset=self.offset + start * self.dtype.itemsize, count=count, rest=0)
 
 

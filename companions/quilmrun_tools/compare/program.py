@@ -7,7 +7,7 @@ from typing import Callable, Union
 
 from quilmrun_tools.artifacts.comparison import (FORMAT, Comparison, LeftOut, LeftOutOfBoth,
                                                  Limits)
-from quilmrun_tools.artifacts.output_folder import Key
+from quilmrun_tools.artifacts.output_folder import Key, NoOutputs
 from quilmrun_tools.artifacts.run_log import name_in_files
 from quilmrun_tools.artifacts.run_outputs import RunOutputs, Sources, read_run_outputs
 from quilmrun_tools.common.errors import Status, Unreadable
@@ -20,7 +20,7 @@ from quilmrun_tools.compare.comparer import Comparer, Plan, score_length
 from quilmrun_tools.compare.frames import find_cuts, notes_of
 from quilmrun_tools.compare.same_inputs import find_difference, pair_by_input
 from quilmrun_tools.compare.sides import (ArrayOutputs, Reference, pair_keys, pairs_of, read_arrays,
-                                          same_numbers)
+                                          read_single_arrays, same_numbers)
 from quilmrun_tools.compare.table import print_comparison
 
 ATOL, RTOL = 1e-5, 1e-5
@@ -151,9 +151,17 @@ def _reference(options: argparse.Namespace, output: RunOutputs) -> Union[RunOutp
     if not Path(options.reference).exists():
         raise Unreadable(f"there is no {options.reference}: name the other run's directory, or "
                          ".npy files")
-    return read_arrays(options.reference, output) or read_run_outputs(
-        options.reference, Sources(options.reference_log, options.reference_inputs, types,
-                                   options.newest))
+    arrays = read_arrays(options.reference, output)
+    if arrays:
+        return arrays
+    try:
+        return read_run_outputs(options.reference, Sources(
+            options.reference_log, options.reference_inputs, types, options.newest))
+    except NoOutputs:
+        arrays = read_single_arrays(options.reference, output)
+        if not arrays:
+            raise
+        return arrays
 
 
 def compare(output: RunOutputs, reference: Union[RunOutputs, ArrayOutputs],

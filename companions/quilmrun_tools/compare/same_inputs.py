@@ -22,11 +22,13 @@ class InputDifference:
     count: int  # inferences that differ
 
     def __str__(self) -> str:
-        ours, theirs = (", ".join(source.label for source in file.sources) or file.file
+        ours, theirs = (", ".join(source.label for source in file.sources)
                         for file in (self.output_file, self.reference_file))
-        made = f"was made of {ours} and of {theirs}" if ours != theirs else \
+        made = f"was made of {ours or 'other values'} and of {theirs or 'other values'}" \
+            if ours != theirs or not ours else \
             f"was prepared of {ours} in another way, or {ours} has changed"
-        return (f"both sides had other inputs in {self.count} inferences, first in {self.run}: "
+        many = "inference" if self.count == 1 else "inferences"
+        return (f"both sides had other inputs in {self.count} {many}, first in {self.run}: "
                 f"{self.input} {made}; prepare both from the same list, or pair by --by-input")
 
 

@@ -70,8 +70,7 @@ class ArrayOutputs:
 
 def read_arrays(path: str, output: RunOutputs) -> Optional[ArrayOutputs]:
     """A reference of .npy files: a file (for a model's only output), a folder of NAME.npy whose
-    first dimension is the inference, or a folder with RUN/NAME.npy. None when it is none of
-    these."""
+    first dimension is the inference. None when it is neither."""
     place, side = Path(path), ArrayOutputs(path)
     if not place.is_dir():
         keys = output.keys()
@@ -87,12 +86,18 @@ def read_arrays(path: str, output: RunOutputs) -> Optional[ArrayOutputs]:
         key = _key(file.stem, output)
         _check_new(key in side.columns, file, key)
         side.columns[key] = _column(file, key, output)
-    for file in sorted(place.glob("[0-9]*/*.npy")):
+    return side if side.columns else None
+
+
+def read_single_arrays(path: str, output: RunOutputs) -> Optional[ArrayOutputs]:
+    """A reference of RUN/NAME.npy; None when there is none."""
+    side = ArrayOutputs(path)
+    for file in sorted(Path(path).glob("[0-9]*/*.npy")):
         if re.fullmatch("[0-9]{1,9}", file.parent.name):
             key, files = _key(file.stem, output), side.single.setdefault(int(file.parent.name), {})
-            _check_new(key in files or key in side.columns, file, key)
+            _check_new(key in files, file, key)
             files[key] = file
-    return side if side.columns or side.single else None
+    return side if side.single else None
 
 
 def _check_new(known: bool, file: Path, key: Key) -> None:
