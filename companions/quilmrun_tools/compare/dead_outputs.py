@@ -9,6 +9,8 @@ import numpy as np
 from quilmrun_tools.artifacts.output_folder import Key
 from quilmrun_tools.artifacts.run_outputs import text
 
+Checksum = tuple[int, float]
+_NOTHING: Checksum = (0, 0.0)
 _FEW = 2  # from so many inferences on, it says something that all are the same
 
 
@@ -16,8 +18,8 @@ _FEW = 2  # from so many inferences on, it says something that all are the same
 class _Signs:
     """What has been true so far of one output, over all inferences."""
     runs: int = 0
-    first: Optional[tuple[int, int]] = None  # the outputs of the first inference, as checksums
-    first_reference: Optional[tuple[int, int]] = None
+    first: Optional[Checksum] = None  # the outputs of the first inference, as checksums
+    first_reference: Optional[Checksum] = None
     same: bool = True
     reference_same: bool = True
     constant: bool = True  # every inference has one value only, of several elements
@@ -73,7 +75,7 @@ class _Watched:
 
     def __init__(self) -> None:
         self.count = 0
-        self.checksum, self.reference_checksum = (0, 0), (0, 0)
+        self.checksum, self.reference_checksum = _NOTHING, _NOTHING
         self.constant = self.nan = True
         self._value = 0.0
 
@@ -91,7 +93,6 @@ class _Watched:
         self.nan = self.nan and bool(np.isnan(values[-1])) and bool(np.isnan(values).all())
 
 
-def _more(checksum: tuple[int, int], values: "np.ndarray[Any, Any]") -> tuple[int, int]:
-    """The checksum of a thousand values of each chunk, and the sum of all as bits."""
-    return (zlib.crc32(values[:1000].tobytes(), checksum[0]),
-            zlib.crc32(values.sum(keepdims=True).tobytes(), checksum[1]))
+def _more(checksum: Checksum, values: "np.ndarray[Any, Any]") -> Checksum:
+    """The checksum of a thousand values of each chunk, and the sum of all."""
+    return zlib.crc32(values[:1000].tobytes(), checksum[0]), checksum[1] + float(values.sum())
