@@ -1,0 +1,1 @@
+"""quilmrun-boards: one run of the tool, on one board or on many."""

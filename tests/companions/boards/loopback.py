@@ -1,0 +1,129 @@
+"""Boards for tests: sshd's on loopback, without privileges, with keys and folders of their own."""
+
+import getpass
+import os
+import pathlib
+import signal
+import socket
+import subprocess
+import time
+
+SSHD = "/usr/sbin/sshd"
+_LIFE = "300"  # seconds after which a daemon ends whatever happens
+
+
+def free_port():
+    with socket.socket() as probe:
+        probe.bind(("127.0.0.1", 0))
+        return probe.getsockname()[1]
+
+
+class Board:
+    """One sshd. `environment` is what its sessions find, PATH for one."""
+
+    def __init__(self, root, name, environment=()):
+        self.name = name
+        self.dir = pathlib.Path(root) / name
+        self.remote = self.dir / "var tmp"
+        self.remote.mkdir(parents=True)
+        self.port = free_port()
+        self._environment = " ".join(f'"{key}={value}"' for key, value in dict(environment).items())
+        self.process = None
+
+    def start(self, keys):
+        config = self.dir / "sshd_config"
+        config.write_text(f"""\
+ListenAddress 127.0.0.1
+Port {self.port}
+HostKey {keys}/host
+AuthorizedKeysFile {keys}/user.pub
+StrictModes no
+UsePAM no
+PasswordAuthentication no
+KbdInteractiveAuthentication no
+PidFile none
+LogLevel QUIET
+MaxStartups 100
+""" + (f"SetEnv {self._environment}\n" if self._environment else ""))
+        self.process = subprocess.Popen(["timeout", _LIFE, SSHD, "-D", "-e", "-f", config],
+                                        stdin=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
+                                        start_new_session=True)
+        for _ in range(100):
+            with socket.socket() as probe:
+                if probe.connect_ex(("127.0.0.1", self.port)) == 0:
+                    return
+            time.sleep(0.05)
+        raise RuntimeError(f"sshd of {self.name} does not answer")
+
+    def stop(self):
+        """Ends the daemon and its sessions, as a loss of power would."""
+        for pid in descendants(self.process.pid)[::-1] if self.process else ():
+            try:
+                if "sshd" in pathlib.Path(f"/proc/{pid}/comm").read_text():
+                    os.kill(pid, signal.SIGKILL)
+            except (FileNotFoundError, ProcessLookupError):
+                pass
+        if self.process:
+            self.process.wait()
+        self.process = None
+
+    def left(self):
+        """What is left in the folder for parts."""
+        return sorted(os.listdir(self.remote))
+
+
+def descendants(pid):
+    """A process and all that it has started, as long as their parents live."""
+    parents = {}
+    for stat in pathlib.Path("/proc").glob("[0-9]*/stat"):
+        try:
+            fields = stat.read_text(errors="replace").rpartition(")")[2].split()
+        except (FileNotFoundError, ProcessLookupError):
+            continue
+        parents.setdefault(int(fields[1]), []).append(int(stat.parent.name))
+    found = [pid]
+    for one in found:
+        found += parents.get(one, [])
+    return found
+
+
+class Boards:
+    """A number of them, and the configuration of ssh that knows their ports."""
+
+    def __init__(self, root, names, environments=None):
+        self.root = pathlib.Path(root)
+        keys = self.root / "keys"
+        keys.mkdir(parents=True)
+        for name in ("host", "user"):
+            subprocess.run(["ssh-keygen", "-q", "-t", "ed25519", "-N", "", "-f", keys / name],
+                           check=True)
+        if os.geteuid() == 0:
+            os.makedirs("/run/sshd", mode=0o755, exist_ok=True)  # for its separation of privileges
+        self.boards = {name: Board(self.root, name, (environments or {}).get(name, {}))
+                       for name in names}
+        self._keys = keys
+        for board in self.boards.values():
+            board.start(keys)
+        self.config = self.root / "ssh_config"
+        self.write_config()
+
+    def write_config(self, ports=None):
+        """`ports` are other ones than the boards' own, by name."""
+        self.config.write_text("".join(f"""\
+Host {board.name}
+  HostName 127.0.0.1
+  Port {(ports or {}).get(board.name, board.port)}
+  User {getpass.getuser()}
+  HostKeyAlias board
+  IdentityFile {self._keys}/user
+  IdentitiesOnly yes
+  UserKnownHostsFile {self._keys}/known_hosts
+""" for board in self.boards.values()))
+        (self._keys / "known_hosts").write_text("board " + (self._keys / "host.pub").read_text())
+
+    def restart(self, name):
+        self.boards[name].start(self._keys)
+
+    def stop(self):
+        for board in self.boards.values():
+            board.stop()
