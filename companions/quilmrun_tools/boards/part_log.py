@@ -10,9 +10,10 @@ from typing import Mapping, Optional, Sequence
 
 from quilmrun_tools.boards.plan import OutputShape
 
-# The paths of the part's inputs come right before how many groups there are.
-_COUNT = re.compile(rb"((?:^\[INFO\]  inputPath: .*\n)*)"
-                    rb"(^\[INFO\]  Model inputNum: \d+\n)^\[INFO\]  Model Iters : (\d+)\n", re.M)
+# What the tool says between the paths of the inputs, which come first, and the inferences.
+_COUNT = re.compile(rb"(?:^\[INFO\]  inputPath: .*\n)*"
+                    rb"((?:^(?:\[INFO\]  create model output success|\[WARN\]  \d+ rpn files.*)\n)*"
+                    rb"^\[INFO\]  Model inputNum: \d+\n)^\[INFO\]  Model Iters : \d+\n", re.M)
 _DUMPED = b"[INFO]  dump data success\n"
 _ERROR = re.compile(rb"^\[ERROR\] (.*)$", re.M)
 _COURSE = re.compile(
@@ -53,7 +54,7 @@ class Sections:
     """A log in three: up to the input paths, all inferences that have outputs, the rest. Without
     a model that could be described everything is in the first."""
     head: bytes
-    count: bytes  # the line before that with the number of inferences
+    count: bytes  # the lines ahead of that with the number of inferences
     body: bytes
     tail: bytes
 
@@ -65,7 +66,7 @@ def sections(text: bytes) -> Sections:
         return Sections(text, b"", b"", b"")
     end = text.rfind(_DUMPED, found.end())
     end = found.end() if end < 0 else end + len(_DUMPED)
-    return Sections(text[:found.start()], found.group(2), text[found.end():end], text[end:])
+    return Sections(text[:found.start()], found.group(1), text[found.end():end], text[end:])
 
 
 def first_error(text: bytes) -> str:
