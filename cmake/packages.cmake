@@ -91,7 +91,7 @@ and with examples.")
   set(CPACK_DEBIAN_QUILMRUN_PACKAGE_DEPENDS "python3:any")
   # Each companion names what it lacks, the tool needs none of them.
   set(CPACK_DEBIAN_QUILMRUN_PACKAGE_RECOMMENDS "quilmrun-host-runtime, man-db, python3-numpy, \
-python3-pil, python3-jinja2, python3-tqdm, python3-onnx")
+python3-pil, python3-jinja2, python3-tqdm, python3-onnx, parallel, openssh-client")
   set(CPACK_COMPONENT_RUNTIME_DESCRIPTION
       "The host runtime: a libquilm.so for PCs that runs ONNX models with ONNX
 Runtime, which comes with it.")

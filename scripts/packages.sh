@@ -9,6 +9,9 @@ build_packages=(g++ cmake ninja-build libprotobuf-c-dev protobuf-c-compiler libo
 # What the companions in Python take.
 companion_packages=(python3 python3-numpy python3-pil python3-tqdm python3-jinja2 python3-onnx)
 
+# What running on boards of this machine takes, as the demonstration of quilmrun-boards does.
+loopback_packages=(parallel openssh-client openssh-server)
+
 # Checks and sanitizers are those of one version of clang, which Debian 12 and 13 both have.
 clang_version=19
 # Sanitizers name functions by this program, which they look for without a version only.
@@ -18,7 +21,7 @@ export ASAN_SYMBOLIZER_PATH=/usr/bin/llvm-symbolizer-$clang_version
 test_packages=(libgtest-dev libbenchmark-dev python3-onnx python3-numpy libonnx-testdata locales
                binutils chromium "clang-format-$clang_version" "clang-tidy-$clang_version"
                "clang-$clang_version" "libclang-rt-$clang_version-dev" "llvm-$clang_version"
-               mypy pylint shellcheck)
+               mypy pylint shellcheck "${loopback_packages[@]}")
 
 # What building for a board and making packages takes on top.
 board_packages=(g++-aarch64-linux-gnu libprotobuf-c-dev:arm64 dpkg-dev file)

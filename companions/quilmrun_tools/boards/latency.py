@@ -42,5 +42,6 @@ def difference_from(one: Optional[Latency], others: Optional[Latency]) -> Option
     if one is None or others is None or others.p50_ms <= 0:
         return None
     median = others.p50_ms
-    return Difference((one.p50_ms - median) / median, (one.p50_low_ms - others.p50_high_ms) / median,
+    return Difference((one.p50_ms - median) / median,
+                      (one.p50_low_ms - others.p50_high_ms) / median,
                       (one.p50_high_ms - others.p50_low_ms) / median)

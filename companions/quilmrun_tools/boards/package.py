@@ -80,7 +80,8 @@ class Package:
             self._add_text(f"new-{name}/{file}", content, 0o700)
 
     def _add_folder(self, name: str) -> None:
-        self._members.append((ustar.header(name, 0, 0o700, True), lambda: iter(()), ustar.padded(1)))
+        self._members.append((ustar.header(name, 0, 0o700, True), lambda: iter(()),
+                              ustar.padded(1)))
 
     def _add_text(self, name: str, text: bytes, mode: int = 0o600) -> None:
         filled = text.ljust(ustar.padded(len(text)), b"\0")

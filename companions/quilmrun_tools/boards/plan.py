@@ -7,9 +7,6 @@ import os
 from dataclasses import asdict, dataclass, field
 from typing import Any, Iterator
 
-from quilmrun_tools.artifacts.run_log import RunLog, name_in_files
-from quilmrun_tools.boards.tool_command import ToolCommand
-
 _PART_BYTES = 64 << 20
 _VALUE_BYTES = 23  # in both files of an output
 _PARTS_A_BOARD = 4
@@ -76,19 +73,6 @@ class Slice:
         head, *entries = text.split(b"\0")
         number, first, inferences = map(int, head.split())
         return Slice(number, first, inferences, tuple(entries))
-
-
-def shapes_of(log: RunLog, command: ToolCommand) -> list[OutputShape]:
-    """The outputs as the model's description has them."""
-    shapes: list[OutputShape] = []
-    for tensor in log.outputs:
-        name = name_in_files(tensor.name)
-        one_batch = tensor.size * log.batch_size // max(command.batch, 1)
-        rows = one_batch // tensor.stride if tensor.stride > 0 else 0
-        last = tensor.dims[-1] if tensor.dims and rows else 0
-        duplicate = sum(1 for shape in shapes if shape.name == name)
-        shapes.append(OutputShape(name, duplicate, rows, max(last, 0)))
-    return shapes
 
 
 def part_size(inferences: int, boards: int, outputs: list[OutputShape], batch: int) -> int:

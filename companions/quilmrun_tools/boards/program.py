@@ -6,12 +6,13 @@ import argparse
 import shutil
 from pathlib import Path
 
-from quilmrun_tools.artifacts.board_results import FILE_NAME, read_board_results
+from quilmrun_tools.artifacts.board_results import read_board_results
 from quilmrun_tools.boards import check, engine, merge, target
 from quilmrun_tools.boards.run import BoardRun, check_memory_report
 from quilmrun_tools.boards.settings import Settings, read_hosts
 from quilmrun_tools.boards.tool_command import ToolCommand, parse_command
 from quilmrun_tools.common.errors import Status, Unreadable
+from quilmrun_tools.common.executable import find_quilmrun
 from quilmrun_tools.common.parser import Parser
 from quilmrun_tools.common.streams import Streams
 
@@ -67,7 +68,10 @@ def _show_finished(path: str, streams: Streams) -> int:
 
 def local_tool(name: str) -> str:
     """The tool of this machine, for boards with the same processor; empty when there is none."""
-    return shutil.which(name) or ""
+    try:
+        return shutil.which(name) or find_quilmrun(None)
+    except Unreadable:
+        return ""
 
 
 def _settings(options: argparse.Namespace) -> Settings:

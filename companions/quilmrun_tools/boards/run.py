@@ -6,10 +6,8 @@ import hashlib
 import json
 import os
 import secrets
-import sys
 import time
 from concurrent.futures import ThreadPoolExecutor
-from dataclasses import replace
 from pathlib import Path
 from typing import Optional
 
@@ -19,8 +17,9 @@ from quilmrun_tools.boards import job, merge, policy
 from quilmrun_tools.boards.attempt import Attempt, Came
 from quilmrun_tools.boards.engine import run_jobs
 from quilmrun_tools.boards.input_list import check_lengths, group_by_name, read_input_list
-from quilmrun_tools.boards.plan import Plan, Slice, cut, part_size, shapes_of
+from quilmrun_tools.boards.plan import Plan, Slice, cut, part_size
 from quilmrun_tools.boards.settings import Settings
+from quilmrun_tools.boards.shapes import shapes_of
 from quilmrun_tools.boards.state import BoardState, State
 from quilmrun_tools.boards.tool_command import ToolCommand
 from quilmrun_tools.boards.tools import checksum
