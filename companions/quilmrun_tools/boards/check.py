@@ -118,7 +118,7 @@ def _find_problem(plan: Plan, board: Fitness) -> str:
 def _describe(plan: Plan, board: Fitness) -> None:
     """Starts the tool with an empty list."""
     with tempfile.TemporaryDirectory(prefix="quilmrun-boards-") as name:
-        came = Attempt(plan, board.host, Slice(0, 0, 0, ()), "part-check",
+        came = Attempt(plan, board.host, Slice(0, 0, 0, ()), f"part-0-check-0-{os.getpid()}",
                        Path(name) / "check").run(lambda _: None, lambda: False)
     clean_board(plan, board.host)
     if came.tried.outcome != "done":

@@ -86,6 +86,9 @@ class Job:
             found = policy.candidates(boards, self._plan.hosts, tries)
             if not found:
                 return None
+            if tries:
+                found = policy.proven(boards, found, self._state.failed_at(self._number)) or \
+                    ([] if self._others_work() else found)
             for index in found:
                 lock = self._state.try_board(index)
                 if lock is None:
@@ -96,6 +99,14 @@ class Job:
             time.sleep(0.2)
         return None
 
+    def _others_work(self) -> bool:
+        """Whether another job has a board, which may show that it is there."""
+        locks = [self._state.try_board(index) for index in range(len(self._plan.hosts))]
+        for lock in locks:
+            if lock is not None:
+                os.close(lock)
+        return None in locks
+
     # ---- One try ----------------------------------------------------------------------------
 
     def _try(self, one: Slice, index: int, number: int) -> bool:
@@ -103,7 +114,7 @@ class Job:
         board, host = self._state.board(index), self._plan.hosts[index]
         self._wait(float(board.in_a_row))
         self._state.tell(index, self._number, 0)
-        attempt = Attempt(self._plan, host, one, f"part-{self._number}-{number}-{os.getpid()}",
+        attempt = Attempt(self._plan, host, one, f"part-{index}-{self._number}-{number}-{os.getpid()}",
                           self._state.part(self._number) / "incoming")
         came = attempt.run(lambda at: self._state.tell(index, self._number, at), self._is_stopped)
         if came.tried.outcome == "done":
@@ -154,7 +165,7 @@ class Job:
                     came.tried.seconds, 0, sha256=came.sha256,
                     latency=latency_of(durations, source))
         state.write_receipt(part, inputs)
-        state.change_board(index, in_a_row=0, processor=came.processor, tool=came.tool,
+        state.change_board(index, in_a_row=0, done_at=time.time(), processor=came.processor, tool=came.tool,
                            library=came.library)
         if any(inference.reset for inference in came.inferences) and \
                 one.first + one.inferences < self._plan.inferences:

@@ -41,13 +41,12 @@ class Package:
     def archive(self, folder: str, have: list[str], tools: ToolSet | None) -> Iterator[bytes]:
         """The size of the archive as a line, and the archive. `folder` is the run's on the board,
         `have` what there is of it. Raises Damaged for a file that cannot be sent."""
+        self._add_folder(self._part)
         if tools:
             self.tool = f"{folder}/tool-{tools.sha256[:_ID]}/bin/quilmrun"
             self._add_tool(tools, have)
-        model = self._model()
-        if model not in have:
-            self._add_file(f"new-{model}", os.fsencode(self._command.last("m")))
-        self._add_folder(self._part)
+        if self._model() not in have:
+            self._add_file(f"{self._part}/new-{self._model()}", os.fsencode(self._command.last("m")))
         for name in ("in", "rpn", "out"):
             self._add_folder(f"{self._part}/{name}")
         for path, name in self._inputs.items():
@@ -72,12 +71,12 @@ class Package:
         name = f"tool-{tools.sha256[:_ID]}"
         if name in have:
             return
-        folders = {f"new-{name}/{'/'.join(file.split('/')[:depth])}".rstrip("/")
+        folders = {f"{self._part}/new-{name}/{'/'.join(file.split('/')[:depth])}".rstrip("/")
                    for file, _ in tools.files for depth in range(file.count("/") + 1)}
         for folder in sorted(folders):
             self._add_folder(folder)
         for file, content in tools.files:
-            self._add_text(f"new-{name}/{file}", content, 0o700)
+            self._add_text(f"{self._part}/new-{name}/{file}", content, 0o700)
 
     def _add_folder(self, name: str) -> None:
         self._members.append((ustar.header(name, 0, 0o700, True), lambda: iter(()),

@@ -98,5 +98,8 @@ def cut(entries: list[bytes], files_per_inference: int, size: int, first: int = 
 
 
 def real(path: bytes) -> bytes:
-    """A path as the tool resolves it."""
-    return os.path.realpath(path)
+    """A path as the tool resolves it; one that names nothing is only made absolute."""
+    try:
+        return os.path.realpath(path, strict=True)
+    except OSError:
+        return path if path.startswith(b"/") else os.getcwdb() + b"/" + path

@@ -25,6 +25,12 @@ def candidates(boards: Mapping[int, BoardState], hosts: Sequence[str],
     return [index for index in others if boards[index].in_a_row == best]
 
 
+def proven(boards: Mapping[int, BoardState], found: Sequence[int], failed_at: float) -> list[int]:
+    """Those that have done a part since another failed. When several boards go away at once, the
+    others are not known to be there until then."""
+    return [index for index in found if boards[index].done_at > failed_at]
+
+
 def after_failure(board: BoardState, reason: str) -> str:
     """Why a board is left out after one more failure; empty when it is not."""
     if board.in_a_row + 1 < MOST_IN_A_ROW:

@@ -134,9 +134,10 @@ finish() {
   rm -f "./$part.beat" "./$part.gone" "./$part.pid" "./$part.pipe"
 }
 
-# A part that lost its connection may take a while to end, and the accelerator is still its.
+# A part that lost its connection may take a while to end, and the accelerator is still its. $1 are
+# the parts of this board; another that shares the folder has parts of other names.
 wait_for_others() {
-  for file in part-*.pid; do
+  for file in "$1"-*.pid; do
     [ -f "$file" ] || continue
     waited=0
     while alive "$(cat "$file" 2> /dev/null)" && [ "$waited" -lt $((grace + 5)) ]; do
@@ -212,8 +213,9 @@ run_part() {
   trap finish EXIT
   echo $$ > "$part.pid"
   unpack "$bytes"
-  for item in new-*; do  # whole now
-    [ ! -e "$item" ] || mv -f "$item" "${item#new-}" 2> /dev/null || rm -rf "./$item"
+  for item in "$part"/new-*; do  # whole now
+    place=${item#"$part/new-"}
+    [ ! -e "$item" ] || [ -e "$place" ] || mv "$item" "$place"
   done
   [ -f library ] || describe_library "$(sed -n 's/^# tool //p' "$part/command")" > library
   say "fact library $(cat library)"
@@ -229,7 +231,7 @@ base=$(pwd -P)
 case $kind in
   clean)
     cd "./$name" 2> /dev/null || exit 0
-    wait_for_others
+    wait_for_others part
     cd .. && rm -rf "./$name"
     [ ! -d "$name" ] || fail "cannot remove $base/$name" ;;
   facts)
@@ -239,6 +241,6 @@ case $kind in
     mkdir "$name" 2> /dev/null
     # Of another user's folder the permissions could not be changed.
     { cd "./$name" && chmod 700 .; } 2> /dev/null || fail "cannot write to $base"
-    wait_for_others
+    wait_for_others "${part%-*-*-*}"
     run_part ;;
 esac

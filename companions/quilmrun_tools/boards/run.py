@@ -138,7 +138,7 @@ class BoardRun:
                 return None
             index = found[0]
             came = Attempt(self._plan, self._plan.hosts[index], Slice(0, 0, 0, ()),
-                           f"part-describe-{len(tries)}", self._state.root / "describe").run(
+                           f"part-{index}-describe-{len(tries)}-{os.getpid()}", self._state.root / "describe").run(
                                lambda at: None, lambda: False)
             if came.tried.outcome == "done":
                 return parse_log(os.fsdecode(came.cut.head + came.cut.count + came.cut.tail))

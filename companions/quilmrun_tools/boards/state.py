@@ -33,6 +33,7 @@ class BoardState:
     """How a board fares in a run."""
     in_a_row: int = 0  # failures since its last part
     failures: int = 0
+    done_at: float = 0.0  # when it last did a part, in seconds since 1970
     left_out: str = ""  # why it gets no more parts
     processor: str = ""
     tool: str = ""
@@ -126,6 +127,13 @@ class State:
                 (self.part(number) / "tries.json").read_bytes())]
         except FileNotFoundError:
             return []
+
+    def failed_at(self, number: int) -> float:
+        """When a part failed last, in seconds since 1970."""
+        try:
+            return (self.part(number) / "tries.json").stat().st_mtime
+        except FileNotFoundError:
+            return 0.0
 
     def add_try(self, number: int, one: Try) -> list[Try]:
         tries = [*self.tries(number), one]

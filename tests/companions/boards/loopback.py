@@ -19,14 +19,15 @@ def free_port():
 
 
 class Board:
-    """One sshd. `environment` is what its sessions find, PATH for one."""
+    """One sshd. `environment` is what its sessions find, PATH for one; `within` is a command that
+    runs another."""
 
-    def __init__(self, root, name, environment=()):
+    def __init__(self, root, name, environment=(), within=()):
         self.name = name
         self.dir = pathlib.Path(root) / name
-        self.remote = self.dir / "var tmp"
-        self.remote.mkdir(parents=True)
+        self.dir.mkdir()
         self.port = free_port()
+        self.within = within
         self._environment = " ".join(f'"{key}={value}"' for key, value in dict(environment).items())
         self.process = None
 
@@ -45,7 +46,7 @@ PidFile none
 LogLevel QUIET
 MaxStartups 100
 """ + (f"SetEnv {self._environment}\n" if self._environment else ""))
-        self.process = subprocess.Popen(["timeout", _LIFE, SSHD, "-D", "-e", "-f", config],
+        self.process = subprocess.Popen(["timeout", _LIFE, *self.within, SSHD, "-D", "-e", "-f", config],
                                         stdin=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
                                         start_new_session=True)
         for _ in range(100):
@@ -67,10 +68,6 @@ MaxStartups 100
             self.process.wait()
         self.process = None
 
-    def left(self):
-        """What is left in the folder for parts."""
-        return sorted(os.listdir(self.remote))
-
 
 def descendants(pid):
     """A process and all that it has started, as long as their parents live."""
@@ -88,18 +85,22 @@ def descendants(pid):
 
 
 class Boards:
-    """A number of them, and the configuration of ssh that knows their ports."""
+    """A number of them with one folder for their parts, and the configuration of ssh that knows
+    their ports. `environments` and `within` are by name."""
 
-    def __init__(self, root, names, environments=None):
+    def __init__(self, root, names, environments=None, within=None):
         self.root = pathlib.Path(root)
+        self.room = self.root / "var tmp"
+        self.room.mkdir(parents=True)
         keys = self.root / "keys"
-        keys.mkdir(parents=True)
+        keys.mkdir()
         for name in ("host", "user"):
             subprocess.run(["ssh-keygen", "-q", "-t", "ed25519", "-N", "", "-f", keys / name],
                            check=True)
         if os.geteuid() == 0:
             os.makedirs("/run/sshd", mode=0o755, exist_ok=True)  # for its separation of privileges
-        self.boards = {name: Board(self.root, name, (environments or {}).get(name, {}))
+        self.boards = {name: Board(self.root, name, (environments or {}).get(name, {}),
+                                   (within or {}).get(name, ()))
                        for name in names}
         self._keys = keys
         for board in self.boards.values():
