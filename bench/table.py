@@ -11,17 +11,17 @@ memory, or in the directory QUILMRUN_BENCH_DIR. A brief run only shows that ever
 import csv
 import json
 import os
-import pathlib
 import shutil
 import subprocess
 import sys
 import tempfile
 import time
+from pathlib import Path
 
 import numpy
 
-ROOT = pathlib.Path(__file__).resolve().parent.parent
-BUILD = pathlib.Path(sys.argv[1]).resolve()
+ROOT = Path(__file__).resolve().parent.parent
+BUILD = Path(sys.argv[1]).resolve()
 BRIEF = sys.argv[2:] == ["brief"]
 DIRECTORY = os.environ.setdefault(
     "QUILMRUN_BENCH_DIR", "/dev/shm" if os.access("/dev/shm", os.W_OK) else tempfile.gettempdir())
@@ -60,14 +60,14 @@ MEMORY_VALUES = 8192 if BRIEF else 8 * MIB
 COMPARED_VALUES = MIB if BRIEF else 256 * MIB
 MEMORY_GROUPS = (10, 20) if BRIEF else (10000, 50000)
 
-lines = []
+lines: list[tuple[str, float, float, str, float | None]] = []
 
 
-def add(what, floor, figure, unit, goal=None):
+def add(what: str, floor: float, figure: float, unit: str, goal: float | None = None) -> None:
     lines.append((what, floor, figure, unit, goal))
 
 
-def measure_parts():
+def measure_parts() -> dict[str, float]:
     """{benchmark: ms}"""
     repetitions, seconds = (1, 0.001) if BRIEF else (12, 0.1)
     with tempfile.NamedTemporaryFile() as report:
@@ -77,7 +77,7 @@ def measure_parts():
                         "--benchmark_enable_random_interleaving=true"],
                        check=True, stderr=subprocess.DEVNULL)
         runs = json.load(report)["benchmarks"]
-    times = {}
+    times: dict[str, float] = {}
     for run in runs:
         if run["run_type"] == "iteration":
             name = "/".join(run["run_name"].split("/")[:2])
@@ -88,8 +88,8 @@ def measure_parts():
 class Run:
     """A finished run of the tool on digits, with the record that quilmrun-record made of it."""
 
-    def __init__(self, model, inputs, settings):
-        self.out = pathlib.Path(tempfile.mkdtemp(dir=settings.parent))
+    def __init__(self, model: Path, inputs: Path, settings: Path) -> None:
+        self.out = Path(tempfile.mkdtemp(dir=settings.parent))
         self.log = self.out.with_suffix(".log")
         self.record = self.out.with_suffix(".json")
         self.calls = self.out.with_suffix(".csv")
@@ -98,7 +98,7 @@ class Run:
                             BUILD / "quilmrun", "-m", model, "-i", inputs, "-j", settings, "-o",
                             self.out], stdout=log, stderr=subprocess.DEVNULL, check=True)
 
-    def per_inference(self):
+    def per_inference(self) -> tuple[float, float]:
         """Microseconds: a whole inference, and what the runtime's calls take of it."""
         with open(self.record, encoding="utf-8") as record:
             whole = json.load(record)["otherData"]["statistics"]["inference"]
@@ -107,7 +107,7 @@ class Run:
                           if call["group"])
         return whole["mean"] * 1000, runtime / whole["count"]
 
-    def bare_per_inference(self):
+    def bare_per_inference(self) -> float:
         """Microseconds, for the same messages and files with bare system calls."""
         target = tempfile.mkdtemp(dir=self.out.parent)
         result = subprocess.run([BUILD / "bench/bare_run", self.log, self.out, target],
@@ -115,22 +115,22 @@ class Run:
         shutil.rmtree(target)
         return float(result.stdout) / 1000
 
-    def remove(self):
+    def remove(self) -> None:
         shutil.rmtree(self.out)
         for file in (self.log, self.record, self.calls):
             file.unlink()
 
 
-def write(path, content):
+def write(path: Path, content: bytes | str) -> Path:
     path.write_bytes(content if isinstance(content, bytes) else content.encode())
     return path
 
 
-def measure_digits(scratch):
+def measure_digits(scratch: Path) -> None:
     """Speed of the digits example; the shares of a group for every number of groups."""
     example = ROOT / "examples/digits"
     shutil.copytree(example / "images", scratch / "images")
-    settings = pathlib.Path(shutil.copy(example / "quilm.json", scratch))
+    settings = Path(shutil.copy(example / "quilm.json", scratch))
     names = (example / "list.txt").read_text().splitlines()
     tool_times = {}
     for groups, runs in DIGITS_RUNS:
@@ -153,34 +153,37 @@ def measure_digits(scratch):
             tool_times[most], "us", 1.1)
 
 
-def peak_bytes(folder, model, lines, description):
-    """Most memory that a run on the scripted runtime has had, by the system's account. The process
-    itself shows it at its end: later it is gone, and a parent is told what it had itself at most."""
+def peak_bytes(folder: Path, model: bytes, inputs: str, description: str) -> int:
+    """Most memory that a run on the scripted runtime has had, by the system's account.
+
+    The process shows it at its end. A parent could ask for it later, but would be told no less than
+    what it had itself when it made the process."""
     shown = folder / "status"
     settings = write(folder / "memory.cfg", description +
                      f"run quilm_finalize 1 grep VmHWM /proc/$PPID/status > '{shown}'\n")
     subprocess.run([BUILD / "quilmrun", "-m", write(folder / "model", model), "-i",
-                    write(folder / "list.txt", lines), "-j", settings, "-o",
+                    write(folder / "list.txt", inputs), "-j", settings, "-o",
                     tempfile.mkdtemp(dir=folder)],
                    env=dict(os.environ, LD_LIBRARY_PATH=str(BUILD / "scripted")),
                    stdout=subprocess.DEVNULL, check=True)
     return int(shown.read_text(encoding="ascii").split()[1]) * 1024
 
 
-def measure_memory(scratch):
+def measure_memory(scratch: Path) -> None:
     """Peaks without device memory, against the floats of the largest output + 16 MiB."""
     directory = scratch / "recordings of a whole day"
     directory.mkdir()
     write(directory / "channel.bin", bytes(32))
     line = f"{directory.name}/channel.bin\n"
 
-    def run(what, lines=line, inputs=1, output="0 64 64 1 16", floats=16, model=b"model"):
+    def run(what: str, listed: str = line, inputs: int = 1, output: str = "0 64 64 1 16",
+            floats: int = 16, model: bytes = b"model") -> None:
         description = f"output y {output}\n" + "".join(
             f"input in{i} 4 32 32 1 32\n" for i in range(inputs + 2))
         device = len(model) + int(output.split()[1]) + 32 * (inputs + 2)
         with tempfile.TemporaryDirectory(dir=scratch) as folder:
-            shutil.copytree(directory, pathlib.Path(folder) / directory.name)
-            peak = peak_bytes(pathlib.Path(folder), model, lines, description)
+            shutil.copytree(directory, Path(folder) / directory.name)
+            peak = peak_bytes(Path(folder), model, listed, description)
         add(f"peak memory, {what} | floats + 16 MiB", floats * 4 / MIB + 16, (peak - device) / MIB,
             "MiB", 1)
 
@@ -194,10 +197,11 @@ def measure_memory(scratch):
     run(f"{many:,} groups of 2 named files", f"in1:{line}in0:{line}" * many, 2)
 
 
-def measure_recorder(scratch):
+def measure_recorder(scratch: Path) -> None:
     """What the recorder adds to a call, against its goal."""
-    command = [BUILD / "bench/many_calls", write(scratch / "settings.json", "{}"),
-               "10000" if BRIEF else "1000000"]
+    command: list[str | Path] = [BUILD / "bench/many_calls",
+                                 write(scratch / "settings.json", "{}"),
+                                 "10000" if BRIEF else "1000000"]
     calls = write(scratch / "calls", "")
     subprocess.run([BUILD / "lib/quilmrun/record/convert", "prepare", calls, "", "many_calls"],
                    check=True)
@@ -209,7 +213,7 @@ def measure_recorder(scratch):
     add("a call: what quilmrun-record adds | 0.3 us", 0.3, noted - plain, "us", 1)
 
 
-def measure_comparing(scratch):
+def measure_comparing(scratch: Path) -> None:
     """quilmrun-compare on outputs of one large run, against cmp on the same files."""
     values = numpy.random.default_rng(0).standard_normal(COMPARED_VALUES, numpy.float32)
     near = values * numpy.float32(1 + 1e-6)
@@ -217,7 +221,7 @@ def measure_comparing(scratch):
         (scratch / folder / "0").mkdir(parents=True)
         content.tofile(scratch / folder / "0/y.0.1.bin")
 
-    def seconds(*command):
+    def seconds(*command: str | Path) -> float:
         times = []
         for _ in range(1 if BRIEF else 5):
             start = time.perf_counter()
@@ -232,11 +236,11 @@ def measure_comparing(scratch):
             seconds(ROOT / "companions/quilmrun-compare", "one", folder) * 1000, "ms", 3)
 
 
-def format_value(value, unit):
+def format_value(value: float, unit: str) -> str:
     return f"{value:,.3f} {unit}" if value < 10 else f"{value:,.1f} {unit}"
 
 
-def print_table():
+def print_table() -> None:
     print(f"{'what | floor':72}{'floor':>12}{'figure':>12}{'ratio':>7}{'goal':>7}")
     for what, floor, figure, unit, goal in lines:
         ratio = figure / floor
@@ -246,15 +250,15 @@ def print_table():
               f"{ratio:7.{2 if ratio >= 0.1 else 3}f}{goal_text:>7}{'  missed' if missed else ''}")
 
 
-def main():
+def main() -> None:
     times = measure_parts()
     for what, floor, figure, goal in PARTS:
         add(what, times[floor], times[figure], "ms", goal)
     with tempfile.TemporaryDirectory(prefix="quilmrun_", dir=DIRECTORY) as scratch:
-        measure_digits(pathlib.Path(scratch))
-        measure_memory(pathlib.Path(scratch))
-        measure_comparing(pathlib.Path(scratch))
-        measure_recorder(pathlib.Path(scratch))
+        measure_digits(Path(scratch))
+        measure_memory(Path(scratch))
+        measure_comparing(Path(scratch))
+        measure_recorder(Path(scratch))
     print_table()
 
 

@@ -81,5 +81,33 @@ TEST_F(CopyRowsTest, PutsEveryByteInItsPlaceWhereverTheFileEnds) {
   }
 }
 
+// The read calls that the process has made, by the system's account.
+long ReadCalls() {
+  std::ifstream account("/proc/self/io");
+  std::string word;
+  long calls = 0;
+  while (account >> word && word != "syscr:") {
+  }
+  account >> calls;
+  return calls;
+}
+
+TEST_F(CopyRowsTest, NeedsFewCalls) {
+  if (ReadCalls() == 0) {
+    GTEST_SKIP() << "the system keeps no account";
+  }
+  constexpr std::pair<RowLayout, int> kCalls[] = {{{16, 16, 5000, 80000, 1}, 1},
+                                                  {{16, 32, 5000, 160000, 1}, 5}};
+  for (const auto& [layout, most] : kCalls) {
+    std::ofstream(Path(), std::ios::binary) << Content(80000);
+    std::vector<char> memory(layout.batchSize);
+    const InputFile file(Path());
+    const long before = ReadCalls();
+    const long account = ReadCalls() - before;
+    CopyRows(file, layout, memory.data());
+    EXPECT_LE(ReadCalls() - before, 2 * account + most);
+  }
+}
+
 }  // namespace
 }  // namespace quilmrun
