@@ -52,7 +52,9 @@ def percent(share: float) -> str:
 
 
 def signed_percent(share: float) -> str:
-    """A change as a share of 1, as a percentage with its sign."""
+    """A change as a share of 1, as a percentage with its sign; as a factor when it is large."""
+    if share >= 9:
+        return f"× {significant(1 + share)}"
     return f"{'+' if share > 0 else MINUS if share < 0 else ''}{abs(100 * share):.1f} %"
 
 

@@ -55,7 +55,7 @@
   const at = points => points.map(([x, y, z]) => ({x, y: y ?? NaN, z}));
   function datasets(series) {
     if (series.kind === "band") {
-      const edge = {...filled(series, "60"), borderWidth: 1, pointRadius: 0, pointHitRadius: 6};
+      const edge = {...filled(series, "50"), borderWidth: 0, pointRadius: 0, pointHitRadius: 6};
       return [{...edge, label: "least", data: series.points.map(([x, y]) => ({x, y})), fill: "+1"},
               {...edge, label: "greatest", data: series.points.map(([x, , y]) => ({x, y}))}];
     }
