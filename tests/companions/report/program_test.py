@@ -2,17 +2,21 @@
 
 import html
 import json
+import pathlib
 import re
 import shutil
 import subprocess
+import sys
 import unittest
 
 import numpy as np
-
 from PIL import Image
 
-from companion import COMPANIONS, CompanionTest
+sys.path.append(str(pathlib.Path(__file__).parents[2]))
+
+from companion import COMPANIONS
 from models import floats
+from pages import ReportTest, record
 
 DIGITS = COMPANIONS.parent / "examples/digits"
 NAME = "Läufe & <b>co"  # of the run's folder, where it could break a page
@@ -41,27 +45,7 @@ show();
 </script></body></html>"""
 
 
-def record(executions_us, complete=True, start_us=1795388705000000):
-    """A record of executions that took so many microseconds, the first the warm-up."""
-    events, at = [{"name": "process_name", "ph": "M", "pid": 1, "args": {"name": "quilmrun"}}], 0.0
-    for group, duration in enumerate(executions_us):
-        events += [{"name": "device memory", "ph": "C", "ts": at, "pid": 1,
-                    "args": {"bytes": 1024 * (group + 1)}},
-                   {"name": f"group {group}", "cat": "phase", "ph": "X", "ts": at,
-                    "dur": duration + 60, "pid": 1, "tid": 1, "args": {"complete": True}},
-                   {"name": "quilm_mdl_execute", "cat": "execute", "ph": "X", "ts": at + 50,
-                    "dur": duration, "pid": 1, "tid": 1, "args": {"result": 0, "group": group}}]
-        at += duration + 100
-    return {"otherData": {"format": "quilmrun-record", "version": 1, "complete": complete,
-                          "command": ["quilmrun", "-m", "digits.onnx", "-i", "a <i>list"],
-                          "exit_status": 0, "start_us": start_us, "statistics": {}},
-            "traceEvents": events}
-
-
-class ReportTest(CompanionTest):
-
-    name = "quilmrun-report"
-
+class WholePages(ReportTest):
     def make_run(self, name=NAME, factor=1):
         """A folder with everything of a run on the digits; 102 executions were recorded. The
         reference differs in inference 1, by infinity in 2, and is missing for 3."""
@@ -170,9 +154,7 @@ class ReportTest(CompanionTest):
         self.run_companion("run", "reference.npy", "--json", "run/comparison.json",
                            name="quilmrun-compare")
         self.assertEqual(self.run_companion("run")[0], 1)
-        page = (self.dir / "run/report.html").read_text()
-        charts = json.loads(re.search(r'id="chart-data"[^>]*>(.*?)</script>', page, re.S)[1])
-        drawn = [[y for _, y, *_ in series["points"]] for chart in charts
+        drawn = [[y for _, y, *_ in series["points"]] for chart in self.charts("run")
                  for series in chart["series"] if len(series["points"]) == 4]
         self.assertIn([1.5, 2, 3, 4], drawn)
         self.assertIn([1, 2, 3, 4], drawn)
