@@ -211,6 +211,36 @@ def measure_recorder(scratch: Path) -> None:
                                          check=True).stdout) / 1000
                     for environment in (None, recorded))
     add("a call: what quilmrun-record adds | 0.3 us", 0.3, noted - plain, "us", 1)
+    for count in (1000, 2000) if BRIEF else (10000, 1000000):
+        measure_long_recording(scratch, count)
+
+
+def measure_long_recording(scratch, count):
+    """Memory and files of the recorder for so many inferences of a runtime that does nothing."""
+    settings = write(scratch / "nothing.cfg", "output y 4 64 64 1 64\n" + 3 * "input x 4 64 64 1 64\n")
+    command = [BUILD / "bench/many_calls", settings, str(count), "inferences"]
+    calls, record = write(scratch / "calls", ""), scratch / "long.json"
+    environment = dict(os.environ, LD_LIBRARY_PATH=str(BUILD / "scripted"))
+
+    def peak(*within):
+        return int(subprocess.run([BUILD / "bench/peak", *within, *command], env=environment,
+                                  capture_output=True, check=True).stderr) / MIB
+
+    plain = peak()
+    add(f"quilmrun-record's memory, {count:,} inferences | 8 MiB", 8,
+        peak(BUILD / "quilmrun-record", "-q", "-o", record) - plain, "MiB", 1)
+    add(f"record.json of {count:,} inferences, each | 2,000 bytes", 2000,
+        record.stat().st_size / count, "B", 1)
+    record.unlink()
+    subprocess.run([BUILD / "lib/quilmrun/record/convert", "prepare", calls, "", "many_calls"],
+                   check=True)
+    path = f"{BUILD / 'lib/quilmrun/record'}:{environment['LD_LIBRARY_PATH']}"
+    made = subprocess.run(command, env=dict(environment, LD_LIBRARY_PATH=path,
+                                            QUILMRUN_RECORD_CALLS=str(calls)),
+                          capture_output=True, check=True).stdout
+    add(f"written while {count:,} inferences run, a call | 64 bytes", 64,
+        calls.stat().st_size / int(made), "B", 1)
+    calls.unlink()
 
 
 def measure_comparing(scratch: Path) -> None:

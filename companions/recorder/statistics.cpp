@@ -45,7 +45,7 @@ class Meter : public RunSink {
       : results_(results), slowest_(slowest) {
     // The first dataset takes the outputs.
     expected_ = static_cast<long>(std::max<uint64_t>(header.datasets, 2) - 1);
-    const auto most = static_cast<long>(std::max<size_t>(bins, 1));
+    const auto most = static_cast<long>(bins);
     results_.inferencesPerBin = (expected_ + most - 1) / most;
     std::copy(std::begin(header.withoutEntry), std::end(header.withoutEntry),
               results_.functions.begin());
