@@ -46,7 +46,11 @@ install_missing() {
     dpkg --print-foreign-architectures | grep -qx "$architecture" ||
       "${as_root[@]}" dpkg --add-architecture "$architecture"
   done
-  "${as_root[@]}" apt-get -q update
-  "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive \
-    apt-get -qq install -y --no-install-recommends "${missing[@]}"
+  local said status=0
+  said=$(mktemp)
+  { "${as_root[@]}" apt-get -q update && "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive \
+    apt-get -q install -y --no-install-recommends "${missing[@]}"; } > "$said" 2>&1 || status=$?
+  [ "$status" = 0 ] || tail -n 20 "$said" >&2
+  rm -f "$said"
+  return "$status"
 }
