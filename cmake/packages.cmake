@@ -56,6 +56,7 @@ if(QUILMRUN_BOARD)
   install(FILES docs/board.txt DESTINATION share/doc/quilmrun RENAME README)
   install_legal(quilmrun quilmrun copyright.board)
   set(CPACK_GENERATOR DEB TGZ)
+  set(CPACK_DEBIAN_PACKAGE_RECOMMENDS "bash-completion")
   set(CPACK_PACKAGE_FILE_NAME quilmrun-${PROJECT_VERSION}-${CPACK_DEBIAN_PACKAGE_ARCHITECTURE})
   set(CPACK_PACKAGE_DESCRIPTION "Loads the board's own libquilm.so, which is not part of it.")
 elseif(NOT QUILMRUN_RUNTIME_LIBRARY)
@@ -90,8 +91,8 @@ and with examples.")
   set(CPACK_DEBIAN_QUILMRUN_PACKAGE_NAME quilmrun)
   set(CPACK_DEBIAN_QUILMRUN_PACKAGE_DEPENDS "python3:any")
   # Each companion names what it lacks, the tool needs none of them.
-  set(CPACK_DEBIAN_QUILMRUN_PACKAGE_RECOMMENDS "quilmrun-host-runtime, man-db, python3-numpy, \
-python3-pil, python3-jinja2, python3-tqdm, python3-onnx, parallel, openssh-client")
+  set(CPACK_DEBIAN_QUILMRUN_PACKAGE_RECOMMENDS "quilmrun-host-runtime, man-db, bash-completion, \
+python3-numpy, python3-pil, python3-jinja2, python3-tqdm, python3-onnx, parallel, openssh-client")
   set(CPACK_COMPONENT_RUNTIME_DESCRIPTION
       "The host runtime: a libquilm.so for PCs that runs ONNX models with ONNX
 Runtime, which comes with it.")

@@ -96,6 +96,13 @@ class Packages(HostRuntimeTest):
         self.assertEqual(depends(BOARD), {"libc"})
         self.check_board(self.unpack(BOARD))
 
+    def test_hardening_and_recommendations(self):
+        code = run("aarch64-linux-gnu-objdump", "-d", self.unpack(BOARD) / "bin/quilmrun")
+        self.assertIn("\tpaciasp", code)
+        self.assertIn("_chk@plt>:", code)
+        for package in (BOARD, TOOL):
+            self.assertIn("bash-completion", run("dpkg-deb", "-f", package, "Recommends"))
+
     def test_board_archive(self):
         run("tar", "-xzf", ARCHIVE, "-C", self.dir)
         self.check_board(self.dir / f"quilmrun-{VERSION}-arm64")
