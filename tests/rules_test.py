@@ -145,6 +145,8 @@ class Rules(ScriptedRuntimeTest):
                         (load, read, execute))
 
     def test_numbers_that_the_library_leaves_unfilled_are_0(self):
+        _, out = self.run_scripted("net_type 12\n" + PLAIN, "-t", "5")
+        self.assertIn("model type: 12\n", out)
         _, out = self.run_scripted("fail quilm_mdl_load_from_mem 1 0\n"
                                    "fail quilm_ext_get_mdl_net_type 2 0\n" + PLAIN, "-t", "5")
         self.assertIn("model type: 0\n[INFO]  model execute success\n", out)

@@ -345,8 +345,11 @@ class RpnData(ScriptedRuntimeTest):
             (" ".join("1" * 11), self.MULTI, "[ERROR] [multi thr]: detPara.size 11 should be 12\n"),
             ("1 2 3 4 5 6", self.SINGLE.replace("1 4", "2 3"),
              "[ERROR] only support single or multi class\n"),
-            ("1", self.SINGLE.replace("1 4", "-1 4"),
+            ("1", self.SINGLE.replace("1 4", "3000000000 3100000000"),
+             "[INFO]  input rpn data height[3000000000] * width[3100000000]\n"
              "[ERROR] only support single or multi class\n"),
+            ("1", self.SINGLE.replace("1 4", "4 700000000"),
+             "[ERROR] [multi thr]: detPara.size 1 should be 2800000000\n"),
             ("1 2 3 4", self.SINGLE.replace("1 4", "1 1 4"),
              "[ERROR] quilm_mdl_get_input_dims rpn_data error!\n"),
             ("1,2,3,4", self.SINGLE, "[ERROR] read rpn para error\n"),
