@@ -127,6 +127,11 @@ class Known(FiguresTest):
         self.assertIn("\nexecute: all others           4    0.0003    0.0009    0.0008    0.0017    0.0018"
                       "    0.0020    0.0020   1052631.6\n", said)
         self.assertIn("\n5 inferences in 0.000 s: 277608.1 a second", said)
+        # A viewer's user may look into the file: every figure and every inference has a line.
+        lines = (self.dir / "r.json").read_text().splitlines()
+        (line,) = [line for line in lines if '"group 3"' in line]
+        self.assertTrue(line.startswith('{"name":"quilm_mdl_create_dataset"'), line)
+        self.assertEqual(len(lines), 86)
         self.assertNotIn("group", json.dumps([e for e in events if e["name"] == "quilm_rt_free"]))
 
     def test_every_call(self):
@@ -186,7 +191,7 @@ class Known(FiguresTest):
 
     def test_names_that_are_no_utf_8(self):
         names = [b"\xed\xa0\x80", b"\xe0\x80\x80", b"\xf4\x90\x80\x80", b"\xc0\xaf", b"\xc3", b"\xff\xfe",
-                 "ä€𝄞".encode(), b'"\\\n\x01\x7f', b"\xe2\x82", b"\xf0\x9d\x84"]
+                 "ä€𝄞".encode(), b'"\\\n\x01\x7f', b"\xe2\x82", b"\xf0\x9d\x84", b"\xf4\x8f\xbf\xbf\xed\x9f\xbf"]
         found = self.figures(CallsFile().bytes(facts=[(b"command", name) for name in names],
                                                entries=np.zeros(0, ENTRY), flushed=0))
         self.assertEqual([os.fsencode(word) for word in found["command"]], names)
@@ -234,6 +239,14 @@ class Long(FiguresTest):
                                           "all_calls": False})
         self.assertEqual(kept, {*range(1000), *range(self.COUNT - 1000, self.COUNT),
                                 *range(0, self.COUNT, 30), *slowest[:1000].tolist()})
+
+    def test_percentiles_at_the_edge_of_a_bin(self):
+        calls = CallsFile()
+        calls.call("mdl_create_dataset", result=800)
+        calls.inference(0, [5, *10_000 * [100], *10_001 * [1000]])
+        execute = self.figures(calls.bytes())["statistics"]["execute"]
+        self.assertEqual([execute[key] for key in ("min", "p50", "p99", "max")],
+                         [0.0001, 0.001, 0.001, 0.001])
 
     def test_memory_and_size(self):
         """The converter's memory does not grow with the run, nor does the record beyond its share."""
