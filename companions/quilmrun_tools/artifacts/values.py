@@ -116,6 +116,7 @@ class Reader:
     def __init__(self, chunk: int) -> None:
         self._chunk = chunk  # elements
         self._buffer = memoryview(bytearray(chunk * 8))
+        self._numbers = np.empty(chunk)
 
     def chunks(self, values: Values) -> Iterator[Array]:
         """Arrays of the elements as they are in the file."""
@@ -133,14 +134,20 @@ class Reader:
             os.close(handle)
 
     def numbers(self, values: Values) -> Iterator[Array]:
-        """The same as the numbers that they stand for, in 64-bit floats."""
+        """The same as the numbers that they stand for, in 64-bit floats, which the next chunk
+        overwrites too."""
         for chunk in self.chunks(values):
-            yield as_numbers(chunk, values)
+            numbers = self._numbers[:len(chunk)]
+            numbers[:] = _half_floats(chunk, values) if values.type == HALF_BITS else chunk
+            yield numbers
 
     def whole(self, values: Values) -> Array:
         """All numbers at once; for outputs that are known to be small."""
-        parts = [*self.numbers(values)]
-        return np.concatenate(parts) if parts else np.empty(0)
+        whole, at = np.empty(values.count), 0
+        for numbers in self.numbers(values):
+            whole[at:at + len(numbers)] = numbers
+            at += len(numbers)
+        return whole
 
 
 def _fill(handle: int, window: memoryview, offset: int, path: Path) -> None:
@@ -152,12 +159,10 @@ def _fill(handle: int, window: memoryview, offset: int, path: Path) -> None:
         window, offset = window[count:], offset + count
 
 
-def as_numbers(chunk: Array, values: Values) -> Array:
-    """What the elements of a chunk of `values` stand for, as a new array of 64-bit floats."""
-    if values.type != HALF_BITS:
-        return chunk.astype(np.float64)
+def _half_floats(chunk: Array, values: Values) -> Array:
+    """What the bits spell that stand in a chunk as numbers."""
     with np.errstate(invalid="ignore"):
         bits = chunk.astype(np.uint16)
     if not np.array_equal(bits, chunk):
         raise Unreadable(f"{values.path} does not hold half floats: give --type NAME=float")
-    return bits.view(np.float16).astype(np.float64)
+    return bits.view(np.float16)

@@ -40,7 +40,8 @@ class Comparer:
     """Compares outputs in buffers that are used again and again."""
 
     def __init__(self, limits: Limits, plan: Plan) -> None:
-        self._limits, self._plan = limits, plan
+        self._plan = plan
+        self._accumulator = ErrorAccumulator(limits.atol or 0.0, limits.rtol or 0.0)
         self._readers = Reader(CHUNK), Reader(CHUNK)
         self.dead = DeadOutputs()
 
@@ -53,7 +54,8 @@ class Comparer:
         problem = explain_sizes(ours, theirs, self._plan.tensors.get(pair.key))
         if problem:
             return Compared(pair, ErrorStatistics(), problem)
-        accumulator = ErrorAccumulator(self._limits.atol or 0.0, self._limits.rtol or 0.0)
+        accumulator = self._accumulator
+        accumulator.begin()
         length = self._plan.scores.get(pair.key, 0)
         length = length if length and ours.count % length == 0 else 0
         self.dead.begin()
@@ -62,7 +64,7 @@ class Comparer:
             if length and len(one) % length == 0:
                 add_scores(one, other, length, accumulator.statistics)
             accumulator.compare(one, other)
-        self.dead.end(pair.key)
+        self.dead.end(pair.key, accumulator.statistics)
         return Compared(pair, accumulator.statistics)
 
     def _chunks(self, run: int, key: Key, ours: Values, theirs: Values,
@@ -70,18 +72,18 @@ class Comparer:
         """The numbers of both, in chunks of whole vectors of scores."""
         cut = self._plan.frames.get(key)
         if cut and cut.shortens(run, ours.count):
-            yield tuple(cut.kept(run, reader.whole(values))  # type: ignore[misc]
-                        for reader, values in zip(self._readers, (ours, theirs)))
+            yield (cut.kept(run, self._readers[0].whole(ours)),
+                   cut.kept(run, self._readers[1].whole(theirs)))
             return
         step = ours.count if not length else max(CHUNK // length, 1) * length
         for start in range(0, ours.count, step):
             count = min(step, ours.count - start)
-            both = [reader.numbers(values.section(start, count))
-                    for reader, values in zip(self._readers, (ours, theirs))]
+            parts = [values.section(start, count) for values in (ours, theirs)]
             if count > CHUNK and length:
-                yield np.concatenate([*both[0]]), np.concatenate([*both[1]])
+                yield self._readers[0].whole(parts[0]), self._readers[1].whole(parts[1])
             else:
-                yield from zip(*both)
+                yield from zip(*(reader.numbers(part)
+                                 for reader, part in zip(self._readers, parts)))
 
 
 def score_length(tensor: Optional[Tensor], count: int) -> int:

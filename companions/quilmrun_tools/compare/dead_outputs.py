@@ -8,9 +8,10 @@ import numpy as np
 
 from quilmrun_tools.artifacts.output_folder import Key
 from quilmrun_tools.artifacts.run_outputs import text
+from quilmrun_tools.compare.metrics import ErrorStatistics
 
 Checksum = tuple[int, float]
-_NOTHING: Checksum = (0, 0.0)
+_SAMPLE = 1000  # values of each chunk
 _FEW = 2  # from so many inferences on, it says something that all are the same
 
 
@@ -18,7 +19,7 @@ _FEW = 2  # from so many inferences on, it says something that all are the same
 class _Signs:
     """What has been true so far of one output, over all inferences."""
     runs: int = 0
-    first: Optional[Checksum] = None  # the outputs of the first inference, as checksums
+    first: Optional[Checksum] = None  # of the first inference
     first_reference: Optional[Checksum] = None
     same: bool = True
     reference_same: bool = True
@@ -41,15 +42,16 @@ class DeadOutputs:
         """Takes in a chunk of the output, and of its reference."""
         self._now.watch(values, reference)
 
-    def end(self, key: Key) -> None:
-        """The output, of this name, ends."""
+    def end(self, key: Key, found: ErrorStatistics) -> None:
+        """The output, of this name, ends, with these statistics."""
         signs, now = self._signs.setdefault(key, _Signs()), self._now
         signs.runs += 1
-        signs.first = signs.first or now.checksum
-        signs.first_reference = signs.first_reference or now.reference_checksum
-        signs.same = signs.same and signs.first == now.checksum
-        signs.reference_same = signs.reference_same and \
-            signs.first_reference == now.reference_checksum
+        values = now.checksum, float(found.energy)
+        reference = now.reference_checksum, float(found.reference_energy)
+        signs.first, signs.first_reference = signs.first or values, \
+            signs.first_reference or reference
+        signs.same = signs.same and signs.first == values
+        signs.reference_same = signs.reference_same and signs.first_reference == reference
         signs.constant = signs.constant and now.constant and now.count > 1
         signs.nan = signs.nan and now.nan
 
@@ -75,7 +77,7 @@ class _Watched:
 
     def __init__(self) -> None:
         self.count = 0
-        self.checksum, self.reference_checksum = _NOTHING, _NOTHING
+        self.checksum, self.reference_checksum = 0, 0
         self.constant = self.nan = True
         self._value = 0.0
 
@@ -84,15 +86,12 @@ class _Watched:
         if not self.count:
             self._value = float(values[0])
         self.count += len(values)
-        # Whole outputs would take as long as comparing them: some of each chunk will do.
-        self.checksum = _more(self.checksum, values)
-        self.reference_checksum = _more(self.reference_checksum, reference)
+        # Checksums of all would take as long as comparing: some of each chunk, and the sum of all
+        # squares, will do.
+        self.checksum = zlib.crc32(values[:_SAMPLE].tobytes(), self.checksum)
+        self.reference_checksum = zlib.crc32(reference[:_SAMPLE].tobytes(), self.reference_checksum)
         # Usually the last value tells already.
         self.constant = self.constant and values[-1] == self._value and \
             bool((values == self._value).all())
         self.nan = self.nan and bool(np.isnan(values[-1])) and bool(np.isnan(values).all())
 
-
-def _more(checksum: Checksum, values: "np.ndarray[Any, Any]") -> Checksum:
-    """The checksum of a thousand values of each chunk, and the sum of all."""
-    return zlib.crc32(values[:1000].tobytes(), checksum[0]), checksum[1] + float(values.sum())

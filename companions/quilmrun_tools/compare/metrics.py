@@ -12,7 +12,7 @@ import numpy as np
 
 from quilmrun_tools.artifacts.comparison import Measures
 
-CHUNK = 1 << 15  # elements: few enough for the cache, enough to outweigh NumPy's own work
+CHUNK = 1 << 14  # elements: few enough for the cache, enough to outweigh NumPy's own work
 
 Array = np.ndarray[Any, Any]
 
@@ -105,21 +105,27 @@ class ErrorAccumulator:
 
     def __init__(self, atol: float, rtol: float) -> None:
         self._atol, self._rtol = atol, rtol
+        self._difference, self._ratios = np.empty(CHUNK), np.empty(CHUNK)
+        self.statistics = ErrorStatistics()
+
+    def begin(self) -> None:
+        """Begins to add up anew."""
         self.statistics = ErrorStatistics()
 
     def compare(self, values: Array, reference: Array) -> None:
-        """Takes in 64-bit floats and their reference, which may be overwritten."""
-        with np.errstate(all="ignore"):
-            difference = values - reference
-            energies = [np.einsum("i,i->", array, array)
-                        for array in (values, reference, difference)]
-            # Whatever is not finite, or not held by 64 bits when squared, shows in these sums.
-            if all(1e-280 < energy < 1e280 for energy in energies[:2]) and \
-                    (energies[2] > 1e-280 or not difference.any()):
-                self._add_energies(*energies)
-                self._add_differences(difference, reference)
-            else:
-                self._compare_any(values, reference)
+        """Takes in 64-bit floats and their reference, which may be overwritten. NumPy warns of
+        infinities and divisions by 0, which are looked after here: its caller turns that off."""
+        if len(values) > len(self._difference):  # whole vectors of scores may be longer
+            self._difference, self._ratios = np.empty(len(values)), np.empty(len(values))
+        difference = np.subtract(values, reference, out=self._difference[:len(values)])
+        energies = [np.einsum("i,i->", array, array) for array in (values, reference, difference)]
+        # Whatever is not finite, or not held by 64 bits when squared, shows in these sums.
+        if all(1e-280 < energy < 1e280 for energy in energies[:2]) and \
+                (energies[2] > 1e-280 or not difference.any()):
+            self._add_energies(*energies)
+            self._add_differences(difference, reference)
+        else:
+            self._compare_any(values, reference)
 
     def _compare_any(self, values: Array, reference: Array) -> None:
         """Values that may be NaN, infinite, or too large or too small for their squares."""
@@ -163,7 +169,7 @@ class ErrorAccumulator:
         largest = float(difference.max())
         found.max_abs = max(found.max_abs, largest)
         found.sum_abs += float(difference.sum())
-        ratios = difference / reference
+        ratios = np.divide(difference, reference, out=self._ratios[:len(reference)])
         largest_ratio = float(ratios.max())
         if not math.isfinite(largest_ratio):  # references of 0 do not count
             largest_ratio = float(ratios.max(where=reference > 0, initial=0.0))

@@ -5,6 +5,8 @@ import math
 from pathlib import Path
 from typing import Callable, Union
 
+import numpy as np
+
 from quilmrun_tools.artifacts.comparison import (FORMAT, Comparison, LeftOut, LeftOutOfBoth,
                                                  Limits)
 from quilmrun_tools.artifacts.output_folder import Key, NoOutputs
@@ -177,8 +179,9 @@ def compare(output: RunOutputs, reference: Union[RunOutputs, ArrayOutputs],
     types = {key: output.type_of(key) for key in output.keys()}
     collector = Collector(limits, types, max(options.worst, WORST), options.all_runs)
     pairs = pairs_of(output, reference, keys, counterparts, options.common)
-    for pair in progress(streams, pairs, len(counterparts) * len(keys), "comparing", "output"):
-        collector.add(comparer.compare(pair))
+    with np.errstate(all="ignore"):  # set once, because it takes as long as a small output
+        for pair in progress(streams, pairs, len(counterparts) * len(keys), "comparing", "output"):
+            collector.add(comparer.compare(pair))
     notes = [*output.notes, *(reference.notes if isinstance(reference, RunOutputs) else []),
              *notes_of(plan.frames), *comparer.dead.notes()]
     if Path(options.output).resolve() == Path(options.reference).resolve():
