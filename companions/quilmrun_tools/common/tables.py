@@ -3,7 +3,7 @@
 from pathlib import PurePath
 from typing import Collection, Iterable, Sequence
 
-from quilmrun_tools.common.streams import Streams
+from quilmrun_tools.common.streams import Streams, one_line
 
 
 def print_table(head: Sequence[str], rows: Sequence[Sequence[str]], left: Collection[str],
@@ -18,7 +18,7 @@ def print_table(head: Sequence[str], rows: Sequence[Sequence[str]], left: Collec
 
 def printable(name: str) -> str:
     """A file name on one line."""
-    return "".join(letter if letter.isprintable() else "?" for letter in name)
+    return one_line(name)
 
 
 def labels_of(paths: Iterable[str]) -> dict[str, str]:

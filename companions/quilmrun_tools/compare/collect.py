@@ -3,7 +3,7 @@ only the worst are kept, so that memory does not grow with their number."""
 
 import heapq
 import math
-from dataclasses import asdict
+from dataclasses import asdict, dataclass, field
 from typing import Callable, Optional
 
 from quilmrun_tools.artifacts.comparison import (Comparison, LeftOutOfBoth, Limits, OutputCase,
@@ -39,21 +39,36 @@ class _Worst:
         return [compared for _, compared in sorted(self._heap, reverse=True)]
 
 
+@dataclass
+class _OutputTotals:
+    """One output over all inferences."""
+    type: str
+    found: ErrorStatistics = field(default_factory=ErrorStatistics)
+    runs: int = 0  # inferences compared
+    failed: int = 0  # of these, beyond the limits
+    problems: int = 0  # inferences that could not be compared
+
+
+@dataclass(frozen=True)
+class Circumstances:
+    """What there is to say of a comparison beside its figures."""
+    output: str  # as the user named it
+    reference: str
+    reasons: list[str]  # that make it fail, whatever the figures
+    notes: list[str]
+    left_out: LeftOutOfBoth
+
+
 class Collector:
     """All of a comparison, as it goes on."""
 
     def __init__(self, limits: Limits, types: dict[Key, str], others: int, all_runs: bool) -> None:
         """`types` are shown; `others` is how many inferences are kept that do not fail."""
         self._limits, self._types = limits, types
-        self._totals: dict[Key, ErrorStatistics] = {}
-        self._runs: dict[Key, int] = {}
-        self._failed: dict[Key, int] = {}
-        self._problems: dict[Key, int] = {}
+        self._totals: dict[Key, _OutputTotals] = {}
         self._failures = _Worst(None if all_runs else MOST_FAILURES)
         self._others = _Worst(None if all_runs else others)
-        self._count = 0
-        self._inferences = 0
-        self._last_inference: Optional[int] = None
+        self._count = 0  # of all that was taken in
         self._differences = _Differences()
 
     def passes(self, found: ErrorStatistics) -> bool:
@@ -72,52 +87,51 @@ class Collector:
         self._count += 1
         (self._others if passed else self._failures).add(
             _severity(compared, passed, self._count), compared)
+        totals = self._totals.setdefault(key, _OutputTotals(self._types.get(key, "")))
         if compared.problem:
-            self._problems[key] = self._problems.get(key, 0) + 1
+            totals.problems += 1
             return
-        self._runs[key] = self._runs.get(key, 0) + 1
-        self._failed[key] = self._failed.get(key, 0) + (not passed)
-        self._totals.setdefault(key, ErrorStatistics()).add(found)
-        self._inferences += compared.pair.run != self._last_inference
-        self._last_inference = compared.pair.run
+        totals.runs += 1
+        totals.failed += not passed
+        totals.found.add(found)
         self._differences.add(compared.pair.run, found.max_abs)
 
-    def result(self, output: str, reference: str, reasons: list[str], notes: list[str],
-               left_out: LeftOutOfBoth, sources_of: SourcesOf) -> Comparison:
-        """Everything, judged; `reasons` are further ones that make it fail."""
-        failed, missing = sum(self._failed.values()), sum(self._problems.values())
-        reasons = [*self._reasons(failed, missing), *reasons]
+    def result(self, about: Circumstances, sources_of: SourcesOf) -> Comparison:
+        """Everything, judged."""
+        compared, failed, problems = (
+            sum(getattr(totals, name) for totals in self._totals.values())
+            for name in ("runs", "failed", "problems"))
+        reasons = [*self._reasons(compared, failed, problems), *about.reasons]
         listed = [*self._failures.sorted(), *self._others.sorted()]
         return Comparison(
-            output=output, reference=reference, verdict="fail" if reasons else "pass",
-            reasons=reasons, limits=self._limits, notes=notes, left_out=left_out,
-            outputs=[self._summary(key) for key in self._totals], inferences=self._inferences,
-            compared=sum(self._runs.values()), failed=failed, not_compared=missing,
-            runs=[self._case(compared, sources_of(compared.pair.run)) for compared in listed],
-            differences=self._differences.points())
+            output=about.output, reference=about.reference, verdict="fail" if reasons else "pass",
+            reasons=reasons, limits=self._limits, notes=about.notes, left_out=about.left_out,
+            outputs=[self._summary(key, totals) for key, totals in self._totals.items()
+                     if totals.runs],
+            inferences=self._differences.inferences, compared=compared, failed=failed,
+            not_compared=problems, differences=self._differences.points(),
+            runs=[self._case(one, sources_of(one.pair.run)) for one in listed])
 
-    def _reasons(self, failed: int, missing: int) -> list[str]:
+    def _reasons(self, compared: int, failed: int, problems: int) -> list[str]:
         reasons = []
         if failed:
-            reasons.append(f"{failed} of {sum(self._runs.values())} outputs beyond the limits")
-        if missing:
-            reasons.append(f"{missing} could not be compared")
-        if not self._runs and not missing:
+            reasons.append(f"{failed} of {compared} outputs beyond the limits")
+        if problems:
+            reasons.append(f"{problems} could not be compared")
+        if not compared and not problems:
             reasons.append("nothing was compared")
-        return reasons + [f"{text(key)}: top-1 agreement {found.top1:.1%}"
-                          for key, found in self._totals.items() if self._low_top1(found)]
+        return reasons + [f"{text(key)}: top-1 agreement {totals.found.top1:.1%}"
+                          for key, totals in self._totals.items() if self._low_top1(totals.found)]
 
     def _low_top1(self, found: ErrorStatistics) -> bool:
         return self._limits.top1 is not None and found.top1 is not None and \
             found.top1 < self._limits.top1
 
-    def _summary(self, key: Key) -> OutputSummary:
-        found = self._totals[key]
-        passed = not self._failed[key] and not self._problems.get(key) and \
-            not self._low_top1(found)
-        return OutputSummary(**asdict(found.measures()), name=key[0], duplicate=key[1],
-                             type=self._types[key], runs=self._runs[key],
-                             failed=self._failed[key], passed=passed)
+    def _summary(self, key: Key, totals: _OutputTotals) -> OutputSummary:
+        passed = not totals.failed and not totals.problems and not self._low_top1(totals.found)
+        return OutputSummary(**asdict(totals.found.measures()), name=key[0], duplicate=key[1],
+                             type=totals.type, runs=totals.runs, failed=totals.failed,
+                             passed=passed)
 
     def _case(self, compared: Compared, sources: list[str]) -> OutputCase:
         pair = compared.pair
@@ -142,11 +156,13 @@ class _Differences:
         self._neighbours = 1
         self._in_last = 0
         self._last_run: Optional[int] = None
+        self.inferences = 0
 
     def add(self, run: int, difference: float) -> None:
         """Takes in an output of an inference."""
         if run != self._last_run:
             self._last_run, self._in_last = run, self._in_last + 1
+            self.inferences += 1
             if self._in_last > self._neighbours or not self._points:
                 self._in_last = 1
                 self._points.append((run, 0.0))

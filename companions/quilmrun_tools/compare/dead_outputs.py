@@ -94,4 +94,3 @@ class _Watched:
         self.constant = self.constant and values[-1] == self._value and \
             bool((values == self._value).all())
         self.nan = self.nan and bool(np.isnan(values[-1])) and bool(np.isnan(values).all())
-

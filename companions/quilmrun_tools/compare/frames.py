@@ -41,16 +41,15 @@ def find_cuts(output: RunOutputs, axis: Optional[int]) -> dict[Key, FrameCut]:
     if not output.log or len(output.log.data_inputs) < 2:  # a recurrent model has two at least
         return {}
     first = output.log.data_inputs[0]
-    frames = {run: count for run in output.runs
-              if (count := _frames_of(output, first, run)) is not None}
+    frames = {run: count for run in output.runs if (count := _frames_of(output, first, run))}
     if not frames:
         return {}
     cuts = {}
     for key in output.keys():
         tensor = output.tensor(key)
-        at = _axis_of(tensor, first.dims[0], axis, key) if tensor else None
-        if tensor and at is not None:
-            cuts[key] = FrameCut(tensor.dims, at, frames)
+        found = _axis_of(tensor, first.dims[0], axis, key) if tensor else None
+        if tensor and found is not None:
+            cuts[key] = FrameCut(tensor.dims, found, frames)
     return cuts
 
 
@@ -67,15 +66,15 @@ def _axis_of(tensor: Tensor, most: int, axis: Optional[int], key: Key) -> Option
     return fitting[0] if fitting else None
 
 
-def _frames_of(output: RunOutputs, first: Tensor, run: int) -> Optional[int]:
-    """How many frames an inference was given; None where it was all, or nothing tells. Only a
+def _frames_of(output: RunOutputs, first: Tensor, run: int) -> int:
+    """How many frames an inference was given; 0 where it was all, or nothing tells. Only a
     recurrent model runs on a file that is smaller than its first input."""
     size = _bytes_of(output, first, run)
     if size is None or first.type_code not in ELEMENT_TYPES or not first.dims:
-        return None
+        return 0
     frame = ELEMENT_TYPES[first.type_code].dtype.itemsize * math.prod(first.dims[1:])
     if frame <= 0 or size % frame or not 0 < size // frame < first.dims[0]:
-        return None
+        return 0
     return size // frame
 
 
@@ -92,8 +91,8 @@ def _bytes_of(output: RunOutputs, first: Tensor, run: int) -> Optional[int]:
 
 def notes_of(cuts: dict[Key, FrameCut]) -> list[str]:
     """A line for every output that is cut."""
-    return [f"{text(key)}: only the {_said(cut)} that the inputs had are compared; what lies beyond "
-            "is undefined" for key, cut in cuts.items()]
+    return [f"{text(key)}: only the {_said(cut)} that the inputs had are compared; what lies "
+            "beyond is undefined" for key, cut in cuts.items()]
 
 
 def _said(cut: FrameCut) -> str:

@@ -18,7 +18,7 @@ Array = np.ndarray[Any, Any]
 
 
 @dataclass
-class ErrorStatistics:
+class ErrorStatistics:  # pylint: disable=too-many-instance-attributes  # one for each measure
     """Measures of one comparison or of several; differences are output - reference.
 
     A pair of NaN, or of the same infinity, is equal; with a NaN or an infinity on one side only,
@@ -156,7 +156,7 @@ class ErrorAccumulator:
 
     def _add_differences(self, difference: Array, reference: Array) -> None:
         """Takes in finite values; both arrays are overwritten."""
-        if not len(difference):
+        if difference.size == 0:
             return
         found = self.statistics
         found.elements += len(difference)
@@ -186,12 +186,12 @@ def add_scores(values: Array, reference: Array, length: int, found: ErrorStatist
     tell its classes apart agrees with nothing. Among the five best is one that at most four
     others reach."""
     values, reference = values.reshape(-1, length), reference.reshape(-1, length)
-    best = values == values.max(axis=1, keepdims=True)  # no place of a row with NaN
-    wanted = reference == reference.max(axis=1, keepdims=True)
+    best = values == np.max(values, axis=1, keepdims=True)  # no place of a row with NaN
+    wanted = reference == np.max(reference, axis=1, keepdims=True)
     known = best.any(axis=1) & wanted.any(axis=1)
     single = (np.count_nonzero(best, axis=1) == 1) & (best & wanted).any(axis=1)
     agrees = known & (single | (best == wanted).all(axis=1))
-    reached = np.where(wanted, values, -np.inf).max(axis=1, keepdims=True)
+    reached = np.max(np.where(wanted, values, -np.inf), axis=1, keepdims=True)
     among = known & (np.count_nonzero(values >= reached, axis=1) <= 5)
     found.score_rows += len(values)
     found.top1_rows += int(np.count_nonzero(agrees))

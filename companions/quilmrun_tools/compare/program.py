@@ -17,7 +17,7 @@ from quilmrun_tools.common.json_files import check_json, write_json
 from quilmrun_tools.common.parser import Parser
 from quilmrun_tools.common.progress import progress
 from quilmrun_tools.common.streams import Streams
-from quilmrun_tools.compare.collect import MOST_FAILURES, Collector
+from quilmrun_tools.compare.collect import MOST_FAILURES, Circumstances, Collector
 from quilmrun_tools.compare.comparer import Comparer, Plan, score_length
 from quilmrun_tools.compare.frames import find_cuts, notes_of
 from quilmrun_tools.compare.same_inputs import find_difference, pair_by_input
@@ -174,29 +174,35 @@ def compare(output: RunOutputs, reference: Union[RunOutputs, ArrayOutputs],
         same_numbers(output, reference)
     plan = Plan({key: output.tensor(key) or reference.tensor(key) for key in output.keys()},
                 _scores(options, output, reference), find_cuts(output, options.frames_axis))
-    limits = _limits(options)
-    comparer = Comparer(limits, plan)
-    types = {key: output.type_of(key) for key in output.keys()}
-    collector = Collector(limits, types, max(options.worst, WORST), options.all_runs)
+    comparer = Comparer(_limits(options), plan)
+    collector = Collector(_limits(options), {key: output.type_of(key) for key in output.keys()},
+                          max(options.worst, WORST), options.all_runs)
     pairs = pairs_of(output, reference, keys, counterparts, options.common)
     with np.errstate(all="ignore"):  # set once, because it takes as long as a small output
         for pair in progress(streams, pairs, len(counterparts) * len(keys), "comparing", "output"):
             collector.add(comparer.compare(pair))
-    notes = [*output.notes, *(reference.notes if isinstance(reference, RunOutputs) else []),
-             *notes_of(plan.frames), *comparer.dead.notes()]
-    if Path(options.output).resolve() == Path(options.reference).resolve():
-        notes.append("both are the same directory")
-    reasons = _missing(output) + _missing(reference)
-    different = find_difference(output.inputs, reference.inputs, counterparts)
-    if different and not options.inputs_differ:
-        reasons.append(str(different))
-    inputs = output.inputs or reference.inputs
+    different = None if options.inputs_differ else \
+        find_difference(output.inputs, reference.inputs, counterparts)
+    about = Circumstances(
+        output.path, reference.path,
+        [*_missing(output), *_missing(reference), *([str(different)] if different else [])],
+        [*output.notes, *(reference.notes if isinstance(reference, RunOutputs) else []),
+         *notes_of(plan.frames), *comparer.dead.notes(), *_same_directory(options)],
+        LeftOutOfBoth(_left_out(output), _left_out(reference)))
+    return collector.result(about, lambda run: _sources(output, reference, run,
+                                                        counterparts.get(run, run)))
 
-    def sources_of(run: int) -> list[str]:
-        number = run if output.inputs else counterparts.get(run, run)
-        return [source.path for source in inputs.sources_of(number)] if inputs else []
-    return collector.result(output.path, reference.path, reasons, notes,
-                            LeftOutOfBoth(_left_out(output), _left_out(reference)), sources_of)
+
+def _same_directory(options: argparse.Namespace) -> list[str]:
+    same = Path(options.output).resolve() == Path(options.reference).resolve()
+    return ["both are the same directory"] if same else []
+
+
+def _sources(output: RunOutputs, reference: Reference, run: int, other: int) -> list[str]:
+    """The pictures of an inference that is `other` in the reference."""
+    found = output.inputs.sources_of(run) if output.inputs else \
+        reference.inputs.sources_of(other) if reference.inputs else []
+    return [source.path for source in found]
 
 
 def _missing(side: Union[RunOutputs, ArrayOutputs]) -> list[str]:

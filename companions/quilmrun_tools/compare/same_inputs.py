@@ -101,8 +101,8 @@ def pair_by_input(output: RunOutputs, reference: Reference) -> dict[int, int]:
 def _identity(manifest: Manifest, run: int, shared: list[str], same_types: bool) -> tuple[str, ...]:
     """The checksums of an inference's inputs."""
     files = {file.input: file for file in manifest.files_of(run)}
-    sums = [[files[name].sha256] if same_types else [source.sha256 for source in files[name].sources]
-            for name in shared if name in files]
+    sums = [[files[name].sha256] if same_types else
+            [source.sha256 for source in files[name].sources] for name in shared if name in files]
     if len(sums) < len(shared) or any(_NO_CHECKSUM in one for one in sums):
         raise Unreadable(f"--by-input: {manifest.path} has no checksums of inference {run}")
     return tuple(one for each in sums for one in each)

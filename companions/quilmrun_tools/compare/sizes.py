@@ -18,19 +18,26 @@ def explain_sizes(values: Values, reference: Values, tensor: Optional[Tensor]) -
         return ""
     said = f"holds {values.count} values instead of {reference.count}"
     row = _row_of(tensor)
-    if row and reference.count * row[1] == values.count * row[0]:
-        return f"{said}: the output has its row padding, the reference not"
-    if row and values.count * row[1] == reference.count * row[0]:
-        return f"{said}: the reference has its row padding, the output not"
+    for counts, padded in (((values.count, reference.count), "the output has its row padding, the "
+                            "reference not"),
+                           ((reference.count, values.count), "the reference has its row padding, "
+                            "the output not")):
+        if row and counts[1] * row[1] == counts[0] * row[0]:
+            return f"{said}: {padded}"
+    return f"{said}: {_multiple(values, reference)}"
+
+
+def _multiple(values: Values, reference: Values) -> str:
+    """How many times one side is as large as the other."""
     large, small = max(values.count, reference.count), min(values.count, reference.count)
     if large % small:
-        return f"{said}: outputs of different models or layouts"
+        return "outputs of different models or layouts"
     side = "" if values.count > reference.count else "the reference "
     times = large // small
     if times in (2, 4):
-        return (f"{said}: {side}holds {times} times as many bytes, as with another batch size (-b) "
-                "or values of a type written byte by byte")
-    return f"{said}: {side}holds {times} times as many, as with another batch size (-b)"
+        return (f"{side}holds {times} times as many bytes, as with another batch size (-b) or "
+                "values of a type written byte by byte")
+    return f"{side}holds {times} times as many, as with another batch size (-b)"
 
 
 def _row_of(tensor: Optional[Tensor]) -> Optional[tuple[int, int]]:

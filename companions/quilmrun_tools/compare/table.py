@@ -1,14 +1,15 @@
 """A comparison as text for people."""
 
-from pathlib import PurePath
 from typing import Iterable
 
 from quilmrun_tools.artifacts.comparison import Comparison, Measures
 from quilmrun_tools.artifacts.run_outputs import text
 from quilmrun_tools.common.streams import Streams, one_line
+from quilmrun_tools.common.tables import labels_of, print_table
 
 _COLUMNS = ("elements", "max abs", "mean abs", "max rel", "cosine", "SNR dB", "differ", "top-1",
             "top-5", "NaN", "inf")
+_WORDS = ("output", "type", "run", "from")  # the other columns
 
 
 def _cells(one: Measures) -> list[str]:
@@ -18,38 +19,13 @@ def _cells(one: Measures) -> list[str]:
             *("/".join(map(str, counts)) if any(counts) else "0" for counts in (one.nan, one.inf))]
 
 
-def _print_table(head: list[str], rows: list[list[str]], streams: Streams) -> None:
-    """Columns as wide as their longest cell, measures flush right."""
-    widths = [max(len(row[at]) for row in [head, *rows]) for at in range(len(head))]
-    for row in [head, *rows]:
-        streams.say("  ".join(cell.rjust(width) if title in _COLUMNS else cell.ljust(width)
-                              for cell, title, width in zip(row, head, widths)).rstrip())
-
-
-def labels_of(paths: Iterable[str]) -> dict[str, str]:
-    """Each path's file name, with as many of the folders above as tell it from the others."""
-    parts = {path: PurePath(path).parts for path in paths}
-    waiting, labels, depth = set(parts), {}, 1
-    while waiting:
-        owners: dict[str, list[str]] = {}
-        for path in waiting:
-            owners.setdefault("/".join(parts[path][-depth:]), []).append(path)
-        for label, same in owners.items():
-            for path in same:
-                if len(same) == 1 or depth >= len(parts[path]):
-                    labels[path] = label
-                    waiting.discard(path)
-        depth += 1
-    return labels
-
-
 def print_comparison(comparison: Comparison, worst: int, all_sources: Iterable[str],
                      streams: Streams) -> None:
     """Outputs, the worst inferences, notes and the verdict. Names of sources are as long as tells
     them apart among `all_sources`."""
-    _print_table(["output", "type", *_COLUMNS],
-                 [[text((one.name, one.duplicate)), one.type, *_cells(one)]
-                  for one in comparison.outputs], streams)
+    print_table(["output", "type", *_COLUMNS],
+                [[text((one.name, one.duplicate)), one.type, *_cells(one)]
+                 for one in comparison.outputs], _WORDS, streams)
     labels = labels_of({*all_sources, *(path for case in comparison.runs for path in case.sources)})
     said = {id(case): one_line(", ".join(labels[path] for path in case.sources))
             for case in comparison.runs}
@@ -57,9 +33,9 @@ def print_comparison(comparison: Comparison, worst: int, all_sources: Iterable[s
     listed = [case for case in comparison.runs if not case.problem and case.max_abs > 0]
     if listed[:worst]:
         streams.say("\nworst runs:")
-        _print_table(["run", "output", *_COLUMNS, "from"],
-                     [[str(case.index), text((case.output, case.duplicate)), *_cells(case),
-                       said[id(case)]] for case in listed[:worst]], streams)
+        print_table(["run", "output", *_COLUMNS, "from"],
+                    [[str(case.index), text((case.output, case.duplicate)), *_cells(case),
+                      said[id(case)]] for case in listed[:worst]], _WORDS, streams)
     if problems:
         streams.say()
     for case in problems[:max(worst, 1)]:

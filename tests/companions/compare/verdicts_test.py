@@ -14,7 +14,8 @@ sys.path.append(str(pathlib.Path(__file__).parents[2]))
 from companion import log_text
 from outputs import CompareTest
 
-from quilmrun_tools.compare import collect, table
+from quilmrun_tools.common import tables
+from quilmrun_tools.compare import collect
 
 
 class Verdicts(CompareTest):
@@ -119,7 +120,7 @@ class Parts(unittest.TestCase):
 
     def test_labels(self):
         """As much of a path as tells it from the others."""
-        self.assertEqual(table.labels_of(["/a/b/1.png", "/a/c/1.png", "/d/b/1.png", "/a/2.png", "x"]),
+        self.assertEqual(tables.labels_of(["/a/b/1.png", "/a/c/1.png", "/d/b/1.png", "/a/2.png", "x"]),
                          {"/a/b/1.png": "a/b/1.png", "/a/c/1.png": "c/1.png",
                           "/d/b/1.png": "d/b/1.png", "/a/2.png": "2.png", "x": "x"})
 
