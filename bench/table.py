@@ -20,6 +20,8 @@ from pathlib import Path
 
 import numpy
 
+import preparing
+
 ROOT = Path(__file__).resolve().parent.parent
 BUILD = Path(sys.argv[1]).resolve()
 BRIEF = sys.argv[2:] == ["brief"]
@@ -289,6 +291,7 @@ def main() -> None:
         measure_memory(Path(scratch))
         measure_comparing(Path(scratch))
         measure_recorder(Path(scratch))
+        preparing.measure(Path(scratch), add, BRIEF)
     print_table()
 
 

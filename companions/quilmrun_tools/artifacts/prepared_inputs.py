@@ -1,21 +1,21 @@
 """inputs.json, in which quilmrun-inputs says what every input file was made of."""
 
 import functools
-import sys
+import json
 from dataclasses import dataclass, field
 from pathlib import Path
 from typing import Optional
 
 from quilmrun_tools.artifacts.run_log import Tensor
-from quilmrun_tools.common.decoding import json_name, not_in_json
-from quilmrun_tools.common.json_files import Format, headed, read_json, write_json
+from quilmrun_tools.common.decoding import encode, json_name, not_in_json
+from quilmrun_tools.common.json_files import Format, headed, read_json
 
 FORMAT = "quilmrun-inputs"
 FILE_NAME = "inputs.json"
 FORM = Format(FORMAT, 2, "prepare the inputs again with quilmrun-inputs")
 
 
-@dataclass(frozen=True)
+@dataclass(frozen=True, slots=True)
 class Source:
     """A picture or an array. Version 1 of the file has no `scale` and `offset`."""
     path: str  # absolute; "random" for random values
@@ -32,7 +32,7 @@ class Source:
         return Path(self.path).name
 
 
-@dataclass(frozen=True)
+@dataclass(frozen=True, slots=True)
 class PreparedFile:
     """An input file of one inference."""
     inference: int
@@ -102,6 +102,27 @@ def read_manifest(path: str) -> Manifest:
     return manifest
 
 
-def write_manifest(folder: Path, manifest: Manifest) -> None:
-    """Writes the inputs.json of a folder."""
-    write_json(str(folder / FILE_NAME), manifest.to_dict(), sys.stdout)
+class ManifestWriter:
+    """Writes the inputs.json of a new folder file by file, so that memory does not grow with their
+    number. A context; the file is whole when it is left."""
+
+    def __init__(self, folder: Path, head: Manifest) -> None:
+        """`head` is all but the files."""
+        text = json.dumps(head.to_dict(), indent=1)
+        end = text.rindex("]")
+        self._before, self._after = "\n  ", "\n " + text[end:] + "\n"
+        # It is closed by __exit__().  # pylint: disable-next=consider-using-with
+        self._file = open(folder / FILE_NAME, "x", encoding="ascii")
+        self._file.write(text[:end])
+
+    def __enter__(self) -> "ManifestWriter":
+        return self
+
+    def __exit__(self, *_: object) -> None:
+        with self._file:
+            self._file.write(self._after)
+
+    def add(self, file: PreparedFile) -> None:
+        """Adds an input file; those of an inference follow each other."""
+        self._file.write(self._before + json.dumps(encode(file)))
+        self._before = ",\n  "

@@ -25,6 +25,7 @@ SUFFIXES = (".png", ".jpg", ".jpeg", ".bmp", ".tif", ".tiff")
 _FORMATS = tuple(str(plugin.format) for plugin in (
     BmpImagePlugin.BmpImageFile, JpegImagePlugin.JpegImageFile, PngImagePlugin.PngImageFile,
     TiffImagePlugin.TiffImageFile))
+_ORIENTATION = 0x0112  # of the EXIF data
 _BYTES_OF_PIXEL = 4  # while a picture is converted; more for those of 16 bits
 
 Image.MAX_IMAGE_PIXELS = None  # open_picture() has a limit of its own
@@ -96,7 +97,9 @@ class Preparation:
 
     def sized(self, picture: Picture) -> tuple[Array, Geometry]:
         """Height x width x channels of bytes as Pillow orders them, and where the picture lies."""
-        image = _eight_bits(picture.image).convert(self._mode)
+        image = _eight_bits(picture.image)
+        if image.mode != self._mode:
+            image = image.convert(self._mode)
         sized, geometry = self._resizing.apply(image, self._fill)
         scale = (geometry.scale[0] * image.width / picture.width,
                  geometry.scale[1] * image.height / picture.height)
@@ -189,6 +192,8 @@ def _upright(image: Image.Image) -> Image.Image:
     if image.format == "TIFF":  # Pillow turned it when it was decoded
         return image
     try:
+        if image.getexif().get(_ORIENTATION, 1) == 1:
+            return image  # instead of a copy
         return ImageOps.exif_transpose(image)
     except Exception:  # as with the decoders  # pylint: disable=W0718
         return image

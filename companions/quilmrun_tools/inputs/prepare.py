@@ -8,12 +8,12 @@ import hashlib
 import re
 from dataclasses import dataclass, field, replace
 from pathlib import Path
-from typing import Optional
+from typing import Optional, TextIO
 
 from PIL import Image
 
 from quilmrun_tools.artifacts import element_types
-from quilmrun_tools.artifacts.prepared_inputs import PreparedFile
+from quilmrun_tools.artifacts.prepared_inputs import Manifest, ManifestWriter, PreparedFile
 from quilmrun_tools.artifacts.run_log import Tensor
 from quilmrun_tools.common.errors import Unreadable
 from quilmrun_tools.common.parallel_map import ahead
@@ -55,8 +55,6 @@ class Column:
 @dataclass
 class Result:
     """What was written."""
-    files: list[PreparedFile] = field(default_factory=list)
-    lines: list[str] = field(default_factory=list)  # of the list
     skipped: list[str] = field(default_factory=list)  # why, one for each unreadable source
     inferences: int = 0
     last_batch: int = 0  # rows in the last inference
@@ -85,14 +83,19 @@ def check(columns: list[Column], batch: int) -> int:
     return rows
 
 
-def write(columns: list[Column], batch: int, folder: Path, streams: Streams) -> Result:
-    """Writes all files and the list to `folder`; unreadable sources are in the result, and the
-    rows that they belong to left out."""
-    rows = check(columns, batch)
-    # The tool reads names only when no input takes RPN data and no name holds a colon.
-    named = len(columns) > 1 and all(
-        column.tensor.name and not re.search("[:\n]", column.tensor.name) for column in columns)
-    writer = _Writer(columns, folder, named, len(str(max(rows - 1, 99999))))
+def write(columns: list[Column], head: Manifest, folder: Path, streams: Streams) -> Result:
+    """Writes all files, the list and inputs.json, which begins with `head`, to `folder`. Unreadable
+    sources are in the result, and the rows that they belong to left out."""
+    rows = check(columns, head.batch)
+    with ManifestWriter(folder, head) as manifest, \
+            open(folder / head.list_file, "w", encoding="utf-8", errors="surrogateescape") as names:
+        writer = _Writer(columns, folder, manifest, names)
+        _write_rows(columns, rows, head.batch, writer, streams)
+    return writer.result
+
+
+def _write_rows(columns: list[Column], rows: int, batch: int, writer: "_Writer", streams: Streams
+                ) -> None:
     result = writer.result
     waiting: list[list[list[Loaded]]] = []
     loaded = ahead(lambda row: _load(columns, row), range(rows))
@@ -108,9 +111,6 @@ def write(columns: list[Column], batch: int, folder: Path, streams: Streams) -> 
             waiting = []
     if waiting:
         writer.write(waiting)
-    (folder / LIST_NAME).write_text("".join(line + "\n" for line in result.lines), "utf-8",
-                                    "surrogateescape")
-    return result
 
 
 @dataclass
@@ -134,12 +134,17 @@ def _load(columns: list[Column], row: int) -> list[list[Loaded]] | _Unreadable:
 class _Writer:
     """Writes the files of one inference after the other."""
 
-    def __init__(self, columns: list[Column], folder: Path, named: bool, digits: int) -> None:
+    def __init__(self, columns: list[Column], folder: Path, manifest: ManifestWriter,
+                 names: TextIO) -> None:
         self.result = Result()
         self._columns = columns
         self._folder = folder
-        self._named = named
-        self._digits = digits
+        self._manifest, self._names = manifest, names
+        # The tool reads names only when no input takes RPN data and no name holds a colon.
+        self._named = len(columns) > 1 and all(
+            column.tensor.name and not re.search("[:\n]", column.tensor.name)
+            for column in columns)
+        self._digits = len(str(max(*(column.rows - 1 for column in columns), 99999)))
         self._shared: dict[tuple[int, int], PreparedFile] = {}  # of inputs that never change
 
     def write(self, rows: list[list[list[Loaded]]]) -> None:
@@ -155,8 +160,8 @@ class _Writer:
                 if column.rows == 1:
                     self._shared[index, len(rows)] = file
                 self._count(column.tensor.name, loaded)
-            self.result.files.append(replace(file, inference=inference))
-            self.result.lines.append(self._named * f"{column.tensor.name}:" + file.file)
+            self._manifest.add(replace(file, inference=inference))
+            self._names.write(self._named * f"{column.tensor.name}:" + file.file + "\n")
         self.result.inferences += 1
         self.result.last_batch = len(rows)
 

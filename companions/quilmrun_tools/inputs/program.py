@@ -32,12 +32,11 @@ def main(arguments: list[str], streams: Streams) -> int:
     inputs = _inputs(log, options.without)
     columns = _columns(inputs, options, streams)
     prepare.check(columns, options.batch)
+    head = _description(log, inputs, columns, options, [streams.program, *arguments])
     with TargetFolder(options.output) as folder:
-        result = prepare.write(columns, options.batch, folder.waiting, streams)
+        result = prepare.write(columns, head, folder.waiting, streams)
         _report_skipped(result, options.skip_unreadable, streams)
-        description = _description(log, inputs, columns, options, result,
-                                   [streams.program, *arguments])
-        folder.commit(description)
+        folder.commit()
     if result.shown:
         sheet = preview.contact_sheet(result.shown, f"{len(result.shown)} of "
                                       f"{result.inferences} inferences; {summary.says(columns)}")
@@ -45,7 +44,8 @@ def main(arguments: list[str], streams: Streams) -> int:
     elif options.preview:
         streams.warn("nothing to show in a preview: give --color for raw data")
     if options.json:
-        write_json(options.json, {**description.to_dict(), "skipped": result.skipped,
+        manifest = prepared_inputs.read_manifest(options.output)
+        write_json(options.json, {**manifest.to_dict(), "skipped": result.skipped,
                                   "out_of_range": result.out_of_range}, streams.out)
     if options.json != "-":
         summary.print_summary(columns, options, log, result, streams)
@@ -129,8 +129,8 @@ def _report_skipped(result: prepare.Result, may_skip: bool, streams: Streams) ->
 
 
 def _description(log: RunLog, inputs: list[Tensor], columns: list[prepare.Column],
-                 options: argparse.Namespace, result: prepare.Result, command: list[str]
-                 ) -> prepared_inputs.Manifest:
+                 options: argparse.Namespace, command: list[str]) -> prepared_inputs.Manifest:
+    """All of inputs.json but the files."""
     now = datetime.datetime.now(datetime.timezone.utc)
     shapes = {column.tensor.name: prepared_inputs.PictureShape(
         shape.width, shape.height, shape.color, shape.layout)
@@ -140,4 +140,4 @@ def _description(log: RunLog, inputs: list[Tensor], columns: list[prepare.Column
         now.strftime("%Y-%m-%dT%H:%M:%SZ"), command, vars(options),
         prepared_inputs.PreparedModel(
             options.model or log.model_path, tuple(inputs), shapes),
-        prepare.LIST_NAME, options.batch, result.files)
+        prepare.LIST_NAME, options.batch)

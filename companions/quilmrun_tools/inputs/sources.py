@@ -42,7 +42,7 @@ class Item(Protocol):
         """Raises Unreadable when there is no such thing in the source."""
 
 
-@dataclass(frozen=True)
+@dataclass(frozen=True, slots=True)
 class PictureItem:
     """A file with one picture."""
     path: Path

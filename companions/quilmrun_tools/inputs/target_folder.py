@@ -129,10 +129,8 @@ class TargetFolder:
                 shutil.rmtree(path, ignore_errors=True)
                 os.close(lock)
 
-    def commit(self, description: prepared_inputs.Manifest) -> None:
-        """Puts what waits, with the description of it, in the place of what an earlier time
-        made."""
-        prepared_inputs.write_manifest(self.waiting, description)
+    def commit(self) -> None:
+        """Puts what waits in the place of what an earlier time made."""
         if not os.path.lexists(self._real) or not os.listdir(self._real):
             self._move()
             return

@@ -25,7 +25,8 @@ def killed_before(point):
             return function(*arguments, **options)
         return call
     for module, names in ((os, ("rename", "unlink", "rmdir", "mkdir", "open")),
-                          (target_folder, ("exchange",)), (prepared_inputs, ("write_manifest",))):
+                          (target_folder, ("exchange",)),
+                          (prepared_inputs.ManifestWriter, ("add", "__exit__"))):
         for name in names:
             setattr(module, name, counted(getattr(module, name)))
 
