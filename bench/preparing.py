@@ -35,7 +35,8 @@ def make_pictures(folder: Path, count: int) -> None:
         with Image.open(photographs[at % len(photographs)]) as image:
             noise = numpy.random.default_rng(at).integers(-8, 9, (375, 500, 3))
             pixels = numpy.asarray(image.convert("RGB").resize((500, 375))) + noise
-        Image.fromarray(numpy.clip(pixels, 0, 255).astype(numpy.uint8)).save(folder / f"{at:05}.jpg")
+        made = Image.fromarray(numpy.clip(pixels, 0, 255).astype(numpy.uint8))
+        made.save(folder / f"{at:05}.jpg")
 
 
 def prepare_one(paths: tuple[Path, Path]) -> None:
@@ -64,8 +65,8 @@ def companion(pictures: Path, target: Path, scratch: Path) -> tuple[float, int]:
     log.write_text(LOG)
     start = time.perf_counter()
     taken = subprocess.run(
-        [sys.executable, ROOT / "bench/measured_run.py", target, ROOT / "companions/quilmrun-inputs",
-         "--model-log", log, "--mean", ",".join(map(str, MEAN)), "--std", ",".join(map(str, STD)),
+        [sys.executable, ROOT / "bench/measured_run.py", target,
+         ROOT / "companions/quilmrun-inputs", "--model-log", log, "--mean", ",".join(map(str, MEAN)), "--std", ",".join(map(str, STD)),
          pictures, "-o"], check=True, stdout=subprocess.PIPE, text=True).stdout
     return time.perf_counter() - start, int(taken.split()[2]) * 1024
 
@@ -89,5 +90,6 @@ def measure(scratch: Path, add: Callable[..., None], brief: bool) -> None:
     seconds, memory = companion(scratch / f"jpeg{many}", scratch / "prepared", scratch)
     check_same(scratch / "pool", scratch / "prepared")
     _, small = companion(scratch / f"jpeg{few}", scratch / "prepared-few", scratch)
-    add(f"quilmrun-inputs, {many:,} JPEG pictures | two processes with Pillow", floor, seconds, "s", 1)
+    add(f"quilmrun-inputs, {many:,} JPEG pictures | two processes with Pillow", floor, seconds, "s",
+        1)
     add(f"its memory at {many:,} pictures | at {few:,}", small / 2**20, memory / 2**20, "MiB", 1.1)

@@ -190,10 +190,12 @@ def best_threshold(pictures: Iterable[Matches]) -> float:
 
 
 def none_detected() -> Detections:
+    """A class that was not detected in a picture."""
     return Detections(np.zeros((0, 4)), np.zeros(0))
 
 
 def none_annotated() -> Objects:
+    """A class that a picture does not have."""
     return Objects(np.zeros((0, 4)), np.zeros(0), np.zeros(0, bool))
 
 

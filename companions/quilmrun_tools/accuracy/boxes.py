@@ -38,15 +38,21 @@ class BoxFormat:
             raise Unreadable(f"--box-format {text}: name each column once, of "
                              f"{', '.join(FIELDS)}, or {SKIPPED} for one to skip")
         result = BoxFormat(columns)
-        if not result._ends(along_y=False) or not result._ends(along_y=True):
+        if not all(result.finds_ends(along_y) for along_y in (False, True)):
             raise Unreadable(f"--box-format {text} makes no boxes: give x1, x2 or x1, w or cx, w, "
                              "and the same for y")
         return result
 
+    def finds_ends(self, along_y: bool) -> bool:
+        """Whether the columns tell both ends of a box along an axis."""
+        return self._ends(along_y) is not None
+
     def has(self, name: str) -> bool:
+        """Whether there is such a column."""
         return name in self.columns
 
     def column(self, rows: Array, name: str) -> Array:
+        """Its values."""
         return rows[:, self.columns.index(name)]
 
     def _ends(self, along_y: bool) -> Optional[tuple[tuple[str, str], Array]]:
@@ -76,6 +82,7 @@ class Rows:
     classes: Array  # as the model gives them
 
     def select(self, chosen: Array) -> "Rows":
+        """Some of the detections."""
         return Rows(self.corners[chosen], self.scores[chosen], self.classes[chosen])
 
 

@@ -63,6 +63,7 @@ class Counts:
         self.count = self.top1 = self.top5 = 0  # pictures: all, and those that are right
 
     def add(self, labels: Array, given: Given) -> None:
+        """Adds some pictures."""
         np.add.at(self.confusion, (labels, given.given), 1)
         self.count += len(labels)
         self.top1 += int(np.count_nonzero(given.right))

@@ -127,7 +127,8 @@ class _Facts:
         self._flat = self._nan = 0
 
     def add(self, block: Array) -> None:
-        if not len(block):
+        """Adds the scores of some pictures."""
+        if not block.size:
             return
         first = block[0] if self._first is None else self._first
         self._first = first

@@ -179,8 +179,8 @@ class Judge:
         shape = self._outputs.inputs.model.pictures.get(picture.input) if self._outputs.inputs \
             else None
         if not source.scale or not source.offset or not shape:
-            raise Unreadable("inputs.json does not say where pictures lie in the input: prepare the "
-                             "inputs again with this version of quilmrun-inputs")
+            raise Unreadable("inputs.json does not say where pictures lie in the input: prepare "
+                             "the inputs again with this version of quilmrun-inputs")
         return Placement(shape.width, shape.height, source.scale, source.offset)
 
     def _by_category(self, corners: Array, rows: Rows) -> dict[int, Detections]:

@@ -25,6 +25,7 @@ class Classes:
     names: list[str] = field(default_factory=list)  # empty, or one for each class
 
     def name(self, index: int) -> str:
+        """A class as it is shown."""
         return self.names[index] if self.names else str(index)
 
     def find(self, label: str) -> Optional[int]:

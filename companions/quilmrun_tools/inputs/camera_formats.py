@@ -28,6 +28,7 @@ class Layout:
     step: tuple[int, int]  # columns and rows of pixels that share chroma
 
     def bytes_of(self, width: int, height: int) -> int:
+        """Those of a whole picture."""
         return width * height * self.bytes_per_pixel[0] // self.bytes_per_pixel[1]
 
 

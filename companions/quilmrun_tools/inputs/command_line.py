@@ -59,6 +59,7 @@ def number(text: str) -> float:
 
 
 def numbers(text: str) -> tuple[float, ...]:
+    """Several of them, with commas between."""
     return tuple(number(part) for part in text.split(","))
 
 

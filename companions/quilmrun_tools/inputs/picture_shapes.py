@@ -90,8 +90,8 @@ def _check_plausible(tensor: Tensor, shape: Shape) -> None:
               or sides[1] > _LARGEST_RATIO * sides[0] else "")
     if reason:
         raise Unreadable(f"{tensor.name} takes {list(tensor.dims)} {tensor.type_name}, and "
-                         f"pictures {reason} are unusual: give it arrays (.npy), or say with --layout that "
-                         "these are pictures")
+                         f"pictures {reason} are unusual: give it arrays (.npy), or say with "
+                         "--layout that these are pictures")
 
 
 def _no_pictures(tensor: Tensor, color: str, layout: str) -> Unreadable:

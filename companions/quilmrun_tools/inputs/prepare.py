@@ -39,6 +39,7 @@ class Column:
 
     @property
     def rows(self) -> int:
+        """Batches of items, the last of which may be shorter."""
         return -(-len(self.items) // self.per_row)
 
     @property

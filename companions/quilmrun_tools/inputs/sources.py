@@ -17,12 +17,12 @@ from quilmrun_tools.artifacts.prepared_inputs import Source
 from quilmrun_tools.artifacts.run_log import Tensor
 from quilmrun_tools.common.errors import Unreadable
 from quilmrun_tools.common.files import open_regular, read_regular
+from quilmrun_tools.inputs.checksum import checksum
 from quilmrun_tools.inputs import arrays
 from quilmrun_tools.inputs import pictures
 from quilmrun_tools.inputs import preview
 
 Array = np.ndarray[Any, Any]
-_CHUNK = 1 << 20  # bytes that are read at a time
 
 
 @dataclass(frozen=True)
@@ -50,6 +50,7 @@ class PictureItem:
     in_preview: bool
 
     def load(self) -> Loaded:
+        """Decodes and prepares it."""
         content = read_regular(self.path)
         try:
             picture = pictures.open_picture(content, self.preparation.largest)
@@ -73,6 +74,7 @@ class FrameItem:
     in_preview: bool
 
     def load(self) -> Loaded:
+        """Reads the part byte for byte."""
         size = self.elements * self.dtype.itemsize
         content = bytearray()
         with open_regular(self.path) as file:
@@ -102,6 +104,7 @@ class ArrayItem:
     tensor: Tensor
 
     def load(self) -> Loaded:
+        """Reads the rows and converts their type."""
         values = np.asarray(self.array.read() if self.rows is None else
                             self.array.read()[self.rows])
         place = f"[{self.array.member}]" if self.array.member else ""
@@ -125,6 +128,7 @@ class RandomItem:
     high: float
 
     def load(self) -> Loaded:
+        """Makes the values up."""
         generator = np.random.default_rng(self.seed)
         dtype = element_types.dtype_of(self.tensor)
         values: Array
@@ -147,13 +151,9 @@ def random_items(tensor: Tensor, count: int, seed: tuple[int, int],
     return [RandomItem(tensor, (*seed, inference), low, high) for inference in range(count)]
 
 
-@functools.lru_cache(maxsize=64)
+@functools.lru_cache(maxsize=64)  # the parts of a file come one after another
 def _digest(path: Path) -> str:
-    digest = hashlib.sha256()
-    with open_regular(path) as file:
-        while chunk := file.read(_CHUNK):
-            digest.update(chunk)
-    return digest.hexdigest()
+    return checksum(path)
 
 
 class Finder:

@@ -18,12 +18,11 @@ from typing import Optional
 
 from quilmrun_tools.artifacts import prepared_inputs
 from quilmrun_tools.common.errors import Unreadable
-from quilmrun_tools.common.files import open_regular
 from quilmrun_tools.common.parallel_map import ahead
+from quilmrun_tools.inputs.checksum import checksum
 from quilmrun_tools.inputs.exchange import exchange
 
 _FILES = re.compile(r"[A-Za-z0-9_-]+\.bin|list\.txt|inputs\.json")  # that a waiting folder holds
-_CHUNK = 1 << 20  # bytes that are read at a time
 
 
 @dataclass(frozen=True)
@@ -33,7 +32,8 @@ class _State:
     changed_ns: int
 
     @staticmethod
-    def of(path: Path) -> "_State":
+    def read(path: Path) -> "_State":
+        """That of a file, not of what a link leads to."""
         status = os.lstat(path)
         return _State(status.st_size, status.st_mtime_ns)
 
@@ -102,9 +102,9 @@ class TargetFolder:
         unknown = [name for name in names if name not in sums]
         if unknown:
             raise self._foreign(unknown[0], "did not make")
-        states = {name: _State.of(self._real / name)
+        states = {name: _State.read(self._real / name)
                   for name in [*names, prepared_inputs.FILE_NAME]}
-        for name, found in zip(names, ahead(lambda name: _sha256(self._real / name), names)):
+        for name, found in zip(names, ahead(lambda name: checksum(self._real / name), names)):
             if found not in ((sums[name],) if sums[name] else _list_sums(manifest)):
                 raise self._foreign(name, "made, but which was changed since")
         return states
@@ -134,13 +134,13 @@ class TargetFolder:
         if not os.path.lexists(self._real) or not os.listdir(self._real):
             self._move()
             return
-        now = {name: _State.of(self._real / name) for name in os.listdir(self._real)}
+        now = {name: _State.read(self._real / name) for name in os.listdir(self._real)}
         if now != self._old:
             raise self._foreign("files", "did not make, or which were changed meanwhile")
         self._move(exchanged=True)
         self._exchanged = True
         for name, state in self._old.items():
-            if _State.of(self.waiting / name) == state:
+            if _State.read(self.waiting / name) == state:
                 (self.waiting / name).unlink()
         if not os.listdir(self.waiting):
             self.waiting.rmdir()
@@ -173,11 +173,3 @@ def _lock(folder: Path) -> Optional[int]:
     except BlockingIOError:
         os.close(handle)
         return None
-
-
-def _sha256(path: Path) -> str:
-    digest = hashlib.sha256()
-    with open_regular(path) as file:
-        while chunk := file.read(_CHUNK):
-            digest.update(chunk)
-    return digest.hexdigest()
