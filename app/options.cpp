@@ -23,7 +23,7 @@ constexpr int kWord = 1;
 // in kOptionString.
 struct StringOption {
   int letter;
-  std::string RunOptions::* field;
+  std::string RunOptions::*field;
 };
 
 constexpr StringOption kStringOptions[] = {
@@ -34,7 +34,7 @@ constexpr StringOption kStringOptions[] = {
 
 struct NumberOption {
   int letter;
-  int32_t RunOptions::* field;
+  int32_t RunOptions::*field;
   const char* echoName;  // null: not echoed
 };
 

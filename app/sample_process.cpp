@@ -22,7 +22,7 @@ std::string ReportPath(const std::string& quilmJsonPath) {
   return quilmJsonPath.substr(0, quilmJsonPath.find_last_of("/\\")) + "/memory_data.csv";
 }
 
-// Destroys what `handle` holds, if anything, and empties it first: nobody can use it a second time.
+// Empties `handle` and destroys what it held, if anything.
 void DestroyHandle(void*& handle, quilm_error (*destroy)(void*), const char* name) {
   void* const held = std::exchange(handle, nullptr);
   if (held != nullptr && Release([=] { return destroy(held); }) != 0) {

@@ -4,8 +4,8 @@
 
 namespace quilmrun {
 
-// The wall clock, since the stamps in the names of output files are meant for people. An elapsed
-// time is wrong when the clock is set meanwhile.
+// This reads the wall clock, since people read the stamps in the names of output files. An elapsed
+// time is wrong when somebody sets the clock meanwhile.
 uint64_t GetTimeStampUs() {
   timeval now{};
   gettimeofday(&now, nullptr);

@@ -17,8 +17,8 @@
 namespace quilmrun {
 namespace {
 
-// Most lines fit a buffer of this size. Printing them allocates nothing, so that messages still
-// appear when memory has run out.
+// Most lines fit a buffer of this size. Printing them allocates nothing, so that they appear even
+// when memory has run out.
 constexpr size_t kUsualSize = 2048;
 
 // Replaces the character at `size` by the newline and writes the line. The runtime library may have

@@ -7,11 +7,11 @@
 namespace quilmrun {
 namespace {
 
-// Large enough that the calls cost nothing beside the work on the text.
+// A chunk is so large that the calls cost nothing beside the work on the text.
 constexpr size_t kChunkSize = 65536;
 
 bool IsDirectory(const Descriptor& descriptor) {
-  struct stat status{};
+  struct stat status {};
   return fstat(descriptor.Number(), &status) == 0 && S_ISDIR(status.st_mode);
 }
 
@@ -25,7 +25,7 @@ void UseLines(std::string& text, size_t searched,
     use(std::string_view(text).substr(start, end - start));
     start = end + 1;
   }
-  text.erase(0, start);  // once for all lines of the chunk: each erasure moves the rest
+  text.erase(0, start);  // once for all lines, since it moves the rest of the text
 }
 
 }  // namespace

@@ -11,7 +11,7 @@
 namespace quilmrun {
 namespace {
 
-// By value: dirname() writes into its argument.
+// The argument is a copy, since dirname() writes into it.
 std::string DirectoryOf(std::string path) {
   return dirname(path.data());
 }
@@ -83,7 +83,7 @@ void GroupInputsByName(std::vector<std::string>& entries, const std::vector<std:
   for (auto block = entries.begin(); block != entries.end(); block += blockSize) {
     std::sort(block, block + blockSize, byPosition);
   }
-  // Only now: the sorting needs the names.
+  // The names are stripped last, since the sorting needs them.
   for (std::string& entry : entries) {
     entry.erase(0, entry.find(':') + 1);
   }

@@ -11,7 +11,7 @@
 namespace quilmrun {
 namespace {
 
-// One input file on its way into one model input; sizes in bytes.
+// What is known of one input file and of the model input that it is for; sizes in bytes.
 struct Staging {
   const quilm_mdl_io_dims& dims;
   size_t index;
@@ -65,7 +65,7 @@ int CheckFrames(int32_t frames, int64_t maxFrames) {
   return kSuccess;
 }
 
-// The frames are counted by the file: a shorter sequence is a shorter file.
+// The file tells the number of frames: a shorter sequence makes a shorter file.
 int ReconcileFrames(const Staging& staging, uint32_t& batchSize, int32_t& nlpTotalT) {
   nlpTotalT = static_cast<int32_t>(WholeParts(staging.fileSize, BytesOfDimensions(staging, 1)));
   batchSize = 1;

@@ -55,7 +55,7 @@ std::optional<uint32_t> NonEmptySize(const InputFile& file, const std::string& p
 }  // namespace
 
 int CheckFile(const std::string& path) {
-  struct stat status{};
+  struct stat status {};
   if (stat(path.c_str(), &status) != 0) {
     LogError("failed to get file %s", path.c_str());
     return kFailure;
@@ -141,7 +141,7 @@ int ResolvePath(const std::string& inputPath, std::string& resolvedPath) {
     resolvedPath = resolved.data();
     return kSuccess;
   }
-  // A missing file is left to the step that opens it, which says so.
+  // The step that opens a missing file reports it.
   if (errno != ENOENT) {
     LogError("realpath fail, input: %s", inputPath.c_str());
   }

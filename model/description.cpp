@@ -86,8 +86,8 @@ void ModelProcess::PrintModelInfo(std::vector<std::string>& inputNames) {
 void RecordModelIoSize(ProfileRecord& record, const quilm_mdl_desc* modelDesc) {
   const auto inputs = static_cast<int32_t>(quilm_mdl_get_num_inputs(modelDesc));
   const auto outputs = static_cast<int32_t>(quilm_mdl_get_num_outputs(modelDesc));
-  // Signed, so that a model without task and work buffer has no data inputs rather than 2^64 of
-  // them.
+  // The numbers are signed, so that a model without task and work buffer has no data inputs. As
+  // unsigned numbers the difference would be close to 2^64.
   for (int32_t i = 0; i + 2 < inputs; ++i) {
     record.inputSize += SizeOf(kInputQueries, modelDesc, i);
   }

@@ -54,7 +54,8 @@ int ModelProcess::SetRpnData() {
     }
     detParas.push_back(std::move(values));
   }
-  // Only now, so that a file that is refused leaves no buffer of an earlier one in the dataset.
+  // Buffers are made when all files have passed: a file that is refused then leaves no buffer of an
+  // earlier one in the dataset.
   for (const std::vector<float>& detPara : detParas) {
     if (SetDetParas(detPara) != kSuccess) {
       LogError("SetDetParas error");

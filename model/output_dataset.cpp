@@ -55,7 +55,8 @@ int ModelProcess::CreateOutputBuffer(size_t index) {
   return kSuccess;
 }
 
-// One batch: the dump multiplies the rows, not the bytes, so that it sees where a batch ends.
+// The size is that of one batch: the dump multiplies the number of rows instead, which it derives
+// from this size.
 int ModelProcess::GetOutputStrideParam(int32_t index, size_t& size, size_t& stride,
                                        quilm_mdl_io_dims& dims) {
   constexpr uint32_t kOneBatch = 1;

@@ -18,7 +18,7 @@ constexpr std::string_view kUnit = "KB";
 }  // namespace
 
 int32_t GetMediaMemUsed() {
-  // Opened anew for every reading: the board makes the text when the file is opened.
+  // The board makes the text when the file is opened, so that every reading opens it anew.
   std::ifstream mediaMem(kMediaMemPath);
   if (!mediaMem.is_open()) {
     LogPlain("/proc/umap/media-mem open failed!");

@@ -36,8 +36,8 @@ constexpr char kCsvHeader[] =
     "Online Model Size(KB),"
     "Quilm Init Memory Size(KB)\n";
 
-// Large enough for the header and nine figures. The longest one is a time, a double of up to 312
-// characters; all others have 32 bits.
+// This is large enough for the header and nine figures. The longest one is a time, a double of up
+// to 312 characters; all others have 32 bits.
 using CsvText = std::array<char, 1536>;
 
 size_t FormatCsv(const ProfileRecord& record, CsvText& text) {
