@@ -25,7 +25,7 @@ _CHUNK = 1 << 20  # elements that are read at a time
 
 
 @dataclass(frozen=True)
-class Options:
+class BoxOptions:
     """How the outputs are read."""
     form: BoxFormat
     names: dict[str, Optional[str]]  # of outputs: "boxes", "scores", "classes", "count"
@@ -44,7 +44,7 @@ class Found:
 class BoxReader:
     """Reads the boxes of a run."""
 
-    def __init__(self, outputs: RunOutputs, options: Options) -> None:
+    def __init__(self, outputs: RunOutputs, options: BoxOptions) -> None:
         self._outputs = outputs
         self._options = options
         self._keys = {part: _find(outputs, name) for part, name in options.names.items() if name}
@@ -101,7 +101,7 @@ def _find(outputs: RunOutputs, name: str) -> Key:
 
 
 @dataclass
-class Compared:
+class JudgedPicture:
     """One picture with its matches."""
     picture: RunPicture
     image: Image
@@ -113,14 +113,14 @@ class Compared:
 class Judge:
     """Brings detections and annotations together."""
 
-    def __init__(self, annotations: Annotations, outputs: RunOutputs, options: Options) -> None:
+    def __init__(self, annotations: Annotations, outputs: RunOutputs, options: BoxOptions) -> None:
         self._annotations = annotations
         self._outputs = outputs
         self._options = options
         self._unknown = self._odd = 0
         self.notes: list[str] = []
 
-    def compare(self, found: Found) -> list[Compared]:
+    def compare(self, found: Found) -> list[JudgedPicture]:
         """All pictures, in the order of their images' ids."""
         images = self._images(found.pictures)
         normalised = self._options.normalised
@@ -132,7 +132,7 @@ class Judge:
                                        normalised)
             detected = self._by_category(corners, rows)
             annotated = self._annotations.objects.get(image.id, {})
-            done.append(Compared(picture, image, detected, annotated,
+            done.append(JudgedPicture(picture, image, detected, annotated,
                                  average_precision.match_picture(detected, annotated)))
         self._tell(len(done), normalised)
         return sorted(done, key=lambda one: one.image.id)
@@ -210,7 +210,7 @@ class Judge:
             self.notes.append(f"{self._odd} boxes hold NaN or infinity, and count as wrong")
 
 
-def summarise(path: str, compared: list[Compared], annotations: Annotations, notes: list[str]
+def summarise(path: str, compared: list[JudgedPicture], annotations: Annotations, notes: list[str]
               ) -> results.Detection:
     """The results of a run."""
     by_class = {category: [one.matches.get(category) or _nothing() for one in compared]
@@ -241,7 +241,7 @@ def _nothing() -> Matches:
     return _NOTHING[0]
 
 
-def _worst(compared: list[Compared], annotations: Annotations, threshold: float
+def _worst(compared: list[JudgedPicture], annotations: Annotations, threshold: float
            ) -> list[results.DetectedPicture]:
     """The pictures with most errors, wrong and missed, at a score."""
     drawn = [_drawn(one, annotations, threshold) for one in compared]
@@ -249,7 +249,8 @@ def _worst(compared: list[Compared], annotations: Annotations, threshold: float
     return [one for one in order[:_WORST] if one.wrong + one.missed]
 
 
-def _drawn(one: Compared, annotations: Annotations, threshold: float) -> results.DetectedPicture:
+def _drawn(one: JudgedPicture, annotations: Annotations, threshold: float
+           ) -> results.DetectedPicture:
     found: list[results.DrawnBox] = []
     for category, matches in one.matches.items():
         found += _boxes(one, category, annotations.categories[category], matches, threshold)
@@ -261,7 +262,7 @@ def _drawn(one: Compared, annotations: Annotations, threshold: float) -> results
     return results.DetectedPicture(picture, *size, **counts, boxes=found[:_DRAWN])
 
 
-def _boxes(one: Compared, category: int, name: str, matches: Matches, threshold: float
+def _boxes(one: JudgedPicture, category: int, name: str, matches: Matches, threshold: float
            ) -> list[results.DrawnBox]:
     """The detections and missed objects of one class in one picture."""
     detected = one.detected.get(category, average_precision.none_detected()).best(

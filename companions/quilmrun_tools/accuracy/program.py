@@ -80,7 +80,7 @@ def _detection(options: argparse.Namespace, outputs: RunOutputs, watch: Watch) -
             ("class", "--classes-output", options.classes_output, len(known.categories) > 1)):
         if form.has(name) + bool(given) not in (1, int(needed)):
             raise Unreadable(f"give the {name} of a box either in --box-format or with {option}")
-    asked = detect.Options(
+    asked = detect.BoxOptions(
         form, {"boxes": options.boxes, "scores": options.scores, "classes": options.classes_output,
                "count": options.count}, options.category_ids, options.min_score,
         None if options.coordinates is None else options.coordinates == "shares")

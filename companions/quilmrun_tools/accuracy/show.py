@@ -3,8 +3,8 @@
 from quilmrun_tools.accuracy.classification import confusions
 from quilmrun_tools.artifacts.accuracy_results import (UNDEFINED, Classification, Detection,
                                                        Picture)
-from quilmrun_tools.common.streams import Streams
-from quilmrun_tools.common.tables import labels_of, print_table, printable
+from quilmrun_tools.common.streams import Streams, one_line
+from quilmrun_tools.common.tables import labels_of, print_table
 
 import numpy as np
 
@@ -24,7 +24,7 @@ def _percent(share: float) -> str:
 def _names(pictures: list[Picture]) -> list[str]:
     """Each picture by as much of its path as tells it apart, or by its number."""
     labels = labels_of({one.path for one in pictures if one.path})
-    return [printable(labels[one.path]) if one.path else
+    return [one_line(labels[one.path]) if one.path else
             f"inference {one.run}" + f", picture {one.place}" * bool(one.place) for one in pictures]
 
 
@@ -43,7 +43,7 @@ def show_classification(found: Classification, streams: Streams) -> None:
         streams.say("\nwrong with the greatest confidence:")
         names = _names([one.picture for one in found.worst[:_WORST]])
         print_table(["picture", "true", "given", "confidence"],
-                    [[name, printable(one.true), printable(one.given), _number(one.confidence)]
+                    [[name, one_line(one.true), one_line(one.given), _number(one.confidence)]
                      for name, one in zip(names, found.worst)], ("picture", "true", "given"),
                     streams)
     _show_against(found, streams)
@@ -57,7 +57,7 @@ def _show_classes(found: Classification, streams: Streams) -> None:
     if len(shown) > _CLASSES:
         shown = sorted(shown, key=lambda one: one.f1)[:_CLASSES]
     print_table(["class", "support", "precision", "recall", "F1"],
-                [[printable(one.name), str(one.support), _number(one.precision),
+                [[one_line(one.name), str(one.support), _number(one.precision),
                   _number(one.recall), _number(one.f1)] for one in shown], ("class",), streams)
 
 
@@ -66,7 +66,7 @@ def _show_confusions(found: Classification, streams: Streams) -> None:
     if largest:
         streams.say("\nlargest confusions:")
         print_table(["true", "given", "pictures"],
-                    [[printable(found.classes[true].name), printable(found.classes[given].name),
+                    [[one_line(found.classes[true].name), one_line(found.classes[given].name),
                       str(count)] for true, given, count in largest], ("true", "given"), streams)
 
 
@@ -74,11 +74,11 @@ def _show_against(found: Classification, streams: Streams) -> None:
     other = found.against
     if not other:
         return
-    streams.say(f"\nagainst {printable(other.path)}: top-1 {_percent(other.top1)} there, "
+    streams.say(f"\nagainst {one_line(other.path)}: top-1 {_percent(other.top1)} there, "
                 f"{_percent(found.top1)} here; {other.became_right} became right, "
                 f"{other.became_wrong} wrong (McNemar's exact p {other.p:.3g})")
     if other.lost:
-        lost = ", ".join(f"{printable(name)} ({count})" for name, count in other.lost)
+        lost = ", ".join(f"{one_line(name)} ({count})" for name, count in other.lost)
         streams.say(f"classes that lost most: {lost}")
 
 
@@ -96,7 +96,7 @@ def show_detection(found: Detection, streams: Streams) -> None:
         streams.say(f"classes, the {_CLASSES} with the least AP:")
         shown = sorted(shown, key=lambda one: one.ap)[:_CLASSES]
     print_table(["class", "objects", "AP"],
-                [[printable(one.name), str(one.count), _number(one.ap)] for one in shown],
+                [[one_line(one.name), str(one.count), _number(one.ap)] for one in shown],
                 ("class",), streams)
     if found.worst:
         streams.say(f"\nmost errors, by boxes with a score of {found.threshold:.3g} and more:")
@@ -111,6 +111,6 @@ def show_detection(found: Detection, streams: Streams) -> None:
 def _show_end(notes: list[str], verdict: str | None, text: str, limit: float | None,
               streams: Streams) -> None:
     for note in notes:
-        streams.say(f"note: {printable(note)}")
+        streams.say(f"note: {one_line(note)}")
     if verdict:
         streams.say(f"\n{verdict.upper()}: {text}{limit:g}")

@@ -16,11 +16,6 @@ def print_table(head: Sequence[str], rows: Sequence[Sequence[str]], left: Collec
                               for cell, title, width in zip(row, head, widths)).rstrip())
 
 
-def printable(name: str) -> str:
-    """A file name on one line."""
-    return one_line(name)
-
-
 def labels_of(paths: Iterable[str]) -> dict[str, str]:
     """Each path's file name, with as many of the folders above as tell it from the others."""
     parts = {path: PurePath(path).parts for path in paths}

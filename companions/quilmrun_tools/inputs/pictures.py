@@ -51,7 +51,7 @@ class Options:
 
 
 @dataclass(frozen=True)
-class Picture:
+class DecodedPicture:
     """A decoded picture, upright, and the size that it has in its file."""
     image: Image.Image
     width: int
@@ -95,7 +95,7 @@ class Preparation:
         exact: Array = (np.arange(256.0) * scale[:, None] - mean[:, None]) / std[:, None]
         return exact
 
-    def sized(self, picture: Picture) -> tuple[Array, Geometry]:
+    def sized(self, picture: DecodedPicture) -> tuple[Array, Geometry]:
         """Height x width x channels of bytes as Pillow orders them, and where the picture lies."""
         image = _eight_bits(picture.image)
         if image.mode != self._mode:
@@ -152,7 +152,7 @@ class Preparation:
         return Image.fromarray(np.stack(planes[2::-1] if self._reversed else planes[:3], 2))
 
 
-def open_picture(content: bytes, largest: int) -> Picture:
+def open_picture(content: bytes, largest: int) -> DecodedPicture:
     """Decodes a picture; raises Unreadable without the file's name. A JPEG that would take more
     than `largest` bytes is decoded at a half, quarter or eighth of its size."""
     try:
@@ -167,8 +167,8 @@ def open_picture(content: bytes, largest: int) -> Picture:
         image.load()
         turned = _upright(image)
         if not reduced:
-            return Picture(turned, *turned.size)
-        return Picture(turned, *(size if turned.size == image.size else size[::-1]))
+            return DecodedPicture(turned, *turned.size)
+        return DecodedPicture(turned, *(size if turned.size == image.size else size[::-1]))
     except Unreadable:
         raise
     except UnidentifiedImageError:
