@@ -67,8 +67,8 @@ def main(arguments: list[str], streams: Streams) -> int:
         raise Unreadable("--worst takes a number from 0 on")
     check_json(options.json, GENERATOR)
     named = {part: getattr(options, part) for part in USUAL_NAMES}
-    run = collect(options.run, named, options.name, streams.warn)
-    other = collect(options.compare_with, {}, options.other_name, streams.warn) \
+    run = collect(options.run, named, options.name, streams)
+    other = collect(options.compare_with, {}, options.other_name, streams) \
         if options.compare_with else None
     sides = sides_of(run, other)
     if difference_of(sides):

@@ -20,6 +20,8 @@ from quilmrun_tools.artifacts.prepared_inputs import Manifest, read_manifest
 from quilmrun_tools.artifacts.record import Record, read_record
 from quilmrun_tools.artifacts.run_log import RunLog, read_log
 from quilmrun_tools.common.errors import Unreadable
+from quilmrun_tools.common.progress import progress
+from quilmrun_tools.common.streams import Streams
 
 LOADED_MODEL = "ModelInfoMem Size"  # in the log's summary
 USUAL_NAMES = {"log": "log.txt", "memory": "memory_data.csv", "record": "record.json",
@@ -130,19 +132,18 @@ def _read_layers(path: str) -> LayersResult:
     return read_result(Path(path))
 
 
-Warn = Callable[[str], None]
-
 READERS: dict[str, Callable[[str], Any]] = {
     "log": read_log, "memory": _read_memory, "record": read_record,
     "comparison": read_comparison, "inputs": read_manifest, "accuracy": read_accuracy,
     "layers": _read_layers, "boards": read_board_results}
 
 
-def collect(folder: str | None, named: dict[str, str | None], label: str, warn: Warn) -> Run:
+def collect(folder: str | None, named: dict[str, str | None], label: str,
+            streams: Streams) -> Run:
     """Reads what there is of a run.
 
     `named` has the paths that the user gave for single parts; such a file has to be readable. The
-    others are looked for in `folder`; `warn` is told of those that
+    others are looked for in `folder`, and a warning is given of those that
     cannot be read. Raises Unreadable when nothing is found at all.
     """
     root = Path(folder) if folder else None
@@ -157,8 +158,8 @@ def collect(folder: str | None, named: dict[str, str | None], label: str, warn: 
             run.found[part] = root / usual
     if not run.found:
         raise Unreadable(_nothing_there(folder))
-    for part in USUAL_NAMES:
-        _read_part(run, part, required=bool(named.get(part)), warn=warn)
+    for part in progress(streams, USUAL_NAMES, len(USUAL_NAMES), "reading"):
+        _read_part(run, part, bool(named.get(part)), streams)
     if run.inputs is None and run.log:
         _find_inputs(run, run.log)
     if run.memory and run.log and LOADED_MODEL in run.log.summary:  # with -p 1, and only there
@@ -174,7 +175,7 @@ def _nothing_there(folder: str | None) -> str:
     return f"{folder} {state} {', '.join(USUAL_NAMES.values())}; {HOW_TO_GET['log']}"
 
 
-def _read_part(run: Run, part: str, required: bool, warn: Warn) -> None:
+def _read_part(run: Run, part: str, required: bool, streams: Streams) -> None:
     if part not in run.found:
         if part not in OPTIONAL:
             run.gaps.append(Gap(part, ""))
@@ -184,7 +185,7 @@ def _read_part(run: Run, part: str, required: bool, warn: Warn) -> None:
     except Unreadable as error:
         if required:
             raise
-        warn(str(error))
+        streams.warn(str(error))
         run.gaps.append(Gap(part, str(error)))
 
 
