@@ -69,6 +69,14 @@ void SendTwice(const std::string& numberAndPause) {
   kill(getpid(), number);
 }
 
+// Occupies the processor, as a runtime does that computes, for so many microseconds.
+void Spend(const std::string& microseconds) {
+  const auto end =
+      std::chrono::steady_clock::now() + std::chrono::microseconds(std::stol(microseconds));
+  while (std::chrono::steady_clock::now() < end) {
+  }
+}
+
 // A line of the script cannot hold a newline, and writes "\\n" instead.
 void Print(const std::string& text) {
   const size_t end = text.find("\\n");
@@ -89,6 +97,8 @@ void PerformOne(const std::string& kind, const std::string& what) {
     std::raise(std::stoi(what));
   } else if (kind == "kill") {
     SendTwice(what);
+  } else if (kind == "spend") {
+    Spend(what);
   } else if (kind == "throw" && what == "int") {
     throw 1;
   } else if (kind == "throw") {

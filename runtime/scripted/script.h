@@ -19,6 +19,7 @@
 //                                 follows it where it ends in "\n"
 //   signal FUNCTION N NUMBER      a signal interrupts the call
 //   kill FUNCTION N NUMBER MS     two signals do, MS apart, as if another process had sent them
+//   spend FUNCTION N US           so many microseconds pass
 //   throw FUNCTION N TYPE         an exception leaves the call: an "int", or an "error"
 //   fail FUNCTION N CODE          the call returns CODE (0: null) and does nothing
 //   claim FUNCTION N CODE         the call is made, and returns CODE all the same
