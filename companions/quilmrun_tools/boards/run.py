@@ -7,16 +7,21 @@ import json
 import os
 import secrets
 import time
+from array import array
 from concurrent.futures import ThreadPoolExecutor
+from dataclasses import replace
 from pathlib import Path
 from typing import Optional
 
 from quilmrun_tools.artifacts.board_results import FILE_NAME, BoardResults, Part, Try
+from quilmrun_tools.artifacts.record import read_record
+from quilmrun_tools.artifacts.record_merging import RecordPart, merge_records
 from quilmrun_tools.artifacts.run_log import RunLog, parse_log
 from quilmrun_tools.boards import job, merge, policy
 from quilmrun_tools.boards.attempt import Attempt, Came
 from quilmrun_tools.boards.engine import run_jobs
 from quilmrun_tools.boards.input_list import check_lengths, group_by_name, read_input_list
+from quilmrun_tools.boards.latency import latency_of
 from quilmrun_tools.boards.plan import Plan, Slice, cut, part_size
 from quilmrun_tools.boards.settings import Settings
 from quilmrun_tools.boards.shapes import shapes_of
@@ -28,6 +33,7 @@ from quilmrun_tools.common.errors import Status, Unreadable
 from quilmrun_tools.common.own_files import check_own, write_own
 from quilmrun_tools.common.streams import Streams
 
+RECORD_NAME = "record.json"
 _MEMORY_REPORT = "memory_data.csv"
 _MEMORY_MARKER = b"Model Load Time(ms),"
 
@@ -210,7 +216,7 @@ class BoardRun:
     def finish(self, reason: str) -> int:
         """Puts together what there is, and tidies up here and on the boards."""
         state = self._state
-        parts = [self._part(number) for number in state.numbers()]
+        parts = [self._by_record(self._part(number)) for number in state.numbers()]
         done = [part for part in parts if part.board]
         leading = _leading(done)
         complete = bool(parts) and len(done) == len(parts)
@@ -222,6 +228,8 @@ class BoardRun:
         self._results.checksums["inputs"] = self._inputs_checksum(parts)
         if leading:
             self._write_memory_report(leading[-1].number)
+        if self._settings.record:
+            self._merge_records(leading)
         self._results.boards = merge.boards_of(state, self._plan, done)
         self._write_results(parts)
         self._clean_boards()
@@ -240,6 +248,15 @@ class BoardRun:
         except FileNotFoundError:  # nobody could describe the model
             return Part(number, 0, 0)
         return Part(number, one.first, one.inferences, tries=tuple(self._state.tries(number)))
+
+    def _by_record(self, part: Part) -> Part:
+        """With what the record says of executions, instead of the time stamps of outputs."""
+        path = self._state.part(part.number) / RECORD_NAME
+        if not part.board or not path.exists():
+            return part
+        durations = array("d", read_record(path).durations("execute"))
+        (self._state.part(part.number) / "durations").write_bytes(durations.tobytes())
+        return replace(part, latency=latency_of(durations, "record"))
 
     def _write_log(self, leading: list[Part], complete: bool) -> list[Part]:
         """log.txt, and the same on standard output."""
@@ -266,6 +283,13 @@ class BoardRun:
         if source.exists():
             write_own(memory_report_path(self._command), source.read_bytes(), _MEMORY_MARKER,
                       "quilmrun")
+
+    def _merge_records(self, parts: list[Part]) -> None:
+        found = [RecordPart(str(self._state.part(part.number) / RECORD_NAME), part.first, part.board)
+                 for part in parts]
+        if found:
+            with open(self._state.out / RECORD_NAME, "wb") as file:
+                merge_records(found, self._command.words, file)
 
     def _inputs_checksum(self, parts: list[Part]) -> str:
         digest = hashlib.sha256()

@@ -94,8 +94,9 @@ def _from_build(path: Path, wanted: Sequence[str]) -> dict[str, bytes]:
     """An executable, with the recorder beside it or as it is installed."""
     found: dict[str, bytes] = {}
     for name in wanted:
-        places = [path] if name == _TOOL else \
-            [path.parent / Path(name).name, path.parent / name, path.parent.parent / name]
+        places = [path.parent / name.removeprefix("bin/"), path.parent.parent / name]
+        if name == _TOOL:
+            places = [path]
         content: Optional[bytes] = next((place.read_bytes() for place in places
                                          if place.is_file()), None)
         if content is not None:
