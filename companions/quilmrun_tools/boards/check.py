@@ -7,7 +7,7 @@ import secrets
 import tempfile
 import time
 from concurrent.futures import ThreadPoolExecutor
-from dataclasses import dataclass, field
+from dataclasses import dataclass, field, replace
 from pathlib import Path
 
 from quilmrun_tools.artifacts.run_log import parse_log
@@ -116,7 +116,8 @@ def _find_problem(plan: Plan, board: Fitness) -> str:
 
 
 def _describe(plan: Plan, board: Fitness) -> None:
-    """Starts the tool with an empty list."""
+    """Starts the tool with an empty list, in a folder of its own on each board."""
+    plan = replace(plan, run=secrets.token_hex(8))
     with tempfile.TemporaryDirectory(prefix="quilmrun-boards-") as name:
         came = Attempt(plan, board.host, Slice(0, 0, 0, ()), f"part-0-check-0-{os.getpid()}",
                        Path(name) / "check").run(lambda _: None, lambda: False)
