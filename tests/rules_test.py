@@ -31,7 +31,7 @@ class Options(ToolTest):
 
     def test_words_and_values(self):
         rows = [("word -b 8 word -t -2 -- -b 9", ["batchSize: 8", "nlpTotalT: -2"]),
-                ("-o -- word -b 4", ["batchSize: 4"]), ("-b 4 one two three", ["batchSize: 4"]),
+                ("-o -- word -b 4", ["batchSize: 4"]), ("-b 70000 one two three", ["batchSize: 70000"]),
                 ("- one -b4 -b5x", ["batchSize: 4", "batchSize: 5"]), ("one -- -b 4", [])]
         for posixly in ({}, {"POSIXLY_CORRECT": "1"}):
             with unittest.mock.patch.dict(os.environ, posixly):
