@@ -28,7 +28,7 @@ template <typename Result>
 constexpr CallKind KindOf(std::string_view function) {
   const bool asks = Contains(function, "quilm_mdl_get_") || Contains(function, "quilm_get_") ||
                     Contains(function, "quilm_ext_get_") || Contains(function, "_type_size");
-  // Types and formats are codes too, but say nothing of success.
+  // Types and formats are integers like status codes, but they say nothing about success.
   const bool isNumber = !std::is_same_v<Result, quilm_error> ||
                         Contains(function, "put_data_type") || Contains(function, "put_format");
   return {std::is_pointer_v<Result> ? ResultKind::kPointer
@@ -42,7 +42,7 @@ constexpr CallKind KindOf(std::string_view function) {
 inline constexpr CallKind kCallKinds[] = {QUILM_CALLS(QUILM_CALL_KIND)};
 #undef QUILM_CALL_KIND
 
-/// Whether a call of this kind that returned `result` did not do what it was to do.
+/// True when `result` says that a call of this kind failed.
 constexpr bool Failed(const CallKind& kind, int64_t result) {
   return kind.result == ResultKind::kStatus
              ? result != 0

@@ -1,5 +1,5 @@
-// Reads a calls file. Whatever it says is checked, as the machine may have gone down while it was
-// written.
+// Reads a calls file. All that it says is checked, because the machine may have gone down while the
+// file was written.
 #include "companions/recorder/calls.h"
 
 #include <fcntl.h>
@@ -89,7 +89,8 @@ std::vector<std::string> Calls::Facts(const std::string& key) const {
   return values;
 }
 
-// Entries up to the end of the block, of the file, or of the part of it that `first` is in.
+// Reads entries from `first` on, up to the end of the block or of the part of the file that they
+// are in. Returns how many of them are sound.
 size_t Calls::ReadBlock(size_t first, std::vector<CallEntry>& block) const {
   const bool isFlushed = first < header_.flushed;
   const size_t place = first % kLatest;
@@ -99,7 +100,7 @@ size_t Calls::ReadBlock(size_t first, std::vector<CallEntry>& block) const {
   const size_t offset = isFlushed ? sizeof(CallsFile) + first * sizeof(CallEntry)
                                   : offsetof(CallsFile, latest) + place * sizeof(CallEntry);
   for (size_t i = 0; i < count; ++i) {
-    block[i].call = 0;  // where the file ends
+    block[i].call = 0;  // this stays where the file ends
   }
   static_cast<void>(ReadAt(file_, block.data(), count * sizeof(CallEntry), offset));
   const auto end = block.begin() + static_cast<std::ptrdiff_t>(count);

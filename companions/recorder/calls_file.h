@@ -15,7 +15,7 @@
 namespace quilmrun_record {
 
 constexpr char kMagic[16] = "quilmrun calls2";
-constexpr size_t kLatest = 1024;  // entries that have a place in memory
+constexpr size_t kLatest = 1024;  // the number of entries that have a place in memory
 constexpr uint64_t kUnfinished = UINT64_MAX;
 constexpr size_t kPathBytes = 4096;
 
@@ -52,7 +52,7 @@ struct CallsHeader {
   FunctionTotals withoutEntry[quilm_interposer::kCallCount];
 };
 
-/// What is known of a run but its calls.
+/// What is known of a run beside its calls.
 struct CallsFacts {
   char library[kPathBytes];  // the real library
   char program[kPathBytes];  // the executable

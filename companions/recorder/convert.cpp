@@ -28,7 +28,7 @@ int Fail(const char* path, const char* problem) {
   return kFailed;
 }
 
-// 0, or an error number.
+// Returns 0 or an error number.
 template <typename Write>
 int WriteFile(const char* path, const Write& write) {
   std::FILE* file = std::fopen(path, "we");
@@ -48,15 +48,15 @@ struct Extent {
   size_t bins;  // of the course
 };
 
-// The smaller ones are for a disk that is full: the last fits into what the recorder gives back.
+// The smaller extents are for a full disk: the last one fits into what the recorder gives back.
 constexpr Extent kExtents[] = {{200000, 1000, 500}, {500, 50, 500}, {30, 10, 100}};
 
 bool LacksSpace(int problem) {
   return problem == ENOSPC || problem == EFBIG || problem == EDQUOT;
 }
 
-// So many inferences lie between two that the trace keeps: all are kept up to `most`; beyond, the
-// trace shows about ten times `some`, of which the ends and the slowest are three.
+// Returns 1 where the trace shows all inferences, and otherwise a step that leaves about seven
+// times `some`. With both ends and the slowest, the trace then shows about ten times `some`.
 long EveryOf(const Measurements& measured, const Extent& extent) {
   const long between = 7 * extent.some;
   return measured.inferences <= extent.most ? 1 : (measured.inferences + between - 1) / between;
@@ -93,7 +93,7 @@ int WriteRecord(const Calls& calls, const RunFacts& facts, const char* path, boo
     measured = Measure(calls, extent.bins, static_cast<size_t>(extent.some));
     TracePlan plan;
     problem = WriteWithin(calls, facts, path, measured, extent, everyCall && !isLess, plan);
-    // Of a full disk, the recorder has told while the tool ran.
+    // When calls were dropped, the recorder has told of the full disk already.
     if (problem == 0 && isLess && calls.Header().dropped == 0) {
       std::fprintf(stderr,
                    "quilmrun-record: there is space for %ld of %ld inferences in the record\n",
@@ -170,7 +170,7 @@ int Prepare(int argc, char** argv) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  // Writing beyond a limit then fails instead.
+  // A write beyond the limit on file sizes then fails, and does not end the process.
   std::signal(SIGXFSZ, SIG_IGN);
   const std::string task = argc > 3 ? argv[1] : "";
   if (task == "prepare") {

@@ -6,8 +6,8 @@
 namespace quilmrun_record {
 namespace {
 
-// Durations below 256 ns have bins of 1 ns. From there on every power of two is 256 bins wide; the
-// last bin takes what is beyond 78 hours too.
+// Durations below 512 ns have bins of 1 ns. Beyond, the stretch from each power of two to the next
+// one has 256 bins. The last bin also takes durations beyond 78 hours.
 constexpr unsigned kBits = 8;
 constexpr uint64_t kPerOctave = uint64_t{1} << kBits;
 constexpr unsigned kMostBits = 48;

@@ -15,8 +15,8 @@ namespace {
 
 enum class Found { kNothing, kLibrary, kProblem };
 
-// The first library there is decides, as it does for the loader, which passes over those for other
-// machines.
+// The first library that exists decides, as it does for the loader. The loader passes over
+// libraries for other machines.
 Found Try(const char* path, char* text, size_t size) {
   if (access(path, R_OK) != 0) {
     return Found::kNothing;
@@ -30,7 +30,7 @@ Found Try(const char* path, char* text, size_t size) {
   return problem == nullptr ? Found::kLibrary : Found::kProblem;
 }
 
-// The directories of LD_LIBRARY_PATH, of the executable's RUNPATH and of the system.
+// Returns the directories of LD_LIBRARY_PATH, of the executable's RUNPATH and of the system.
 Dl_serinfo* LoaderDirectories() {
   void* executable = dlopen(nullptr, RTLD_LAZY);
   Dl_serinfo needed;

@@ -12,7 +12,7 @@ namespace {
 
 using quilm_interposer::Id;
 
-// Follows one run; the sink gets everything as soon as it is complete.
+// Follows one run, and hands everything to the sink as soon as it is complete.
 class Follower {
  public:
   explicit Follower(RunSink& sink) : sink_(sink) {}
@@ -84,7 +84,7 @@ class Follower {
     }
   }
 
-  // The first dataset takes the outputs of all inferences, every other one the inputs of one.
+  // The first dataset takes the outputs of all inferences, each other one takes the inputs of one.
   void BeginDataset(const CallEntry& call) {
     EndPhase(lastNs_);
     if (++datasets_ >= 2) {
@@ -140,7 +140,7 @@ class Follower {
   long group_ = -1;
   long executions_ = 0;      // of this group
   bool hasFailed_ = false;   // one of them
-  bool isBatchSet_ = false;  // in this group: what comes then are no inputs from files
+  bool isBatchSet_ = false;  // in this group: buffers that follow are not read from files
   uint64_t executedNs_ = 0;  // end of the latest execution, until its outputs are written
   CallEntry staged_{};       // the latest allocation, until it is used
   std::unordered_map<uint64_t, uint64_t> memory_;  // bytes by address

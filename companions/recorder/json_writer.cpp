@@ -14,8 +14,8 @@ struct Sequence {  // of the bytes of one character
   size_t size;
 };
 
-// The well-formed sequences: none that is longer than it need be, no surrogate, and nothing beyond
-// the last character.
+// These are all well-formed sequences. Sequences that are longer than they need to be, surrogates
+// and what is beyond the last character are not among them.
 constexpr Sequence kSequences[] = {
     {0x00, 0x7F, 0x00, 0x00, 1}, {0xC2, 0xDF, 0x80, 0xBF, 2}, {0xE0, 0xE0, 0xA0, 0xBF, 3},
     {0xE1, 0xEC, 0x80, 0xBF, 3}, {0xED, 0xED, 0x80, 0x9F, 3}, {0xEE, 0xEF, 0x80, 0xBF, 3},
@@ -25,7 +25,7 @@ unsigned char ByteAt(std::string_view text, size_t i) {
   return i < text.size() ? static_cast<unsigned char>(text[i]) : 0;
 }
 
-// The number of bytes of the UTF-8 character at `start`, or 0 when there is none.
+// Returns the number of bytes of the UTF-8 character at `start`, or 0 when there is none.
 size_t CharacterBytes(std::string_view text, size_t start) {
   const unsigned char first = ByteAt(text, start);
   for (const Sequence& sequence : kSequences) {

@@ -25,7 +25,7 @@ double Seconds() {
   return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) / 1e9;
 }
 
-// The files that a list names: one in each line that is not empty.
+// Returns how many files a list names: each line that is not empty names one.
 uint64_t CountFiles(const std::string& list) {
   struct stat status = {};
   if (list.empty() || stat(list.c_str(), &status) != 0 || !S_ISREG(status.st_mode)) {
@@ -39,7 +39,7 @@ uint64_t CountFiles(const std::string& list) {
   return count;
 }
 
-// How many inferences have begun and, where list and model tell, of how many.
+// The number of inferences that have begun, and of all where list and model tell it.
 struct Progress {
   uint64_t begun = 0;
   uint64_t all = 0;
@@ -62,7 +62,8 @@ void Show(const Progress& progress, double perSecond, double seconds) {
   if (progress.all > 0) {
     std::snprintf(all, sizeof(all), " of %llu", static_cast<unsigned long long>(progress.all));
   }
-  // Where the log goes to the terminal too, a line that is written over would be torn apart by it.
+  // When the log goes to the terminal too, each message is a line of its own: the log would tear a
+  // line apart that is written over and over.
   const bool isLogShown = isatty(STDOUT_FILENO) != 0;
   std::fprintf(stderr, "%squilmrun-record: %llu%s inferences, %.1f a second, %.0f s%s",
                isLogShown ? "" : "\r\033[K", static_cast<unsigned long long>(progress.begun), all,

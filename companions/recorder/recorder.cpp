@@ -54,9 +54,9 @@ void NoteOutcome(CallEntry& entry, Call<Id::quilm_rt_malloc>, void** memory, siz
   NoteHandle(entry, *memory);
 }
 
-// Exceptions of the library pass through here on their way to the tool. They may be of another C++
-// library than the one this is built with, so there must be nothing here that notices them; their
-// calls stay unfinished.
+// Exceptions of the library pass through this function on their way to the tool. They may belong to
+// another C++ library than this one is built with, so nothing here may notice them. A call that
+// throws stays unfinished.
 template <Id kId, typename... Arguments>
 ResultOf<kId> Handle(Call<kId> call, Arguments... arguments) {
   CallEntry entry{};

@@ -21,15 +21,15 @@ using quilm_interposer::Id;
 
 constexpr size_t kDropped = SIZE_MAX;  // in place of a call's number
 
-// Taken beyond what is written, and given back at the end, so that a disk which the calls have
-// filled has space for the record.
+// The recorder takes this much space beyond what it writes, and gives it back at the end. A disk
+// that the calls have filled then has space for the record.
 constexpr size_t kReserve = 256 * 1024;
 
-// The first dataset takes the outputs of all inferences, every other one the inputs of one.
+// The first dataset takes the outputs of all inferences, each other one takes the inputs of one.
 constexpr uint64_t kFirstOfInputs = 2;
 
 uint32_t ThreadNumber() {
-  // Loaded with the process, the recorder may have its thread-local variables in the fast place.
+  // The recorder is loaded with the process, so its thread-local variables may use the fast place.
   __attribute__((tls_model("initial-exec"))) static thread_local uint32_t number = 0;
   if (number == 0) {
     number = static_cast<uint32_t>(syscall(SYS_gettid));
@@ -78,8 +78,8 @@ const char* Recording::Open(const char* path, const char* library) {
   return nullptr;
 }
 
-// Space on the disk is taken beforehand: where it is missing, writing to mapped memory would end
-// the process.
+// The space on the disk is taken beforehand: writing to mapped memory without it would end the
+// process.
 const char* Recording::Map(const char* path) {
   file_ = open(path, O_RDWR | O_CLOEXEC);
   CallsHeader header;
@@ -109,12 +109,12 @@ const char* Recording::Map(const char* path) {
   return nullptr;
 }
 
-// Tries it, moving the entries to the end of the file included, and takes the median of several
-// rounds, as anything may come between.
+// Notes calls that are none, and moves their entries to the end of the file too. The median of
+// several rounds counts, because other programs may disturb some of them.
 void Recording::MeasureCost() {
   constexpr size_t kRounds = 9;
   uint64_t rounds[kRounds];
-  std::memset(mapped_->latest, 0, sizeof(mapped_->latest));  // touched for the first time
+  std::memset(mapped_->latest, 0, sizeof(mapped_->latest));  // the first touch takes longer
   for (uint64_t& round : rounds) {
     const uint64_t start = MonotonicNs();
     for (size_t call = 0; call <= kLatest; ++call) {
@@ -161,7 +161,7 @@ void Recording::End(size_t number, CallEntry& entry, int64_t result) {
   if (entry.call == NumberOf(Id::quilm_mdl_get_num_inputs)) {
     header.inputs = static_cast<uint64_t>(result);
   }
-  if (number < header.flushed) {  // calls within this one have filled the memory since
+  if (number < header.flushed) {  // calls within this one have been moved meanwhile
     WriteAt(file_, &entry, sizeof(entry), OffsetOf(number));
   } else if (header.everyCall == 0 && header.datasets >= kFirstOfInputs &&
              kCallKinds[entry.call - 1].onlyAsks && number + 1 == header.count) {
@@ -171,8 +171,8 @@ void Recording::End(size_t number, CallEntry& entry, int64_t result) {
   }
 }
 
-// From the first inference on, a call that only asks has an entry just as long as it lasts, which
-// is what is left of it when the process ends within it. Afterwards it is counted.
+// From the first inference on, a call that only asks has an entry only while it lasts: the entry
+// tells where the process ended, should it end within the call. Afterwards the call is counted.
 void Recording::TakeBack(const CallEntry& entry) {
   CallsHeader& header = mapped_->header;
   Add(entry, header.withoutEntry[entry.call - 1]);
@@ -180,7 +180,7 @@ void Recording::TakeBack(const CallEntry& entry) {
   --header.count;
 }
 
-// Takes no time of any call, as it comes before the next one begins.
+// Moving the entries takes no time of any call: it is done before the next call begins.
 bool Recording::Flush() {
   const int tools = errno;
   CallsHeader& header = mapped_->header;

@@ -23,7 +23,7 @@ using quilm_interposer::Id;
 constexpr size_t kMostMemoryPoints = 4096;
 constexpr size_t kMostOutputs = 4096;
 
-// Empties the durations.
+// Fills the figures of a bin, and empties the durations for the next one.
 void Summarize(std::vector<uint64_t>& durations, CourseBin& bin) {
   bin.executions = durations.size();
   if (!durations.empty()) {
@@ -43,8 +43,9 @@ class Meter : public RunSink {
  public:
   Meter(Measurements& results, const CallsHeader& header, size_t bins, size_t slowest)
       : results_(results), slowest_(slowest) {
-    // The first dataset takes the outputs.
-    expected_ = static_cast<long>(std::max<uint64_t>(header.datasets, 2) - 1);
+    // The first dataset takes the outputs. A damaged file may claim any number.
+    constexpr uint64_t kMostDatasets = uint64_t{1} << 40;
+    expected_ = static_cast<long>(std::clamp<uint64_t>(header.datasets, 2, kMostDatasets) - 1);
     const auto most = static_cast<long>(bins);
     results_.inferencesPerBin = (expected_ + most - 1) / most;
     std::copy(std::begin(header.withoutEntry), std::end(header.withoutEntry),

@@ -19,7 +19,7 @@
 namespace quilmrun_record {
 namespace {
 
-// The first line of a file that the kernel makes, up to a NUL; empty when there is none.
+// Returns the first line of a file of the kernel, up to a NUL, or nothing without such a file.
 std::string FirstLine(const char* path) {
   std::ifstream file(path);
   std::string line;
@@ -27,7 +27,7 @@ std::string FirstLine(const char* path) {
   return line.substr(0, line.find('\0'));
 }
 
-// Boards have a device tree, PCs a table of their maker.
+// Returns the model of the machine: boards have a device tree, PCs have a table of their maker.
 std::string Board() {
   std::string model = FirstLine("/proc/device-tree/model");
   if (!model.empty()) {
@@ -38,7 +38,7 @@ std::string Board() {
   return vendor.empty() || product.empty() ? vendor + product : vendor + " " + product;
 }
 
-// As the kernel names it, which it does for few Arm processors; otherwise the kind.
+// Returns the processor's name and kind. The kernel knows no name for most Arm processors.
 std::string Processor(const std::string& kind) {
   std::ifstream file("/proc/cpuinfo");
   for (std::string line; std::getline(file, line);) {
@@ -51,7 +51,7 @@ std::string Processor(const std::string& kind) {
   return kind;
 }
 
-// Date, time and zone: 2026-11-23T18:02:30+0100.
+// Returns date, time and zone, such as 2026-11-23T18:02:30+0100.
 std::string Now() {
   const std::time_t now = std::time(nullptr);
   std::tm local{};
@@ -66,7 +66,7 @@ std::string CurrentDirectory() {
   return getcwd(path, sizeof(path)) == nullptr ? "" : path;
 }
 
-// Keys and values by turns. The last of them do not fit where the command is very long.
+// Writes keys and values by turns. It leaves out words of a command that is too long for the space.
 class FactsWriter {
  public:
   explicit FactsWriter(CallsFacts& facts) : facts_(facts) {}

@@ -18,7 +18,7 @@ constexpr uint64_t Rounded(uint64_t ns) {
   return ns / kGrainNs * kGrainNs;
 }
 
-// What a call is counted to, for the viewer's colours and filters.
+// Returns the group of functions that a call belongs to, for the viewer's colours and filters.
 const char* CategoryOf(std::string_view function) {
   const auto has = [&](std::string_view word) { return Contains(function, word); };
   return has("execute")                         ? "execute"
@@ -29,7 +29,7 @@ const char* CategoryOf(std::string_view function) {
                                                 : "runtime";
 }
 
-// Writes the events of one inference in one line, and each other one in a line of its own.
+// Writes all events of an inference in one line, and each other event in a line of its own.
 class TraceWriter : public RunSink {
  public:
   TraceWriter(JsonWriter& json, const TracePlan& plan) : json_(json), plan_(plan) {}
@@ -69,7 +69,7 @@ class TraceWriter : public RunSink {
     }
   }
 
-  // Within an inference, the peak is shown where it is another than that of the inference before.
+  // Of an inference, only the peak is shown, and only where it differs from the one shown last.
   void OnMemory(uint64_t ns, uint64_t bytes) override {
     if (group_ < 0 || plan_.everyCall) {
       WriteMemory({ns, bytes});
@@ -125,7 +125,7 @@ class TraceWriter : public RunSink {
     return call.thread == mainThread_ ? 1 : call.thread;
   }
 
-  // Without these, a call has succeeded.
+  // A call without arguments has succeeded.
   void WriteArguments(const CallEntry& call, const Place& place) {
     const CallKind& kind = kCallKinds[call.call - 1];
     if (!HasReturned(call) || Failed(kind, call.result) || plan_.everyCall) {
@@ -185,7 +185,8 @@ long TracePlan::Kept() const {
 }
 
 TracePlan PlanTrace(const Measurements& measured, long every, long some, bool everyCall) {
-  constexpr long kLargestShare = 20;  // the ends and the slowest are no more than a twentieth each
+  constexpr long kLargestShare =
+      20;  // each end, and the slowest, are a twentieth of the run at most
   TracePlan plan;
   plan.inferences = measured.inferences;
   plan.everyCall = everyCall;
