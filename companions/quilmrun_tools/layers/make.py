@@ -31,13 +31,13 @@ def run(options: argparse.Namespace, streams: Streams) -> int:
     chosen, notes = choose(graph, choice)
     outputs = plan(graph, chosen, options.at_most, "probe")
     layers = describe(graph, chosen, outputs)
-    if options.json != "-":
-        for line in said_of_sizes(layers):
-            streams.say(line)
     second = quantised.names_for(outputs) if options.quantised else []
     check_folder(folder, [*outputs.files, *second])
     check_own(str(folder / layer_results.FILE_NAME),
               json_marker(layer_results.PROBE_FORM.name), layer_results.PROBE_FORM.name)
+    if options.json != "-":
+        for line in said_of_sizes(layers):
+            streams.say(line)
     write_probes(graph, outputs, folder)
     probe = Probe(
         checksum(Path(options.model)), graph.inputs, outputs.files, graph.outputs,

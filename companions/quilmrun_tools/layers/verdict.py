@@ -16,7 +16,7 @@ NAMED = 3  # layers that a verdict names at most
 _EXPLAINS = 0.8  # share of the error's energy from which on a cause is its kind
 _MANY = 64  # values of a channel whose energy varies little from one to the other
 _EXACT = 90.0  # dB: rounding of 32-bit floats, not an error
-_CLEAR = 50.0  # dB: better than this no layer goes wrong, whatever the others are
+_CLEAR = 60.0  # dB: better than this no layer goes wrong, whatever the others are
 
 
 def limits_of(snr: Optional[float], cosine: Optional[float]) -> LayerLimits:
@@ -68,13 +68,15 @@ def beyond(found: Mapping[str, Evidence], limits: LayerLimits) -> list[str]:
 def _stands_out(name: str, found: Mapping[str, Evidence]) -> bool:
     """Whether a layer is clearly worse than the others. A fault may touch few values and leave the
     SNR of its layer above any limit that quantised layers keep; but it is far from what else the
-    same board does. The better the layer, the clearer it has to be."""
+    same board does. The better the layer, the clearer it has to be, most of all where its error
+    looks like noise, of which every board makes some."""
     own = severity(found[name])
     if own >= _CLEAR or found[name].error_free:
         return False
     typical = typical_snr({other: one for other, one in found.items() if other != name})
-    wanted = 8.0 if shape_of_error(found[name])[0] != "noise" else 12.0
-    return typical - own >= wanted + max(0.0, own - 20.0) / 3
+    noise = shape_of_error(found[name])[0] == "noise"
+    wanted = max(12.0, own - 7.0) if noise else 8.0 + max(0.0, own - 20.0) / 3
+    return typical - own >= wanted
 
 
 def typical_snr(found: Mapping[str, Evidence]) -> float:

@@ -93,18 +93,58 @@ class Network:
                               kernel_shape=[2, 2], strides=[2, 2])
         return self._conv(x, wide)
 
-    def model(self, weights=None, extra=()):
+    def model(self):
         """The network as an ONNX model."""
-        nodes = [node for node in self.nodes]
-        for after, node in extra:
-            at = next(i for i, one in enumerate(nodes) if after in one.output)
-            nodes[at + 1:at + 1] = node
         graph = helper.make_graph(
-            nodes, "network",
+            self.nodes, "network",
             [helper.make_tensor_value_info("x", TensorProto.FLOAT, ["N", 3, self.size, self.size])],
             [helper.make_tensor_value_info(self.output, TensorProto.FLOAT, ["N", 10])],
-            [numpy_helper.from_array(value, name)
-             for name, value in {**self.weights, **(weights or {})}.items()])
+            [numpy_helper.from_array(value, name) for name, value in self.weights.items()])
         model = helper.make_model(graph, opset_imports=[helper.make_opsetid("", 13)])
         model.ir_version = 7
         return model
+
+    def spoil(self, kind):
+        """(result, activated result, {weights: spoiled}) of a layer picked at random; to "clip" is
+        left to clip()."""
+        layers = [layer for layer in self.spoilable if kind != "clip" or layer[0] != layer[1]]
+        made, last, (_, weight, bias) = layers[self.random.integers(len(layers))]
+        value = self.weights[weight].copy()
+        if kind == "scale":
+            value[self.random.integers(len(value))] *= self.random.choice([.25, .5, 2, 3])
+            return made, last, {weight: value}
+        if kind == "bits":
+            return made, last, {weight: rounded(value, 3)}
+        return made, last, {bias: self.weights[bias] * 0} if kind == "bias" else {}
+
+    def accepted(self, made, last):
+        """What a search may name for a spoiled layer: its result, or that of the activation or
+        join that directly follows."""
+        joins = [node.output[0] for node in self.nodes
+                 if node.op_type in ("Add", "Concat") and last in node.input]
+        return {made, last, *joins, *(node.output[0] for node in self.nodes
+                                      if node.op_type == "Relu" and node.input[0] in joins)}
+
+
+def rounded(value, bits):
+    """Weights with so many bits."""
+    step = np.abs(value).max() / (2 ** (bits - 1) - 1)
+    return np.float32(np.round(value / step) * step)
+
+
+def with_weights(model, weights):
+    """The model with other values for some weights."""
+    for tensor in model.graph.initializer:
+        if tensor.name in weights:
+            tensor.CopyFrom(numpy_helper.from_array(weights[tensor.name], tensor.name))
+    return model
+
+
+def clip(model, tensor, high):
+    """The model with a tensor that never exceeds `high`."""
+    at, node = next((at, node) for at, node in enumerate(model.graph.node)
+                    if tensor in node.output)
+    node.output[0] = tensor + "/all"
+    model.graph.initializer.append(numpy_helper.from_array(np.float32(high), "high"))
+    model.graph.node.insert(at + 1, helper.make_node("Clip", [tensor + "/all", "", "high"], [tensor]))
+    return model
