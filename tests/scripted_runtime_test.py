@@ -182,6 +182,10 @@ class Descriptions(ScriptedRuntimeTest):
         self.assertIn("quilm_mdl_set_total_t 4000000077 70000\n", self.calls())
         self.assertIn("set total_t to 70000\n", self.run_scripted(many.format(70000, 70000),
                                                                   data=bytes(70000))[1])
+        # A scalar is one frame of one element.
+        self.check(0, SUCCESS, "net_type 2\ninput frames 4 16 8\n" + TASK_AND_WORK +
+                   "output y 4 16 8 2 4\n", data=b"\7")
+        self.assertIn("  16/8:07000000", self.calls())
         too_many = "[ERROR] Current number of frames[{}] must be smaller than the " \
                    "recurrent_max_total_t[{}]\n"
         self.check(1, too_many.format(5, 4) + STAGING_FAILED,
