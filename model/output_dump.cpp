@@ -21,8 +21,8 @@ namespace {
 
 constexpr mode_t kRunDirectoryMode = 0775;
 
-// A runtime may claim outputs that were never created. It is asked for no more than these, so that
-// the dump comes to an end.
+// A runtime may claim outputs that were never created. It is asked for no more than these beyond
+// the others, so that the dump comes to an end.
 constexpr size_t kMaxUnknownOutputs = 4096;
 
 // An output can be larger than the memory that a board has left, or than a list can hold. The other
@@ -43,7 +43,7 @@ bool TryAppendRows(const OutputRows& rows, std::vector<float>& values) {
 
 void ModelProcess::DumpModelOutput(const std::string& outputPath) {
   const size_t count = std::min(quilm_mdl_get_dataset_num_buffers(output.get()),
-                                std::max(outputSizes_.size(), kMaxUnknownOutputs));
+                                outputSizes_.size() + kMaxUnknownOutputs);
   std::vector<std::string> usedNames;
   const std::string runDirectory = outputPath + "/" + std::to_string(executeCount - 1);
   // A directory that cannot be made shows up as files that cannot be created.

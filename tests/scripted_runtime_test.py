@@ -265,7 +265,7 @@ class Outputs(ScriptedRuntimeTest):
                 self.assertIn("]\n" + 2 * (message + failed) + "[INFO]  dump data success\n", out)
                 self.assertEqual(files, {})
         # A runtime that counts outputs too many hands out nothing for them.
-        for claimed, dumped in ((2, 2), (-1, 4096)):
+        for claimed, dumped in ((2, 2), (-1, 4097)):
             out, files = self.dump("output y 4 16 8 2 4\n",
                                    f"fail quilm_mdl_get_dataset_num_buffers 2 {claimed}\n",
                                    complaint=r"host runtime: .*buffer: \w+ \d+, but there are 1")
