@@ -3,7 +3,7 @@
 from pathlib import PurePath
 from typing import Collection, Iterable, Sequence
 
-from quilmrun_tools.common.streams import Streams, one_line
+from quilmrun_tools.common.streams import Streams
 
 
 def print_table(head: Sequence[str], rows: Sequence[Sequence[str]], left: Collection[str],

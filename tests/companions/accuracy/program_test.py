@@ -99,6 +99,11 @@ class Labels(AccuracyTest):
         result = self.judged("two", "--labels-from-folders")
         self.assertEqual(result["confusion"], [[0, 1], [0, 1]])
         self.assertIn("prob is the same for all 2 pictures", result["notes"])
+        self.run_of({"prob": [[np.nan, 2], [1, 1], [0, 2]]}, "dead")
+        self.write("labels", "0 0\n1 0\n2 1\n")
+        self.assertEqual(self.judged("dead", "--labels", "labels")["notes"], [
+            "prob holds NaN for 1 of 3 pictures",
+            "prob has the same score for all classes for 1 of 3 pictures, which counts as wrong"])
         self.run_of({"prob": [[1, 2]]}, "seven", [[self.source("/v/1/7.jpg")]])
         self.assertEqual(self.judged("seven", "--labels-from-folders")["top1"], 1)
 

@@ -6,7 +6,7 @@ import unittest
 
 import numpy as np
 from PIL import Image
-from prepared import FLOAT, RED, UINT8, InputsTest
+from prepared import FLOAT, INT8, RED, UINT8, InputsTest
 
 WEIGHTS = {"bt601": (0.299, 0.587, 0.114), "bt709": (0.2126, 0.7152, 0.0722)}
 
@@ -90,8 +90,12 @@ class CameraFormats(InputsTest):
             found, = self.prepare(shape, UINT8, "--color", color, *options, "a.png")
             self.assertEqual(len(found), values)
             self.assertIn(f", {color}", self.said)
-        self.assertEqual(self.prepare([192], UINT8, "--color", "rgb", "--picture", "8x8", "a.png"),
-                         [list(RED) * 64])
+        for shape, wanted in (([192], list(RED) * 64), ([1, 3, 8, 8], [255] * 64 + [0] * 128)):
+            self.assertEqual(self.prepare(shape, UINT8, "--color", "rgb", "--picture", "8x8",
+                                          "a.png"), [wanted])
+        self.picture("b.png", [[RED, (1, 2, 3)]] * 4)
+        self.assertEqual(self.prepare([1, 3, 4, 2], UINT8, "--color", "rgb", "--picture", "2x4",
+                                      "b.png"), [[255, 1] * 4 + [0, 2] * 4 + [0, 3] * 4])
         self.assertEqual(len(self.prepare([2, 1, 12, 8], UINT8, "--color", "nv12", "a.png", "a.png",
                                           "a.png")), 2)
         for text, shape, *options in [
@@ -113,6 +117,29 @@ class CameraFormats(InputsTest):
         self.assertIn("taken for gray, but [1, 1, 72, 48] could be NV12 of 48 x 48", errors)
         for options in (("--color", "gray"), ("--color", "nv12")):
             self.prepare([1, 1, 72, 48], UINT8, "a.png", *options)  # says nothing
+
+    def test_frames_are_shown_in_colour(self):
+        """Of every format, and of signed bytes: left green, right blue."""
+        self.picture("a.png", [[(0, 255, 0)] * 4 + [(0, 0, 255)] * 4] * 4)
+        shapes = {**{name: [96 // 2] for name in ("nv12", "nv21", "i420")}, "yuyv": [4, 8, 2],
+                  "yuv444": [3, 4, 8], "gray": [4, 8], "rgb": [3, 4, 8], "bgr": [4, 8, 3], "rgba": [4, 4, 8],
+                  "bgra": [4, 8, 4]}
+        for name, shape in shapes.items():
+            options = ("--color", name, "--preview", "s.png",
+                       *(("--picture", "8x4") if len(shape) == 1 else ()),
+                       *(("--layout", "nhwc") if shape[-1] == 4 else ()))
+            found, = self.prepare(shape, UINT8, "a.png", *options)
+            self.write("frame.raw", bytes(found))
+            signed = bytes(value - 128 & 255 for value in found)
+            for frame, kind in ((bytes(found), UINT8), (signed, INT8)):
+                self.write("frame.raw", frame)
+                self.assertEqual(self.prepare(shape, kind, "frame.raw", *options),
+                                 [np.frombuffer(frame, kind[0]).tolist()])
+                with Image.open(self.dir / "s.png") as sheet:
+                    shown = np.asarray(sheet, int)[22 + 36:22 + 108, 4:148]
+                colours = ((150,) * 3, (29,) * 3) if name == "gray" else ((0, 255, 0), (0, 0, 255))
+                for half, colour in zip((shown[:, 8:64], shown[:, 80:136]), colours):
+                    self.assertLessEqual(np.abs(half - colour).max(), 3, name)
 
     def test_frames(self):
         """Raw data of any suffix, several in a file, in batches; the preview in colour."""

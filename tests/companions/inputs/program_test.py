@@ -119,6 +119,12 @@ class OtherSources(InputsTest):
         # Of frames, the first dimension, there may be fewer.
         np.save(self.dir / "frames.npy", np.ones((5, 2)))
         self.assertEqual(self.prepare([3, 2], FLOAT, "frames.npy"), [[1.0] * 6, [1.0] * 4])
+        np.save(self.dir / "runs.npy", np.arange(12).reshape(2, 3, 2))
+        self.assertEqual(self.prepare([3, 2], FLOAT, "runs.npy"), [[*range(6)], [*range(6, 12)]])
+        self.picture("a.png", [[RED] * 2] * 2)
+        np.save(self.dir / "whole.npy", np.ones((2, 3, 2, 2)))
+        self.refused_for("2 pictures at a time: give it either", [2, 3, 2, 2], FLOAT, "a.png",
+                         "whole.npy")
 
     def test_batches(self):
         for value in range(3):
@@ -141,6 +147,11 @@ class OtherSources(InputsTest):
         self.assertLess(min(values[0][0]), -100)
         ids = self.prepare([1, 1000], INT32, "--random", 1, "--range", "3,5")[0]
         self.assertEqual(set(ids), {3, 4, 5})
+        for kind, low, high in ((FLOAT, 0, 1), (INT32, 0, 255), (INT8, -128, 127)):
+            values = self.prepare([1, 5000], kind, "--random", 1)[0]
+            self.assertGreaterEqual(min(values), low)
+            self.assertLessEqual(max(values), high)
+            self.assertGreater(max(values) - min(values), 0.99 * (high - low))
 
     def test_several_inputs_through_the_tool(self):
         """Identity passes on what the files hold; a list cannot hold a name with a colon."""
@@ -198,7 +209,7 @@ class Refusals(InputsTest):
                 ("no pictures of 1 channels",
                  ("--model-log", "log.txt", "a.png", "--color", "gray")),
                 ("1 or 3 numbers here", ("--model-log", "log.txt", "a.png", "--mean", "1,2")),
-                ("must not be 0", ("--model-log", "log.txt", "a.png", "--std", "0")),
+                ("must not be 0", ("--model-log", "log.txt", "a.png", "--std", "1,0,1")),
                 ("neither a number", ("--model-log", "log.txt", "a.png", "--std", "1/0")),
                 ("fixed dimensions", ("--model-log", "dynamic.txt", "--random", "1")),
                 ("--input a=three.npy", ("--model-log", "two.txt", "three.npy")),

@@ -9,6 +9,7 @@ from unittest import mock
 
 from prepared import UINT8, InputsTest
 
+from companion import log_text
 from quilmrun_tools.artifacts import prepared_inputs
 from quilmrun_tools.inputs import prepare, target_folder
 
@@ -52,6 +53,17 @@ class TargetFolder(InputsTest):
         value = os.umask(0)
         os.umask(value)
         return value
+
+    def test_empty(self):
+        """An empty folder is taken, and so is one of several inputs, whose list names them."""
+        (self.dir / "new").mkdir()
+        self.write("two.txt", log_text([self.model_log([1, 2], UINT8, name) for name in "ab"]))
+        for seed in (1, 2):
+            status, _, errors = self.run_companion("--model-log", "two.txt", "-o", "new", "--random",
+                                                   "1", "--seed", seed)
+            self.assertEqual((status, errors), (0, ""))
+        self.assertEqual((self.dir / "new/list.txt").read_text(),
+                         "a:00000_a_random.bin\nb:00000_b_random.bin\n")
 
     def test_what_others_made_or_changed(self):
         for name, content, text in [
@@ -121,6 +133,17 @@ class TargetFolder(InputsTest):
         self.refused("or which were changed meanwhile", *self.command)
         self.assertEqual((self.dir / "p/notes").read_text(), "mine")
         self.assertEqual(sorted(os.listdir(self.dir)), ["log.txt", "out", "p"])
+
+
+    def test_exchange(self):
+        with self.assertRaises(FileNotFoundError):
+            target_folder.exchange(self.dir / "p", self.dir / "none")
+        refused = mock.Mock(side_effect=OSError(22, "Invalid argument"))
+        self.enterContext(mock.patch.object(target_folder, "exchange", refused))
+        before = self.outputs("p")
+        self.refused("in the place of p: Invalid argument; name a new folder", *self.command)
+        self.assertEqual((self.outputs("p"), sorted(os.listdir(self.dir))),
+                         (before, ["log.txt", "out", "p"]))
 
 
 if __name__ == "__main__":
