@@ -9,7 +9,9 @@ from quilmrun_tools.common.files import AnyPath, read_regular
 
 FILE_NAME = "memory_data.csv"
 _LARGEST = 1 << 20  # bytes; a report has two lines
-_FIRST_COLUMN = "Model Load Time(ms)"
+_TITLES = ["Model Load Time(ms)", "Read Model File Time(ms)", "Model Execute Time(ms)",
+           "Input Size(KB)", "Task Buffer Size(KB)", "Output Size(KB)", "Mapper Temp Buffer(KB)",
+           "Online Model Size(KB)", "Quilm Init Memory Size(KB)"]
 
 
 @dataclass
@@ -26,9 +28,7 @@ def read_memory_report(path: AnyPath) -> MemoryReport:
         columns = dict(zip(titles, map(float, values), strict=True))
     except (ValueError, csv.Error) as error:
         raise _not_whole(path) from error
-    if titles[0] != _FIRST_COLUMN:
-        raise Unreadable(f"{path} is not a memory report of quilmrun")
-    if len(columns) < len(titles) or not all(map(math.isfinite, columns.values())):
+    if titles != _TITLES or not all(map(math.isfinite, columns.values())):
         raise _not_whole(path)
     return MemoryReport(columns)
 

@@ -79,9 +79,8 @@ class MemoryReports(ReaderTest):
         for content in ("", CSV_HEADER, CSV_HEADER + row * 2, CSV_HEADER + row[4:],
                         CSV_HEADER + "nan" + row[3:], CSV_HEADER + "1e999" + row[3:],
                         CSV_HEADER + "x" + row[3:], CSV_HEADER + '"' + row, b"\xff\n1\n",
-                        CSV_HEADER.replace("Input", "Output") + row):
+                        CSV_HEADER.replace("Input", "Output") + row, "a\n1\n"):
             self.refused("was cut short; take the one", memory_report.read_memory_report, content)
-        self.refused("is not a memory report of quilmrun", memory_report.read_memory_report, "a\n1\n")
         self.refused("more than the", memory_report.read_memory_report, b"x" * (2 << 20))
 
 
