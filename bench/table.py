@@ -60,6 +60,8 @@ PARTS = (
 DIGITS_RUNS = ((10, 1), (20, 1)) if BRIEF else ((10, 30), (1000, 12), (10000, 6))
 MEMORY_VALUES = 8192 if BRIEF else 8 * MIB
 COMPARED_VALUES = MIB if BRIEF else 256 * MIB
+SMALL_OUTPUTS = 100 if BRIEF else 10000
+COMPARED_OUTPUTS = (50, 100) if BRIEF else (5000, 50000)
 MEMORY_GROUPS = (10, 20) if BRIEF else (10000, 50000)
 
 lines: list[tuple[str, float, float, str, float | None]] = []
@@ -246,26 +248,58 @@ def measure_long_recording(scratch, count):
 
 
 def measure_comparing(scratch: Path) -> None:
-    """quilmrun-compare on outputs of one large run, against cmp on the same files."""
-    values = numpy.random.default_rng(0).standard_normal(COMPARED_VALUES, numpy.float32)
-    near = values * numpy.float32(1 + 1e-6)
-    for folder, content in (("one", values), ("equal", values), ("near", near)):
-        (scratch / folder / "0").mkdir(parents=True)
-        content.tofile(scratch / folder / "0/y.0.1.bin")
+    """quilmrun-compare on one large output, on many small ones, and its memory."""
+    compare = ROOT / "companions/quilmrun-compare"
+    write_outputs(scratch / "large", 1, COMPARED_VALUES)
+    write_outputs(scratch / "small", SMALL_OUTPUTS, 1000)
 
-    def seconds(*command: str | Path) -> float:
+    def best_ms(*command: str | Path) -> float:
         times = []
         for _ in range(1 if BRIEF else 5):
             start = time.perf_counter()
             subprocess.run(command, cwd=scratch, check=True, stdout=subprocess.DEVNULL)
             times.append(time.perf_counter() - start)
-        return min(times)
+        return min(times) * 1000
 
-    floor = seconds("cmp", "one/0/y.0.1.bin", "equal/0/y.0.1.bin") * 1000
     size = COMPARED_VALUES * 4 // MIB
+    floor = best_ms("cmp", "large/one/0/y.0.1.bin", "large/equal/0/y.0.1.bin")
     for folder, what in (("equal", "equal"), ("near", "all different")):
         add(f"quilmrun-compare, 2 x {size:,} MiB, {what} | cmp of equal files", floor,
-            seconds(ROOT / "companions/quilmrun-compare", "one", folder) * 1000, "ms", 3)
+            best_ms(compare, "large/one", f"large/{folder}"), "ms", 8)
+    add(f"quilmrun-compare, {SMALL_OUTPUTS:,} outputs of 1,000 floats | plain loop in NumPy",
+        best_ms("/usr/bin/python3", ROOT / "bench/plain_compare.py", "small/one", "small/near"),
+        best_ms(compare, "small/one", "small/near"), "ms", 1.5)
+    shutil.rmtree(scratch / "large")
+    shutil.rmtree(scratch / "small")
+    peaks = {}
+    for outputs in COMPARED_OUTPUTS:
+        write_outputs(scratch / "many", outputs, 10)
+        peaks[outputs] = peak_of(compare, scratch / "many/one", scratch / "many/near")
+        shutil.rmtree(scratch / "many")
+    few, many = COMPARED_OUTPUTS
+    add(f"quilmrun-compare, peak memory at {many:,} outputs | at {few:,}", peaks[few], peaks[many],
+        "MiB", 1.5)
+
+
+def write_outputs(folder: Path, runs: int, values: int) -> None:
+    """Outputs of one run of the tool, the same once more, and others that all differ a little."""
+    generator = numpy.random.default_rng(0)
+    for run in range(runs):
+        content = generator.standard_normal(values, numpy.float32)
+        for name, factor in (("one", 1), ("equal", 1), ("near", 1 + 1e-6)):
+            place = folder / name / str(run)
+            place.mkdir(parents=True)
+            (content * numpy.float32(factor)).tofile(place / f"y.0.{run + 1}.bin")
+
+
+def peak_of(*command: str | Path) -> float:
+    """MiB that a command uses at its peak, of a process that has no other children."""
+    script = ("import resource, subprocess, sys\n"
+              "subprocess.run(sys.argv[1:], check=True, stdout=subprocess.DEVNULL)\n"
+              "print(resource.getrusage(resource.RUSAGE_CHILDREN).ru_maxrss)")
+    result = subprocess.run([sys.executable, "-c", script, *command], check=True,
+                            capture_output=True)
+    return int(result.stdout) / 1024
 
 
 def format_value(value: float, unit: str) -> str:
