@@ -29,7 +29,8 @@ class InputDifference:
             f"was prepared of {ours} in another way, or {ours} has changed"
         many = "inference" if self.count == 1 else "inferences"
         return (f"both sides had other inputs in {self.count} {many}, first in {self.run}: "
-                f"{self.input} {made}; prepare both from the same list, or pair by --by-input")
+                f"{self.input} {made}; prepare both from the same list, pair by --by-input, or "
+                "allow it with --inputs-differ")
 
 
 def find_difference(output: Optional[Manifest], reference: Optional[Manifest],

@@ -41,7 +41,8 @@ class SameInputs(CompareTest):
         found = self.inputs(status=1)
         self.assertEqual(found["reasons"], [
             "both sides had other inputs in 2 inferences, first in 1: x was made of 1.png and of "
-            "2.png; prepare both from the same list, or pair by --by-input"])
+            "2.png; prepare both from the same list, pair by --by-input, or allow it with "
+            "--inputs-differ"])
         self.inputs("--inputs-differ")
         self.assertEqual(self.inputs("--by-input", status=1)["failed"], 2)
         self.outputs_of("c", {"y": [1]}, {"y": [3]}, {"y": [2]})
