@@ -147,11 +147,11 @@ def histogram(series: Sequence[tuple[str, str, Sequence[float]]], across: Axis,
         low, high = 0.9 * low, 1.1 * high or 1.0
     logarithmic = spreads(values)
     edges = [_between(low, high, place / BINS, logarithmic) for place in range(BINS + 1)]
-    counted = [Series(label, "steps", colour, _bins(each, edges, logarithmic), "until")
-               for label, colour, each in series if each]
+    binned = [Series(label, "steps", colour, _bins(each, edges, logarithmic), "until")
+              for label, colour, each in series if each]
     return Chart(f"Histogram of {across.name}",
                  Axis(across.name, across.unit, logarithmic, low, high), Axis("count", low=0.0),
-                 counted, marks)
+                 binned, marks)
 
 
 def _between(low: float, high: float, share: float, logarithmic: bool) -> float:
@@ -163,14 +163,13 @@ def _between(low: float, high: float, share: float, logarithmic: bool) -> float:
 def _bins(values: Sequence[float], edges: Sequence[float], logarithmic: bool) -> list[Point]:
     """(start, count, end) of every bin, and the end of the last one without a count. The greatest
     value belongs to the last bin."""
-    counts = [0] * BINS
+    occurrences = [0] * BINS
     low, high = edges[0], edges[-1]
     for value in values:
         share = math.log(value / low) / math.log(high / low) if logarithmic else \
             (value - low) / (high - low)
-        counts[min(BINS - 1, max(0, int(share * BINS)))] += 1
-    points: list[Point] = [(edges[at], count, edges[at + 1]) for at, count in enumerate(counts)]
-    return [*points, (high, 0)]
+        occurrences[min(BINS - 1, max(0, int(share * BINS)))] += 1
+    return [*((edges[at], count, edges[at + 1]) for at, count in enumerate(occurrences)), (high, 0)]
 
 
 def thinned(points: Sequence[Point], most: int = MOST_MARKS) -> list[Point]:

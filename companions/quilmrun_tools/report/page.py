@@ -44,8 +44,9 @@ def render(sides: list[Side], title: str, most_cases: int) -> str:
                               lstrip_blocks=True)
     environment.filters.update(ms=units.milliseconds, size=units.data_size,
                                number=units.significant, percent=units.percent)
-    environment.globals.update(change=units.change, count=count, signed=units.signed_percent, in_words=in_words, varies_much=VARIES_MUCH, limits_in_words=limits_in_words,
-                               tally=lambda lines: Counter(lines).most_common())
+    environment.globals.update(
+        change=units.change, changed_in_words=in_words, count=count, signed=units.signed_percent,
+        limits_in_words=limits_in_words, varies_much=VARIES_MUCH, occurrences=_occurrences)
     main, drawn = sides[-1], Drawings()
     drawings = {name: drawn.add(chart) for name, chart in charts_of(sides).items()}
     cases = worst_cases(main.run, most_cases, drawn)
@@ -61,9 +62,14 @@ def render(sides: list[Side], title: str, most_cases: int) -> str:
         calls=calls_table([side.figures for side in sides]),
         layers=layers, accuracy=accuracy_view(main.run), accuracies=_accuracies(sides),
         boards=main.run.boards, drawings=drawings, cases=cases, drawn=drawn, scripts=scripts,
-        policy=policy(scripts),
-        difference=difference_of(sides), changes=changes, settings=[_settings(side.run) for side in sides],
-        started=_started(main.run), part_titles=PART_TITLES)
+        policy=policy(scripts), difference=difference_of(sides), changes=changes,
+        settings=[_settings(side.run) for side in sides], started=_started(main.run),
+        part_titles=PART_TITLES)
+
+
+def _occurrences(lines: list[str]) -> list[tuple[str, int]]:
+    """Each line and how often it occurs, the most frequent first."""
+    return Counter(lines).most_common()
 
 
 def _accuracies(sides: list[Side]) -> list[tuple[str, Classification]]:

@@ -23,7 +23,7 @@ CHUNK = 1 << 15  # elements that are read at a time
 
 
 @dataclass
-class Picture:
+class CasePicture:
     """A source of an inference; `image` is a data URI, empty where there is no picture."""
 
     name: str
@@ -40,7 +40,7 @@ class WorstCase:
     output: str
     passed: bool
     figures: OutputCase
-    pictures: list[Picture] = field(default_factory=list)
+    pictures: list[CasePicture] = field(default_factory=list)
     drawing: Markup = Markup("")
     few: bool = False  # whether the drawing shows single values
     remark: str = ""  # why there is no drawing
@@ -71,9 +71,9 @@ def _worst_case(run: Run, found: OutputCase, drawn: Drawings) -> WorstCase:
     return case
 
 
-def _picture(run: Run, path: str) -> Picture:
+def _picture(run: Run, path: str) -> CasePicture:
     shown = thumbnail(path, run.inputs_folder, run.checksum(path))
-    return Picture(Path(path).name, path, shown.image, shown.remark)
+    return CasePicture(Path(path).name, path, shown.image, shown.remark)
 
 
 def _located(run: Run, values: Values, side: str) -> Values:
