@@ -150,6 +150,8 @@ def summarise(by_class: dict[int, list[Matches]]) -> Summary:
     precision: dict[int, dict[int, Array]] = {size: {} for size in range(len(AREA_RANGES))}
     recall: dict[int, list[Array]] = {limit: [] for limit in LIMITS}
     for name, pictures in by_class.items():
+        if not pictures:
+            continue
         for size, known in precision.items():
             curves = _Curves(pictures, size, LIMITS[-1])
             if curves.objects:

@@ -213,7 +213,7 @@ class Judge:
 def summarise(path: str, compared: list[JudgedPicture], annotations: Annotations, notes: list[str]
               ) -> results.Detection:
     """The results of a run."""
-    by_class = {category: [one.matches.get(category) or _nothing() for one in compared]
+    by_class = {category: [one.matches[category] for one in compared if category in one.matches]
                 for category in annotations.categories}
     summary = average_precision.summarise(by_class)
     threshold = average_precision.best_threshold(
@@ -228,17 +228,6 @@ def summarise(path: str, compared: list[JudgedPicture], annotations: Annotations
         [results.ClassDetection(name, summary.by_class[category], objects[category])
          for category, name in annotations.categories.items()],
         threshold, _worst(compared, annotations, threshold), notes=notes)
-
-
-_NOTHING: list[Matches] = []
-
-
-def _nothing() -> Matches:
-    """The matches of a class that a picture neither has nor got."""
-    if not _NOTHING:
-        _NOTHING.append(average_precision.match(average_precision.none_detected(),
-                                                average_precision.none_annotated()))
-    return _NOTHING[0]
 
 
 def _worst(compared: list[JudgedPicture], annotations: Annotations, threshold: float

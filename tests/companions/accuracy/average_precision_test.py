@@ -84,5 +84,29 @@ class AveragePrecision(unittest.TestCase):
                 self.assertAlmostEqual(one, other, delta=1e-9, msg=f"{name}, seed {seed}")
 
 
+    def test_nothing_detected(self):
+        there = Objects(np.array([[0, 0, 10, 10.0]]), np.array([100.0]), np.array([False]))
+        seen = Detections(np.array([[0, 0, 10, 10.0]]), np.array([0.5]))
+        none = average_precision.none_detected()
+        found = average_precision.summarise({
+            1: [average_precision.match(seen, there)], 2: [average_precision.match(none, there)],
+            3: [average_precision.match(seen, average_precision.none_annotated())], 4: []})
+        np.testing.assert_allclose(found.ap, 0.5)
+        np.testing.assert_allclose(found.ar, [0.5] * 3)
+        np.testing.assert_allclose([*found.by_class.values()], [1, 0, -1, -1])
+
+    def test_partners_and_the_best_score(self):
+        """Which object a box found at an IoU of 0.5, and from which score on F1 is best."""
+        there = Objects(np.array([[0, 0, 10, 10], [50, 0, 10, 10], [90, 0, 10, 10.0]]),
+                        np.full(3, 100.0), np.zeros(3, bool))
+        boxes = np.array([[90, 0, 10, 7], [0, 0, 10, 6], [20, 0, 5, 5], [0, 0, 10, 10.0]])
+        matches = average_precision.match(Detections(boxes, np.array([.2, .9, .5, .1])), there)
+        self.assertEqual(matches.scores.tolist(), [.9, .5, .2, .1])
+        self.assertEqual(matches.partner.tolist(), [0, -1, 2, -1])
+        self.assertEqual(average_precision.best_threshold([matches]), .2)
+        self.assertEqual(average_precision.right_or_wrong(matches, .2), [True, False, True, None])
+        self.assertEqual(average_precision.best_threshold([]), 0)
+
+
 if __name__ == "__main__":
     unittest.main()

@@ -62,7 +62,7 @@ class Labels(AccuracyTest):
         self.write("names.txt", "cat\ndog\nbig cow\n")
 
     def test_all(self):
-        self.write("labels.csv", "picture,label\ncat/1.jpg,0\n./dog/1.jpg,1\n2,0\n3,1\n")
+        self.write("labels.csv", "picture,label\ncat/1.jpg,0\n\n./dog/1.jpg,1\n2,0\n3,1\n")
         result = self.judged("out", "--labels", "labels.csv", "--min-top1", "50%")
         self.assertEqual((result["task"], result["count"], result["top1"], result["top5"],
                           result["verdict"]), ("classification", 4, 0.5, 1, "pass"))
@@ -89,6 +89,16 @@ class Labels(AccuracyTest):
             result = self.judged("out", "--labels", "labels", "--classes", "names.txt")
             self.assertEqual([one["support"] for one in result["classes"]], [1, 2, 1], text)
             self.assertIsNone(result["verdict"])
+
+    def test_types(self):
+        """Without a log, half floats are the numbers that their bits spell."""
+        bits = np.array([[-1, 0.5], [0.5, -1]], "<f2").view("<u2").astype("<f4")
+        for run, row in enumerate(bits):
+            self.write(f"half/{run}/prob.0.{run}.bin", row.tobytes())
+        self.write("labels", "0 1\n1 0\n")
+        self.assertEqual(self.judged("half", "--labels", "labels")["top1"], 0)
+        self.assertEqual(self.judged("half", "--labels", "labels", "--type", "prob=half")["top1"],
+                         1)
 
     def test_folders(self):
         result = self.judged("out", "--labels-from-folders", "--classes", "names.txt")
@@ -154,6 +164,8 @@ class Labels(AccuracyTest):
                 ("give one of --labels", "out"), ("give one of --labels", "out", "--boxes", "prob"),
                 ("belong together", "out", "--annotations", "labels"),
                 ("--min-ap does not belong", "out", "--labels", "labels", "--min-ap", "1"),
+                ("is not NAME=half", "out", "--labels", "labels", "--type", "prob=double"),
+                ("did not make it", "out", "--labels", "labels", "--json", "labels"),
                 ("no share from 0 to 1", "out", "--labels", "labels", "--min-top1", "101%")]:
             self.refused(text, *arguments)
 

@@ -101,6 +101,10 @@ class Pictures(InputsTest):
                      "photos/d.tif: its pixels are floating", "3 unreadable"):
             self.assertIn(text, errors)
         self.assertFalse((self.dir / "p").exists())
+        self.write("only/a.png", "no picture")
+        status, _, errors = self.run_companion(*command[:-1], "--skip-unreadable", "only")
+        self.assertEqual((status, errors.splitlines()[-1]), (
+            2, "quilmrun-inputs: nothing can be read, so nothing was written"))
         status, out, _ = self.run_companion(*command, "--skip-unreadable")
         self.assertEqual(status, 0)
         self.assertIn("1 inference, 3 left out", out)
@@ -134,9 +138,23 @@ class OtherSources(InputsTest):
                          [[0, 0, 1, 1], [2, 2]])
         self.assertEqual(self.prepare([2, 1, 1, 2], UINT8, "photos", *layout),
                          [[0, 0, 1, 1], [2, 2]])
+        self.refused_for("would have 2147483648 bytes, and quilmrun takes 2147483647", [1, 1 << 20],
+                         UINT8, "--random", "1", "-b", "2048")
         self.refused("has padded rows", "--model-log", self.write("log.txt", log_text(
             [self.model_log([1, 1, 1, 2], UINT8, stride=32)])), "-o", "q", "photos", "-b", "2",
             *layout)
+
+    def test_one_for_all(self):
+        """An input with a single row has it in every inference, in the last batch as often."""
+        self.write("log.txt", log_text([self.model_log([1, 2], UINT8, name) for name in "ab"]))
+        np.save(self.dir / "a.npy", np.arange(6).reshape(3, 2))
+        np.save(self.dir / "b.npy", np.array([[7, 8]]))
+        status, _, errors = self.run_companion("--model-log", "log.txt", "-o", "p", "--input",
+                                               "a=a.npy", "--input", "b=b.npy", "-b", "2")
+        self.assertEqual((status, errors), (0, ""))
+        self.assertEqual([[*(self.dir / "p" / line.partition(":")[2]).read_bytes()] for line in
+                          (self.dir / "p/list.txt").read_text().splitlines()],
+                         [[0, 1, 2, 3], [7, 8, 7, 8], [4, 5], [7, 8]])
 
     def test_random(self):
         values = [self.prepare([1, 1000], INT8, "--random", 2, "--seed", seed)
