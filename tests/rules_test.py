@@ -66,7 +66,7 @@ class Rules(ScriptedRuntimeTest):
             # Context and stream exist when the run mode turns out wrong.
             (1, "run_mode 1\n" + PLAIN, (), "[INFO]  create stream success\n"
              "[ERROR] quilm run mode failed\n[ERROR] sample init resource failed\n" + TEARDOWN),
-            (0, PLAIN, ("-p", "2"), "[INFO]  dump data success\n" + SUCCESS),
+            (0, PLAIN, ("-p", "65537"), "[INFO]  dump data success\n" + SUCCESS),
             (1, "fail quilm_mdl_get_desc 1 9\n" + PLAIN, (), "[ERROR] get model description failed\n" +
              PATHS + "[ERROR] execute CreateDesc failed\n" + FAILURE),
             (0, "fail quilm_mdl_unload 1 3\n" + PLAIN, (), "[INFO]  dump data success\n"

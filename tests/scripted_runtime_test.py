@@ -84,11 +84,13 @@ class Descriptions(ScriptedRuntimeTest):
     def test_info_block(self):
         named = "input * 4 16 8 2 4\n", f"input {'m' * 127} 4 16 8 2 4\n"
         _, out = self.run_scripted(
-            "".join(named) + TASK_AND_WORK + "output y -1 16 8\noutput z 4 8 8 7\n"
+            "".join(named) + TASK_AND_WORK + "output y -1 16 8\noutput z 70000 8 8 7\n"
             "fail quilm_mdl_get_input_dims 3 0\n", "-b", "3",  # claims to have filled it in
             list_text=f"{'m' * 127}:x.bin\n{'n' * 128}:x.bin\n")
         self.assertIn(f"[INFO]  inputPath: ./x.bin\n" * 2, out)
         self.assertIn(f"[INFO]  Input index: 1, name: {'m' * 127}\n", out)
+        self.assertIn("[INFO]  DataType: 70000, stride: 8, ", out)
+        self.assertIn("[INFO]  The value of quilm_data_type is [70000]\n", out)
         self.assertIn("[INFO]  Input index: 2, name: \n[INFO]  Shape: []\n", out)
         self.assertIn(f"""\
 [INFO]  Input index: 0, name: {'n' * 128}
@@ -98,7 +100,7 @@ class Descriptions(ScriptedRuntimeTest):
         self.assertIn("""\
 [INFO]  Output index: 0, name: y
 [INFO]  Shape: []
-[INFO]  DataType: -1, stride: 8, format: 5, dataSizeWithStride: 48
+[INFO]  DataType: -1, stride: 8, format: 70005, dataSizeWithStride: 48
 """, out)
 
     def test_figures_that_make_no_sense(self):
@@ -157,6 +159,11 @@ class Descriptions(ScriptedRuntimeTest):
         self.assertIn("  16/8:01020304000000000506070800000000\n", self.calls())
         self.assertEqual(out.count(f"[ERROR] output[0] needs {2**64 - 1} bytes, its buffer holds "
                                    "16\n[ERROR] GetOutputWithOutStride fail\n"), 2)
+        one = "input {} 4 1 1 1\n"
+        _, out = self.run_scripted("".join(map(one.format, "xyz")), "-b", "80000", data=bytes(70000))
+        self.assertEqual(out.count("dataSizeWithStride: 80000\n"), 3)
+        self.assertIn("[WARN]  Reset the batchSize to [70000]\n", out)
+        self.assertIn("set batchsize to 70000\n", out)
         # As many batches as there can be, of sizes that wrap to 16, 8 and 24 bytes.
         x, task, work = (size * pow(2**32 - 1, -1, 2**64) % 2**64 for size in (16, 8, 24))
         _, out = self.run_scripted(f"input x 4 {x} 8 2 4\ninput task 4 {task} 8 1 8\n"
@@ -244,6 +251,8 @@ class Outputs(ScriptedRuntimeTest):
         failed = "[ERROR] GetOutputWithOutStride fail\n"
         rows = [
             ("y 4 16 8 2 9\n", "", "[ERROR] output[0] needs 17 bytes, its buffer holds 16\n"),
+            (f"y 4 16 8 2 {2**32 + 4}\n", "",
+             f"[ERROR] output[0] needs {2**32 + 12} bytes, its buffer holds 16\n"),
             ("y 6 16 1 3\n", "".join(  # more values than a list can hold
                 f"fail quilm_mdl_get_output_size_by_index {call} {2**62}\n" for call in (4, 5)),
              f"[ERROR] output[0]: no memory for {3 * 2**62} values\n"),

@@ -114,7 +114,7 @@ int32_t Describe(Tag<Id::quilm_mdl_get_input_format>, const quilm_mdl_desc*, siz
 }
 
 int32_t Describe(Tag<Id::quilm_mdl_get_output_format>, const quilm_mdl_desc*, size_t) {
-  return 5;
+  return 70005;
 }
 
 const char* Describe(Tag<Id::quilm_mdl_get_output_name_by_index>, const quilm_mdl_desc*,
