@@ -9,7 +9,7 @@ file(GENERATE OUTPUT ${emulated}
   CONTENT "#!/bin/sh\nexec '${CMAKE_CROSSCOMPILING_EMULATOR}' '$<TARGET_FILE:quilmrun>' \"$@\"\n"
   FILE_PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE)
 
-foreach(test bad_input_test host_runtime_test scripted_runtime_test package_test rules_test)
+foreach(test bad_input_test host_runtime_test scripted_runtime_test package_test rpn_data_test rules_test)
   add_test(NAME ${test} COMMAND ${PYTHON3} ${CMAKE_CURRENT_SOURCE_DIR}/${test}.py)
   set_tests_properties(${test} PROPERTIES ENVIRONMENT
     "QUILMRUN=${emulated};QUILMRUN_NATIVE=${QUILMRUN_NATIVE};HOST_RUNTIME=$<TARGET_FILE:quilm>;EMULATOR=${CMAKE_CROSSCOMPILING_EMULATOR};VERSION=${PROJECT_VERSION};QUILMRUN_BUILD=${PROJECT_BINARY_DIR};PYTHONDONTWRITEBYTECODE=1")

@@ -11,6 +11,10 @@ SUCCESS = UNLOADED + "[INFO]  execute sample success\n" + TEARDOWN
 FAILURE = UNLOADED + "[ERROR] sample process failed\n" + TEARDOWN
 STAGING_FAILED = "[ERROR] get pic device buffer failed\n[ERROR] CreateInputBuf failed\n" + FAILURE
 
+# Messages and the first releases in the order in which they come.
+SAY_FREED = "run quilm_rt_free 1 echo freed\n"
+SAY_DESTROYED = "run quilm_destroy_data_buffer 1 echo destroyed\n"
+
 
 class ScriptedRuntimeTest(ToolTest):
     def arguments(self, script, *options, data=bytes(range(1, 9)), list_text="x.bin\n"):
