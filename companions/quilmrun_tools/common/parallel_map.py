@@ -33,6 +33,3 @@ def _in_order(pool: concurrent.futures.Executor, make: Callable[[Given], Made],
     finally:
         for future in running:
             future.cancel()
-
-
-ahead = parallel_map  # as it was called

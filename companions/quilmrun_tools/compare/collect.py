@@ -10,7 +10,7 @@ from quilmrun_tools.artifacts.comparison import (Comparison, LeftOutOfBoth, Limi
                                                  OutputSummary)
 from quilmrun_tools.artifacts.output_folder import Key
 from quilmrun_tools.artifacts.run_outputs import text
-from quilmrun_tools.compare.comparer import Compared
+from quilmrun_tools.compare.comparer import ComparedOutput
 from quilmrun_tools.compare.metrics import ErrorStatistics
 
 MOST_FAILURES = 1000  # inferences that comparison.json lists, unless all are asked for
@@ -25,16 +25,16 @@ class _Worst:
 
     def __init__(self, most: Optional[int]) -> None:
         self._most = most
-        self._heap: list[tuple[Severity, Compared]] = []
+        self._heap: list[tuple[Severity, ComparedOutput]] = []
 
-    def add(self, severity: Severity, compared: Compared) -> None:
+    def add(self, severity: Severity, compared: ComparedOutput) -> None:
         """Takes in one more, whose severity differs from all others' by its last part."""
         if self._most is None or len(self._heap) < self._most:
             heapq.heappush(self._heap, (severity, compared))
         elif self._heap:
             heapq.heappushpop(self._heap, (severity, compared))
 
-    def sorted(self) -> list[Compared]:
+    def sorted(self) -> list[ComparedOutput]:
         """Worst first."""
         return [compared for _, compared in sorted(self._heap, reverse=True)]
 
@@ -80,7 +80,7 @@ class Collector:
             return False
         return self._limits.cosine is None or found.cosine >= self._limits.cosine
 
-    def add(self, compared: Compared) -> None:
+    def add(self, compared: ComparedOutput) -> None:
         """Takes in one output of one inference; those of an inference come one after another."""
         key, found = compared.pair.key, compared.statistics
         passed = not compared.problem and self.passes(found)
@@ -133,7 +133,7 @@ class Collector:
                              type=totals.type, runs=totals.runs, failed=totals.failed,
                              passed=passed)
 
-    def _case(self, compared: Compared, sources: list[str]) -> OutputCase:
+    def _case(self, compared: ComparedOutput, sources: list[str]) -> OutputCase:
         pair = compared.pair
         return OutputCase(**asdict(compared.statistics.measures()), index=pair.run,
                           output=pair.key[0], duplicate=pair.key[1], file=pair.output,
@@ -141,7 +141,7 @@ class Collector:
                           passed=not compared.problem and self.passes(compared.statistics))
 
 
-def _severity(compared: Compared, passed: bool, count: int) -> Severity:
+def _severity(compared: ComparedOutput, passed: bool, count: int) -> Severity:
     """Larger is worse: what fails, then where the best score differs, then by noise; of equal ones
     the earlier."""
     agreed = 1.0 if compared.statistics.top1 is None else compared.statistics.top1

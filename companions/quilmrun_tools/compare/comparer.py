@@ -21,7 +21,7 @@ _LARGEST_SCORES = 100_000  # a longer vector is no list of classes
 
 
 @dataclass(frozen=True)
-class Compared:
+class ComparedOutput:
     """What there is to say of one output of one inference."""
     pair: Pair
     statistics: ErrorStatistics
@@ -29,7 +29,7 @@ class Compared:
 
 
 @dataclass(frozen=True)
-class Plan:
+class OutputFacts:
     """What is known of each output before its values are read."""
     tensors: dict[Key, Optional[Tensor]] = field(default_factory=dict)
     scores: dict[Key, int] = field(default_factory=dict)  # elements of a vector of scores
@@ -39,21 +39,21 @@ class Plan:
 class Comparer:
     """Compares outputs in buffers that are used again and again."""
 
-    def __init__(self, limits: Limits, plan: Plan) -> None:
+    def __init__(self, limits: Limits, plan: OutputFacts) -> None:
         self._plan = plan
         self._accumulator = ErrorAccumulator(limits.atol or 0.0, limits.rtol or 0.0)
         self._readers = Reader(CHUNK), Reader(CHUNK)
         self.dead = DeadOutputs()
 
-    def compare(self, pair: Pair) -> Compared:
+    def compare(self, pair: Pair) -> ComparedOutput:
         """Reads and compares an output."""
         ours, theirs = pair.output, pair.reference
         if ours is None or theirs is None:
             problem = "missing in the reference" if ours else "missing"
-            return Compared(pair, ErrorStatistics(), problem)
+            return ComparedOutput(pair, ErrorStatistics(), problem)
         problem = explain_sizes(ours, theirs, self._plan.tensors.get(pair.key))
         if problem:
-            return Compared(pair, ErrorStatistics(), problem)
+            return ComparedOutput(pair, ErrorStatistics(), problem)
         accumulator = self._accumulator
         accumulator.begin()
         length = self._plan.scores.get(pair.key, 0)
@@ -65,7 +65,7 @@ class Comparer:
                 add_scores(one, other, length, accumulator.statistics)
             accumulator.compare(one, other)
         self.dead.end(pair.key, accumulator.statistics)
-        return Compared(pair, accumulator.statistics)
+        return ComparedOutput(pair, accumulator.statistics)
 
     def _chunks(self, run: int, key: Key, ours: Values, theirs: Values,
                 length: int) -> Iterator[tuple[Array, Array]]:

@@ -18,7 +18,7 @@ from quilmrun_tools.common.parser import Parser
 from quilmrun_tools.common.progress import progress
 from quilmrun_tools.common.streams import Streams
 from quilmrun_tools.compare.collect import MOST_FAILURES, Circumstances, Collector
-from quilmrun_tools.compare.comparer import Comparer, Plan, score_length
+from quilmrun_tools.compare.comparer import Comparer, OutputFacts, score_length
 from quilmrun_tools.compare.frames import find_cuts, notes_of
 from quilmrun_tools.compare.same_inputs import find_difference, pair_by_input
 from quilmrun_tools.compare.sides import (ArrayOutputs, Reference, pair_keys, pairs_of, read_arrays,
@@ -172,7 +172,7 @@ def compare(output: RunOutputs, reference: Union[RunOutputs, ArrayOutputs],
     keys = pair_keys(output, reference, options.by_order)
     counterparts = pair_by_input(output, reference) if options.by_input else \
         same_numbers(output, reference)
-    plan = Plan({key: output.tensor(key) or reference.tensor(key) for key in output.keys()},
+    plan = OutputFacts({key: output.tensor(key) or reference.tensor(key) for key in output.keys()},
                 _scores(options, output, reference), find_cuts(output, options.frames_axis))
     comparer = Comparer(_limits(options), plan)
     collector = Collector(_limits(options), {key: output.type_of(key) for key in output.keys()},
