@@ -16,7 +16,7 @@ from quilmrun_tools.artifacts import element_types
 from quilmrun_tools.artifacts.prepared_inputs import Manifest, ManifestWriter, PreparedFile
 from quilmrun_tools.artifacts.run_log import Tensor
 from quilmrun_tools.common.errors import Unreadable
-from quilmrun_tools.common.parallel_map import ahead
+from quilmrun_tools.common.parallel_map import parallel_map
 from quilmrun_tools.common.progress import progress
 from quilmrun_tools.common.streams import Streams
 from quilmrun_tools.inputs.pictures import Preparation
@@ -99,7 +99,7 @@ def _write_rows(columns: list[Column], rows: int, batch: int, writer: "_Writer",
                 ) -> None:
     result = writer.result
     waiting: list[list[list[Loaded]]] = []
-    loaded = ahead(lambda row: _load(columns, row), range(rows))
+    loaded = parallel_map(lambda row: _load(columns, row), range(rows))
     for row in progress(streams, loaded, rows, "preparing", "row" if batch > 1 else "inference"):
         if isinstance(row, list):
             waiting.append(row)

@@ -18,7 +18,7 @@ from typing import Optional
 
 from quilmrun_tools.artifacts import prepared_inputs
 from quilmrun_tools.common.errors import Unreadable
-from quilmrun_tools.common.parallel_map import ahead
+from quilmrun_tools.common.parallel_map import parallel_map
 from quilmrun_tools.inputs.checksum import checksum
 from quilmrun_tools.inputs.exchange import exchange
 
@@ -104,7 +104,7 @@ class TargetFolder:
             raise self._foreign(unknown[0], "did not make")
         states = {name: _State.read(self._real / name)
                   for name in [*names, prepared_inputs.FILE_NAME]}
-        for name, found in zip(names, ahead(lambda name: checksum(self._real / name), names)):
+        for name, found in zip(names, parallel_map(lambda name: checksum(self._real / name), names)):
             if found not in ((sums[name],) if sums[name] else _list_sums(manifest)):
                 raise self._foreign(name, "made, but which was changed since")
         return states
