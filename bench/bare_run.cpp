@@ -92,7 +92,7 @@ void WritePieces(int file, const std::vector<std::string>& pieces) {
 
 void ReadInput(const std::string& path, std::vector<char>& memory) {
   const int file = open(path.c_str(), O_RDONLY);
-  struct stat status{};
+  struct stat status = {};
   Check(file >= 0 && fstat(file, &status) == 0, path);
   memory.resize(static_cast<size_t>(status.st_size));
   Check(read(file, memory.data(), memory.size()) == status.st_size, path);

@@ -14,6 +14,8 @@ const char* currentCall = "";
 
 namespace {
 
+using RunMode = uint32_t;  // 0: the host addresses device memory
+
 // Counts the current call, names it on standard error when the settings say so, and throws the
 // fault that they have for it. Nothing else needs the count.
 void CountCall() {
@@ -212,8 +214,8 @@ CALL(quilm_rt_destroy_context, (quilm_rt_context context), state.contexts.Remove
 CALL(quilm_rt_create_stream, (quilm_rt_stream * stream),
      CreateExecutionHandle(state.streams, stream, 0))
 CALL(quilm_rt_destroy_stream, (quilm_rt_stream stream), state.streams.Remove(stream))
-CALL(quilm_rt_get_run_mode, (uint32_t* run_mode),
-     Put(static_cast<uint32_t>(state.settings.run_mode), run_mode))
+CALL(quilm_rt_get_run_mode, (RunMode * mode),
+     Put(static_cast<RunMode>(state.settings.run_mode), mode))
 CALL(quilm_rt_malloc, (void** pointer, size_t size, int32_t), Allocate(pointer, size))
 CALL(quilm_rt_free, (void* pointer), state.memory.Remove(pointer))
 

@@ -60,7 +60,7 @@ constexpr ElementType kElementTypes[] = {
     Row<uint8_t, Truth>(ONNX__TENSOR_PROTO__DATA_TYPE__BOOL, 4),
 };
 
-template <int32_t ElementType::* kField>
+template <auto kField>
 const ElementType* FindBy(int32_t value) {
   const auto* found = std::find_if(std::begin(kElementTypes), std::end(kElementTypes),
                                    [=](const ElementType& type) { return type.*kField == value; });
