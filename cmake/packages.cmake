@@ -60,8 +60,9 @@ if(QUILMRUN_BOARD)
   set(CPACK_PACKAGE_FILE_NAME quilmrun-${PROJECT_VERSION}-${CPACK_DEBIAN_PACKAGE_ARCHITECTURE})
   set(CPACK_PACKAGE_DESCRIPTION "Loads the board's own libquilm.so, which is not part of it.")
 elseif(NOT QUILMRUN_RUNTIME_LIBRARY)
-  install_documentation(README.md LICENSE docs/board.md docs/boards.md docs/building.md docs/companions.md
-                        docs/failures.md docs/host-runtime.md docs/report.png docs/speed.md)
+  install_documentation(README.md CHANGELOG.md CONTRIBUTING.md LICENSE docs/architecture.md docs/board.md
+                        docs/boards.md docs/building.md docs/companions.md docs/failures.md
+                        docs/host-runtime.md docs/report.png docs/speed.md)
   # With permissions of its own, whatever umask the checkout was made with.
   install(DIRECTORY examples DESTINATION share/quilmrun
           PATTERN __pycache__ EXCLUDE PATTERN memory_data.csv EXCLUDE

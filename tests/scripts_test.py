@@ -2,6 +2,7 @@
 
 import os
 import pathlib
+import re
 import shutil
 import signal
 import subprocess
@@ -111,6 +112,22 @@ class Building(tool.ToolTest):
     def test_the_demo_refuses_more_than_one_word(self):
         for words in ("digits ecg", "''", "numbers"):
             self.assertEqual(self.bash(f"scripts/demo {words}")[0], 2)
+
+
+class Readme(tool.ToolTest):
+    def test_its_commands_work_as_they_stand(self):
+        text = (SOURCE / "README.md").read_text()
+        block = re.search(r"^## Companions\n.*?^```\n(.*?)^```$", text, re.M | re.S)[1]
+        (self.dir / "build").mkdir()
+        for name, target in (("build/release", BUILD), ("companions", SOURCE / "companions"),
+                             ("examples", SOURCE / "examples")):
+            os.symlink(target, self.dir / name)
+        result = subprocess.run(["bash", "-euo", "pipefail", "-c", block], cwd=self.dir, check=False,
+                                capture_output=True, text=True, timeout=120)
+        self.assertEqual(result.returncode, 0, result.stderr)
+        self.assertIn("\nPASS: 40 runs, ", result.stdout)
+        self.assertIn("\ntop-1: 100.00% ", result.stdout)
+        self.assertTrue((self.dir / "build/first/run/report.html").stat().st_size > 100000)
 
 
 class Arrows(tool.ToolTest):
