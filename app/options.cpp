@@ -21,9 +21,13 @@ constexpr int kWord = 1;
 
 // The tables below say which option goes into which field. A new option is a new row, and a letter
 // in kOptionString.
+// A field of RunOptions, which an option fills.
+template <typename Value>
+using Field = Value(RunOptions::*);
+
 struct StringOption {
   int letter;
-  std::string RunOptions::*field;
+  Field<std::string> field;
 };
 
 constexpr StringOption kStringOptions[] = {
@@ -34,7 +38,7 @@ constexpr StringOption kStringOptions[] = {
 
 struct NumberOption {
   int letter;
-  int32_t RunOptions::*field;
+  Field<int32_t> field;
   const char* echoName;  // null: not echoed
 };
 

@@ -39,7 +39,7 @@ void NoteSignal(int number, siginfo_t* info, void*) {
 
 // A program that nohup starts, for one, finds SIGHUP ignored.
 bool IsIgnored(int number) {
-  struct sigaction action {};
+  struct sigaction action = {};
   return sigaction(number, nullptr, &action) == 0 && action.sa_handler == SIG_IGN;
 }
 
@@ -51,7 +51,7 @@ void IgnoreWriteSignals() {
 }
 
 void CatchStopSignals() {
-  struct sigaction action {};
+  struct sigaction action = {};
   action.sa_sigaction = NoteSignal;
   // SA_RESTART: the runtime's system calls go on as if nothing had happened.
   action.sa_flags = SA_SIGINFO | SA_RESTART;

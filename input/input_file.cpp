@@ -11,7 +11,7 @@ namespace {
 constexpr size_t kChunkSize = 65536;
 
 bool IsDirectory(const Descriptor& descriptor) {
-  struct stat status {};
+  struct stat status = {};
   return fstat(descriptor.Number(), &status) == 0 && S_ISDIR(status.st_mode);
 }
 

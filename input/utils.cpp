@@ -55,7 +55,7 @@ std::optional<uint32_t> NonEmptySize(const InputFile& file, const std::string& p
 }  // namespace
 
 int CheckFile(const std::string& path) {
-  struct stat status {};
+  struct stat status = {};
   if (stat(path.c_str(), &status) != 0) {
     LogError("failed to get file %s", path.c_str());
     return kFailure;
