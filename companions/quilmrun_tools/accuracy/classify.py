@@ -18,7 +18,7 @@ from quilmrun_tools.common.errors import Unreadable
 Array = np.ndarray[Any, Any]
 
 _WORST = 24  # pictures that are kept
-_LARGEST_CLASSES = 20_000  # whose confusion matrix fits into memory
+_LARGEST_CLASSES = 5_000  # whose confusion matrix fits into memory
 _BLOCK = 1 << 20  # scores that are judged at a time
 _LOST = 10  # classes that are named
 

@@ -53,12 +53,10 @@ def read_classes(path: Optional[str], count: int) -> Classes:
 
 
 def read_lines(path: str) -> list[str]:
-    """The lines of a text file, without empty ones at its end."""
-    try:
-        text = read_regular(path, largest=_LARGEST).decode("utf-8-sig")
-    except UnicodeDecodeError as error:
-        raise Unreadable(f"{path} is no text in UTF-8") from error
-    return text.rstrip().splitlines()
+    """The lines of a text file, without empty ones at its end. Names of files need not be
+    UTF-8."""
+    text = read_regular(path, largest=_LARGEST).decode("utf-8-sig", "surrogateescape")
+    return [line.rstrip("\r") for line in text.rstrip().split("\n")] if text.strip() else []
 
 
 def from_file(path: str, pictures: Sequence[RunPicture], classes: Classes) -> Array:

@@ -62,7 +62,7 @@ class Labels(AccuracyTest):
         self.write("names.txt", "cat\ndog\nbig cow\n")
 
     def test_all(self):
-        self.write("labels.csv", "picture,label\ncat/1.jpg,0\n\n./dog/1.jpg,1\n2,0\n3,1\n")
+        self.write("labels.csv", "\ufeffpicture,label\r\ncat/1.jpg,0\r\n\n./dog/1.jpg,1\n2,0\n3,1\n")
         result = self.judged("out", "--labels", "labels.csv", "--min-top1", "50%")
         self.assertEqual((result["task"], result["count"], result["top1"], result["top5"],
                           result["verdict"]), ("classification", 4, 0.5, 1, "pass"))

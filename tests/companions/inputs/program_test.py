@@ -4,6 +4,7 @@ import json
 import os
 import shutil
 import unittest
+import zipfile
 
 import numpy as np
 from prepared import BLUE, FLOAT, GREEN, GREY, HALF, INT8, INT32, RED, UINT8, InputsTest
@@ -61,6 +62,10 @@ class Pictures(InputsTest):
                 layout = "nhwc" if shape[-1] == 3 and shape[1] != 3 else "nchw"
                 self.assertEqual(self.prepare(shape, element_type, "--layout", layout, *options,
                                               name), [expected])
+                if name in (turned, tiff):  # the size is that of the upright picture
+                    source = json.loads((self.dir / "p/inputs.json").read_text())["files"][0][
+                        "sources"][0]
+                    self.assertEqual((source["width"], source["height"]), (1, 2))
 
     @staticmethod
     def turned_right():
@@ -114,12 +119,15 @@ class Pictures(InputsTest):
 class OtherSources(InputsTest):
     def test_arrays(self):
         np.save(self.dir / "a.npy", np.array([[1.5, 2.5], [-1, 300.7], [255.4, 7]]))
+        with zipfile.ZipFile(self.dir / "new.npz", "w") as archive, \
+                archive.open("z.npy", "w") as member:
+            np.lib.format.write_array(member, np.array([5, 6]), version=(2, 0))
         np.savez(self.dir / "b.npz", first=np.int64([[1, 2]]), second=np.array([3, 4]))
         np.save(self.dir / "c.npy", np.array([True, False]))
-        self.write("list.txt", "a.npy\r\n\nb.npz\nc.npy")
+        self.write("list.txt", "a.npy\r\n\nb.npz\nc.npy\nnew.npz")
         self.assertEqual(self.prepare([1, 2], UINT8, "list.txt"),
-                         [[2, 2], [0, 255], [255, 7], [1, 2], [3, 4], [1, 0]])
-        self.assertIn("2 of 12 values were beyond the range of uint8", self.said)
+                         [[2, 2], [0, 255], [255, 7], [1, 2], [3, 4], [1, 0], [5, 6]])
+        self.assertIn("2 of 14 values were beyond the range of uint8", self.said)
         # Of frames, the first dimension, there may be fewer.
         np.save(self.dir / "frames.npy", np.ones((5, 2)))
         self.assertEqual(self.prepare([3, 2], FLOAT, "frames.npy"), [[1.0] * 6, [1.0] * 4])
@@ -136,6 +144,8 @@ class OtherSources(InputsTest):
         layout = "--layout", "nchw"
         self.assertEqual(self.prepare([1, 1, 1, 2], UINT8, "photos", "-b", "2", *layout),
                          [[0, 0, 1, 1], [2, 2]])
+        self.assertIn("2 inferences of 2 batches, 1 in the last in p/list.txt", self.said)
+        self.assertIn("-o OUT -b 2\n", self.said)
         self.assertEqual(self.prepare([2, 1, 1, 2], UINT8, "photos", *layout),
                          [[0, 0, 1, 1], [2, 2]])
         self.refused_for("would have 2147483648 bytes, and quilmrun takes 2147483647", [1, 1 << 20],
@@ -228,6 +238,7 @@ class Refusals(InputsTest):
                  ("--model-log", "log.txt", "a.png", "--color", "gray")),
                 ("1 or 3 numbers here", ("--model-log", "log.txt", "a.png", "--mean", "1,2")),
                 ("must not be 0", ("--model-log", "log.txt", "a.png", "--std", "1,0,1")),
+                ("--seed is 0 or more", ("--model-log", "log.txt", "--random", "1", "--seed", "-1")),
                 ("neither a number", ("--model-log", "log.txt", "a.png", "--std", "1/0")),
                 ("fixed dimensions", ("--model-log", "dynamic.txt", "--random", "1")),
                 ("--input a=three.npy", ("--model-log", "two.txt", "three.npy")),
