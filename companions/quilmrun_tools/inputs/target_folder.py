@@ -46,6 +46,9 @@ class TargetFolder:
         self._real = Path(os.path.realpath(path))
         if Path.cwd() == self._real or self._real in Path.cwd().parents:
             raise Unreadable(f"{path} is the folder that you are in, or above it: name one below")
+        if os.path.ismount(self._real):
+            raise Unreadable(f"{path} is where a file system is mounted, which cannot be replaced: "
+                             f"name a folder in it, as {path}/inputs")
         self._old = self._earlier()
         self._exchanged = False  # then the old folder is where the new one waited
         self._remove_leftovers()

@@ -133,8 +133,10 @@ class Labels(AccuracyTest):
                     [[self.source(path)] for path in self.PATHS])
         self.write("labels", "0 0\n1 1\n2 0\n3 1\n")
         found = self.judged("out", "--labels", "labels", "--against", "before")["against"]
-        self.assertEqual((found["top1"], found["became_right"], found["became_wrong"], found["p"],
-                          found["lost"]), (.75, 1, 2, 1, [["0", 1]]))
+        self.assertEqual((found["top1"], found["top5"], found["became_right"], found["became_wrong"], found["p"],
+                          found["lost"]), (.75, 1, 1, 2, 1, [["0", 1]]))
+        self.assertIn("against before: top-1 75.00% there, 50.00% here; 1 became right, 2 wrong "
+                      "(McNemar's exact p 1)\nclasses that lost most: 0 (1)\n", self.said)
         self.run_of({"prob": self.SCORES}, "other", [[self.source("/v/other.jpg")]] * 4)
         self.refused("went over other pictures", "out", "--labels", "labels", "--against", "other")
 

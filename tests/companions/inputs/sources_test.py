@@ -27,9 +27,10 @@ class Files(InputsTest):
                           for file in files], ["a/deeper/9.png", "b/1.png", "b/2.png", "c/x.raw"])
 
     def test_pipes_and_devices(self):
-        os.mkfifo(self.dir / "pipe.png")
-        os.mkfifo(self.dir / "list.txt")
-        for name in ("pipe.png", "list.txt", "/dev/zero"):
+        names = "pipe.png", "list.txt", "pipe.npy", "pipe.npz", "pipe.raw"
+        for name in names:
+            os.mkfifo(self.dir / name)
+        for name in (*names, "/dev/zero"):
             status, _, errors = self.run_inputs([1, 2, 2, 3], UINT8, name)
             self.assertEqual(status, 2)
             self.assertIn(f"cannot read {name}: it is no regular file", errors)
