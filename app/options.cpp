@@ -19,12 +19,12 @@ namespace {
 constexpr char kOptionString[] = "-m:i:j:t:b:r:p:o:";
 constexpr int kWord = 1;
 
-// The tables below say which option goes into which field. A new option is a new row, and a letter
-// in kOptionString.
 // A field of RunOptions, which an option fills.
 template <typename Value>
 using Field = Value(RunOptions::*);
 
+// The tables below say which option goes into which field. A new option is a new row, and a letter
+// in kOptionString.
 struct StringOption {
   int letter;
   Field<std::string> field;
