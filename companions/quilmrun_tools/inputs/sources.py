@@ -16,8 +16,9 @@ from quilmrun_tools.artifacts import element_types
 from quilmrun_tools.artifacts.prepared_inputs import Source
 from quilmrun_tools.artifacts.run_log import Tensor
 from quilmrun_tools.common.errors import Unreadable
-from quilmrun_tools.common.files import open_regular, read_regular
+from quilmrun_tools.common.files import open_regular, read_regular, size_of_regular
 from quilmrun_tools.inputs.checksum import checksum
+from quilmrun_tools.inputs.find_files import RAW_SUFFIXES
 from quilmrun_tools.inputs import arrays
 from quilmrun_tools.inputs import pictures
 from quilmrun_tools.inputs import preview
@@ -191,10 +192,13 @@ class Finder:
 
     @staticmethod
     def _is_picture(path: Path) -> bool:
-        """Whether a file without a picture's suffix begins as one."""
+        """Whether a file without a suffix that tells begins as a picture."""
+        if path.suffix.lower() in RAW_SUFFIXES:
+            return False
         with open_regular(path) as file:
             start = file.read(8)
-        return start.startswith((b"\x89PNG\r\n\x1a\n", b"\xff\xd8\xff", b"II*\0", b"MM\0*"))
+        return start.startswith((b"\x89PNG\r\n\x1a\n", b"\xff\xd8\xff", b"II*\0", b"MM\0*",
+                                 b"BM"))
 
     def _add_frames(self, path: Path) -> None:
         """Raw data: as many inputs as the file's size holds."""
@@ -202,7 +206,7 @@ class Finder:
         count = preparation.shape.count if preparation else 1
         elements = self._tensor.elements // count
         dtype = element_types.dtype_of(self._tensor)
-        size, each = path.stat().st_size, elements * dtype.itemsize
+        size, each = size_of_regular(path), elements * dtype.itemsize
         if not size or size % each:
             raise Unreadable(f"{path} has {size} bytes, which are neither a picture nor raw data "
                              f"of {self._tensor.name}: these have {each} bytes, or several times "

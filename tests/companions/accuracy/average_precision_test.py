@@ -106,6 +106,9 @@ class AveragePrecision(unittest.TestCase):
         self.assertEqual(average_precision.best_threshold([matches]), .2)
         self.assertEqual(average_precision.right_or_wrong(matches, .2), [True, False, True, None])
         self.assertEqual(average_precision.best_threshold([]), 0)
+        crowd = Objects(np.array([[0, 0, 6, 10.0]]), np.array([60.0]), np.array([True]))
+        matches = average_precision.match(Detections(boxes[3:], np.array([.5])), crowd)
+        self.assertEqual(average_precision.right_or_wrong(matches, 0), [None])
 
 
 if __name__ == "__main__":

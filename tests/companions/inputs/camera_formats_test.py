@@ -161,6 +161,12 @@ class CameraFormats(InputsTest):
         self.write("folder/a.bin", np.float32([1, 2]).tobytes())
         self.write("folder/notes", "mine")
         self.assertEqual(self.prepare([1, 2], FLOAT, "folder"), [[1, 2], [0, 0]])
+        for name in ("a.png", "b.bmp", "c.tif", "d.jpg"):  # known by how they begin
+            self.picture(name, [[RED] * 8] * 12)
+            (self.dir / name).rename(self.dir / "unnamed")
+            self.assertEqual(len(self.prepare([1, 3, 12, 8], UINT8, "unnamed")[0]), 288)
+        self.write("begins-so.raw", b"BM" + bytes(94))
+        self.assertEqual(self.prepare([1, 96], UINT8, "begins-so.raw")[0][:3], [66, 77, 0])
         self.refused_for("has 192 bytes, which are neither a picture nor raw data of x: these have "
                          "500", [1, 500], UINT8, "two.nv12")
         self.refused_for("has 0 bytes", [1, 500], UINT8, self.write("empty.raw", ""))
