@@ -21,7 +21,7 @@ export ASAN_SYMBOLIZER_PATH=/usr/bin/llvm-symbolizer-$clang_version
 test_packages=(libgtest-dev libbenchmark-dev python3-onnx python3-numpy libonnx-testdata locales
                binutils chromium "clang-format-$clang_version" "clang-tidy-$clang_version"
                "clang-$clang_version" "libclang-rt-$clang_version-dev" "llvm-$clang_version"
-               mypy pylint shellcheck "${loopback_packages[@]}")
+               mypy pylint shellcheck busybox "${loopback_packages[@]}")
 
 # What building for a board and making packages takes on top.
 board_packages=(g++-aarch64-linux-gnu libprotobuf-c-dev:arm64 dpkg-dev file)

@@ -50,7 +50,8 @@ def merge_records(parts: Sequence[RecordPart], command: list[str], out: BinaryIO
 
 def _figures(records: list[Record], firsts: list[int], offsets: list[float]) -> Record:
     histograms = {kind: _join([_bins(record, kind) for record in records])
-                  for kind in dict.fromkeys(kind for record in records for kind in record.statistics)}
+                  for kind in dict.fromkeys(kind for record in records
+                                            for kind in record.statistics)}
     inferences = sum(record.loop.inferences for record in records)
     spent = sum(record.loop.ms for record in records)
     costs = [record.recorder_cost_us for record in records if record.recorder_cost_us is not None]
@@ -161,7 +162,7 @@ def _memory(records: list[Record], offsets: list[float]) -> Memory:
                    for at in range(0, len(points), every)])
 
 
-class _Trace:
+class _Trace:  # pylint: disable=too-few-public-methods
     """The single calls of all parts, each machine a process of its own; the parts are left out from
     where these become too many."""
 

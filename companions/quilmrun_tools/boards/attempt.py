@@ -41,7 +41,7 @@ class Came:
     is_unfit: bool = False  # the board cannot run the tool at all
 
 
-class Attempt:
+class Attempt:  # pylint: disable=too-few-public-methods
     """A try. `tell` hears how many inferences are done; `stopped` says whether to give up."""
 
     def __init__(self, plan: Plan, host: str, one: Slice, name: str, folder: Path) -> None:
@@ -55,6 +55,10 @@ class Attempt:
         self._paths: Optional[Paths] = None
         self._failed = ""  # what the far side's script said
         self._came = Came(Try(host, "unreachable", "", 0.0))
+        self._tell: Callable[[int], None] = lambda at: None
+        self._incoming = Incoming(folder, plan.outputs, one.inferences, not plan.without_text,
+                                  self._describe)
+        self._connection: Optional[Connection] = None
 
     def run(self, tell: Callable[[int], None], stopped: Callable[[], bool]) -> Came:
         """Leaves the outputs in the try's folder when they are whole, and otherwise nothing."""
@@ -62,11 +66,10 @@ class Attempt:
         self._tell = tell
         shutil.rmtree(self._folder, ignore_errors=True)
         self._folder.mkdir(parents=True)
-        self._incoming = Incoming(self._folder, self._plan.outputs, self._slice.inferences,
-                                  not self._plan.without_text, self._describe)
         outcome, reason = self._talk(stopped)
         self._read_texts()
-        error = first_error(self._came.cut.head + self._came.cut.tail) if outcome == "failed" else ""
+        said = self._came.cut.head + self._came.cut.tail
+        error = first_error(said) if outcome == "failed" else ""
         if outcome != "done":
             shutil.rmtree(self._folder, ignore_errors=True)
         self._came.tried = Try(self._host, outcome, reason, round(time.monotonic() - start, 3), "",
@@ -77,9 +80,10 @@ class Attempt:
 
     def _talk(self, stopped: Callable[[], bool]) -> tuple[str, str]:
         """(outcome, reason)"""
-        self._connection = Connection(self._plan, self._host, "part", self._name)
+        connection = Connection(self._plan, self._host, "part", self._name)
+        self._connection = connection
         try:
-            status = self._connection.run(self._hear, self._incoming.feed, stopped)
+            status = connection.run(self._hear, self._incoming.feed, stopped)
         except Damaged as error:
             return "incomplete", str(error)
         except Unreadable as error:  # no tool for its processor
@@ -87,17 +91,17 @@ class Attempt:
             return "failed", str(error)
         except OSError as error:
             return "incomplete", f"cannot write here: {error.strerror}"
-        if self._connection.problem:
-            stop = self._connection.problem == "stopped"
-            return "stopped" if stop else "unreachable", self._connection.problem
+        if connection.problem:
+            stop = connection.problem == "stopped"
+            return "stopped" if stop else "unreachable", connection.problem
         if not self._incoming.ended:
-            return self._without_archive(status)
+            return self._without_archive(status, connection.noise)
         return self._judge()
 
-    def _without_archive(self, status: int) -> tuple[str, str]:
+    def _without_archive(self, status: int, noise: str) -> tuple[str, str]:
         if self._failed:
             return "incomplete", self._failed
-        reason = self._connection.noise or "the connection ended"
+        reason = noise or "the connection ended"
         if self._paths is None and status != _SSH_FAILED:
             reason = f"no shell with dd and tar answered: {reason}"
         return "unreachable", reason
@@ -110,6 +114,7 @@ class Attempt:
             self._came.processor = processor
             self._came.tool = tools.sha256 if tools else self._plan.remote_tool
             self._paths = self._package.paths(folder, os.fsencode(self._command.last("o")))
+            assert self._connection
             self._connection.send(self._package.archive(folder, have.split(","), tools))
         elif word == "at" and rest.isdecimal():
             self._tell(int(rest))
@@ -130,9 +135,10 @@ class Attempt:
     def _judge(self) -> tuple[str, str]:
         """Of an archive that came to its end."""
         status, reason = self._status()
-        if reason in ("hung", "lost"):
-            said = f"no inference was done within {self._plan.timeout} s"
-            return ("hung", said) if reason == "hung" else ("unreachable", "the connection was lost")
+        if reason == "hung":
+            return "hung", f"no inference was done within {self._plan.timeout} s"
+        if reason == "lost":
+            return "unreachable", "the connection was lost"
         log = self._incoming.files.get(b"log.txt", b"")
         if status != 0:
             return "failed", first_error(log) or self._why_not_run(status)
@@ -144,7 +150,8 @@ class Attempt:
         lines = self._incoming.files.get(b"status", b"").split(b"\n")
         words = dict(line.partition(b" ")[::2] for line in lines)
         number = words.get(b"status", b"")
-        return int(number) if number.isdigit() else 1, words.get(b"reason", b"").decode("ascii", "replace")
+        reason = words.get(b"reason", b"").decode("ascii", "replace")
+        return int(number) if number.isdigit() else 1, reason
 
     def _why_not_run(self, status: int) -> str:
         if status > 128:

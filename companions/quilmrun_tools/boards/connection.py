@@ -58,9 +58,18 @@ class Connection:
         self._is_busy = False  # with a part, which listens for signs of life
         self.noise = ""  # the last thing that was said by others, as ssh itself
         self.problem = ""  # why the connection was given up
-        self._process = subprocess.Popen(
+        self._say: Say = lambda word, rest: None
+        self._feed: Feed = lambda data: None
+        self._lines = b""  # the beginning of one that is not whole
+        self._before = b""  # what came ahead of the archive
+        self._in_archive = False
+        self._heard = time.monotonic()
+        self._selector = selectors.DefaultSelector()
+        self._process = subprocess.Popen(  # pylint: disable=consider-using-with  # _end() waits
             [*plan.ssh, "--", host, "exec " + shlex.join(words)], stdin=subprocess.PIPE,
             stdout=subprocess.PIPE, stderr=subprocess.PIPE, start_new_session=True)
+        assert self._process.stdin
+        self._input: Optional[int] = self._process.stdin.fileno()
 
     def send(self, archive: Iterator[bytes]) -> None:
         """Sends this next; from then on lines that say that somebody is there."""
@@ -86,18 +95,13 @@ class Connection:
     def _talk(self, stopped: Callable[[], bool]) -> None:
         process = self._process
         assert process.stdin and process.stdout and process.stderr
-        self._input: Optional[int] = process.stdin.fileno()
-        self._lines = b""
-        self._before = b""  # what came ahead of the archive
-        self._in_archive = False
         streams: dict[int, Feed] = {
             process.stdout.fileno(): self._hear, process.stderr.fileno(): self._read_lines}
-        with selectors.DefaultSelector() as selector:
-            for descriptor in (self._input, *streams):
+        with self._selector:
+            for descriptor in (process.stdin.fileno(), *streams):
                 os.set_blocking(descriptor, False)
             for descriptor in streams:
-                selector.register(descriptor, selectors.EVENT_READ)
-            self._selector = selector
+                self._selector.register(descriptor, selectors.EVENT_READ)
             self._heard = time.monotonic()
             self._follow(streams, stopped)
 

@@ -10,7 +10,7 @@ from typing import Callable, Optional, Sequence
 
 from quilmrun_tools.boards.part_log import Inference
 from quilmrun_tools.boards.plan import OutputShape
-from quilmrun_tools.boards.ustar import Damaged, Reader
+from quilmrun_tools.boards.ustar import ArchiveReader, Damaged
 
 _FILE = re.compile(rb"(\d{1,9})/(.+)\.(\d{1,9})\.(\d{1,20})\.(bin|float)", re.DOTALL)
 _LONGEST_LINE = 18 + 42  # a float of up to 39 digits, a point, 16 more and a sign
@@ -39,7 +39,7 @@ class Incoming:
         self._stamps: dict[tuple[int, int], int] = {}
         self._checksums: dict[bytes, bytes] = {}
         self.files: dict[bytes, bytes] = {}  # all but outputs, by name
-        self._reader = Reader(self._accept, self._take)
+        self._reader = ArchiveReader(self._accept, self._take)
         self.feed = self._reader.feed
 
     @property

@@ -28,7 +28,7 @@ _KEPT = (("log.head", "head"), ("log.count", "count"), ("log.body", "body"), ("l
 UNSPLIT = "unsplit"  # why parts stop when the rest is to be done by one board
 
 
-class Job:
+class Job:  # pylint: disable=too-few-public-methods
     """The work on one part."""
 
     def __init__(self, state: State, number: int, alive: Optional[int]) -> None:
@@ -114,8 +114,8 @@ class Job:
         board, host = self._state.board(index), self._plan.hosts[index]
         self._wait(float(board.in_a_row))
         self._state.tell(index, self._number, 0)
-        attempt = Attempt(self._plan, host, one, f"part-{index}-{self._number}-{number}-{os.getpid()}",
-                          self._state.part(self._number) / "incoming")
+        name = f"part-{index}-{self._number}-{number}-{os.getpid()}"
+        attempt = Attempt(self._plan, host, one, name, self._state.part(self._number) / "incoming")
         came = attempt.run(lambda at: self._state.tell(index, self._number, at), self._is_stopped)
         if came.tried.outcome == "done":
             self._finish(one, index, came)
@@ -165,8 +165,8 @@ class Job:
                     came.tried.seconds, 0, sha256=came.sha256,
                     latency=latency_of(durations, source))
         state.write_receipt(part, inputs)
-        state.change_board(index, in_a_row=0, done_at=time.time(), processor=came.processor, tool=came.tool,
-                           library=came.library)
+        state.change_board(index, in_a_row=0, done_at=time.time(), processor=came.processor,
+                           tool=came.tool, library=came.library)
         if any(inference.reset for inference in came.inferences) and \
                 one.first + one.inferences < self._plan.inferences:
             (folder / UNSPLIT).touch()

@@ -46,7 +46,8 @@ class Package:
             self.tool = f"{folder}/tool-{tools.sha256[:_ID]}/bin/quilmrun"
             self._add_tool(tools, have)
         if self._model() not in have:
-            self._add_file(f"{self._part}/new-{self._model()}", os.fsencode(self._command.last("m")))
+            self._add_file(f"{self._part}/new-{self._model()}",
+                           os.fsencode(self._command.last("m")))
         for name in ("in", "rpn", "out"):
             self._add_folder(f"{self._part}/{name}")
         for path, name in self._inputs.items():

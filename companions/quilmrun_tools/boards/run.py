@@ -1,4 +1,4 @@
-"""A run from its command to its results: what is the same as in an earlier try is not done again."""
+"""A run from its command to its results. What an earlier try has done is not done again."""
 
 from __future__ import annotations
 
@@ -22,7 +22,7 @@ from quilmrun_tools.boards.attempt import Attempt, Came
 from quilmrun_tools.boards.engine import run_jobs
 from quilmrun_tools.boards.input_list import check_lengths, group_by_name, read_input_list
 from quilmrun_tools.boards.latency import latency_of
-from quilmrun_tools.boards.plan import Plan, Slice, cut, part_size
+from quilmrun_tools.boards.plan import Slice, cut, part_size
 from quilmrun_tools.boards.settings import Settings
 from quilmrun_tools.boards.shapes import shapes_of
 from quilmrun_tools.boards.state import BoardState, State
@@ -128,8 +128,8 @@ class BoardRun:
         (self._state.root / "stop").unlink(missing_ok=True)
         for number in self._state.numbers():
             (self._state.part(number) / "tries.json").unlink(missing_ok=True)
-            (self._state.part(number) / "log.head").unlink(missing_ok=True) \
-                if not self._state.receipt(number) else None
+            if not self._state.receipt(number):
+                (self._state.part(number) / "log.head").unlink(missing_ok=True)
         self._check_inputs()
         self._results.inferences = self._plan.inferences
 
@@ -143,9 +143,10 @@ class BoardRun:
                 self._state.stop("no board could describe the model")
                 return None
             index = found[0]
-            came = Attempt(self._plan, self._plan.hosts[index], Slice(0, 0, 0, ()),
-                           f"part-{index}-describe-{len(tries)}-{os.getpid()}", self._state.root / "describe").run(
-                               lambda at: None, lambda: False)
+            attempt = Attempt(self._plan, self._plan.hosts[index], Slice(0, 0, 0, ()),
+                              f"part-{index}-describe-{len(tries)}-{os.getpid()}",
+                              self._state.root / "describe")
+            came = attempt.run(lambda at: None, lambda: False)
             if came.tried.outcome == "done":
                 return parse_log(os.fsdecode(came.cut.head + came.cut.count + came.cut.tail))
             tries.append(came.tried)
@@ -285,8 +286,8 @@ class BoardRun:
                       "quilmrun")
 
     def _merge_records(self, parts: list[Part]) -> None:
-        found = [RecordPart(str(self._state.part(part.number) / RECORD_NAME), part.first, part.board)
-                 for part in parts]
+        found = [RecordPart(str(self._state.part(part.number) / RECORD_NAME), part.first,
+                            part.board) for part in parts]
         if found:
             with open(self._state.out / RECORD_NAME, "wb") as file:
                 merge_records(found, self._command.words, file)

@@ -40,7 +40,7 @@ class BoardState:
     library: str = ""
 
 
-class State:
+class State:  # pylint: disable=too-many-public-methods  # one for each thing that it keeps
     """The folder; every file in it is written whole or not at all."""
 
     def __init__(self, out: str) -> None:

@@ -60,7 +60,7 @@ Accept = Callable[[bytes, int], None]
 Take = Callable[[bytes, bytes], None]
 
 
-class Reader:
+class ArchiveReader:  # pylint: disable=too-few-public-methods
     """Takes an archive apart, fed in pieces. Of every regular file `accept` hears name and size
     first, and raises Damaged for one that is not wanted; then `take` gets name and content."""
 

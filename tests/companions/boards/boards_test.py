@@ -17,7 +17,8 @@ sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[2]))
 from companion import COMPANIONS, CompanionTest  # noqa: E402
 from scripted import SCRIPTED_RUNTIME, TASK_AND_WORK  # noqa: E402
 from tool import BUILD, QUILMRUN  # noqa: E402
-from companions.boards.loopback import Boards, descendants  # noqa: E402
+from companions.boards.loopback import Boards, SlowProxy, descendants  # noqa: E402
+from quilmrun_tools.artifacts.record import read_record  # noqa: E402
 
 EXAMPLES = COMPANIONS.parent / "examples"
 TOOL = os.path.abspath(QUILMRUN)
@@ -128,6 +129,9 @@ class BoardsTest(CompanionTest):
 
 
 class Results(BoardsTest):
+    def test_manual(self):
+        self.check_manual()
+
     def test_equal_to_one_run_here(self):
         run = self.digits(2000)
         local = self.local(run)
@@ -216,6 +220,104 @@ class Results(BoardsTest):
         self.assertIn(b"10 of 30 inferences are missing: failed to get file ", errors)
         self.assertLess(sum(len(part["tries"]) for part in self.results()["parts"]), 6)
         self.check_nothing_left()
+
+
+class Kinds(BoardsTest):
+    """Boards that are made otherwise."""
+
+    @classmethod
+    def setUpClass(cls):
+        super().setUpClass()
+        names, environments = ["good", "busybox", "arm"], {}
+        for name in names[1:]:
+            commands = cls.root / name
+            commands.mkdir()
+            environments[name] = {"PATH": f"{commands}:/usr/bin:/bin"}
+        (cls.root / "arm/uname").write_text("#!/bin/sh\necho aarch64\n")
+        (cls.root / "arm/uname").chmod(0o755)
+        if shutil.which("busybox"):
+            # Nothing else is found there but what a small board has.
+            environments["busybox"] = {"PATH": str(cls.root / "busybox")}
+            for command in subprocess.run(["busybox", "--list"], check=True, capture_output=True,
+                                          text=True).stdout.split():
+                (cls.root / "busybox" / command).symlink_to(shutil.which("busybox"))
+        else:
+            print("skipped: a board with busybox, which is not installed")
+        cls.kinds = Boards(cls.root / "kinds", names, environments)
+        cls.addClassCleanup(cls.kinds.stop)
+
+    def test_small_board(self):
+        run = self.digits(20)
+        local = self.local(run)
+        status, out, errors = self.run_boards(hosts=["busybox"], boards=self.kinds, run=run)
+        self.assertEqual((status, out, errors), (*local, b""))
+        self.check_same()
+        self.check_nothing_left(self.kinds)
+
+    def test_tool_of_another_processor(self):
+        run = self.digits(2)
+        self.write("package/q/bin/quilmrun", f"#!/bin/sh\necho arm >> '{self.dir}/used'\n"
+                   f'exec {TOOL} "$@"\n')
+        (self.dir / "package/q/bin/quilmrun").chmod(0o755)
+        package = self.dir / "quilmrun-1-arm64.tar.gz"
+        subprocess.run(["tar", "czf", package, "-C", self.dir / "package", "q"], check=True)
+        status, _, errors = self.run_boards("--tool", TOOL, hosts=["arm"], boards=self.kinds, run=run)
+        self.assertEqual(status, 1)
+        self.assertIn(b"there is no tool for aarch64", errors)
+        shutil.rmtree(self.dir / "out")
+        status, _, errors = self.run_boards("--tool", TOOL, "--tool", package, hosts=["arm", "good"],
+                                            boards=self.kinds, run=run)
+        self.assertEqual((status, errors), (0, b""))
+        self.assertEqual({board["name"]: board["processor"] for board in self.results()["boards"]
+                          if board["parts"]}.get("arm", "aarch64"), "aarch64")
+        self.assertTrue((self.dir / "used").exists())
+
+    def test_check(self):
+        run = self.digits(1)[:2] + ["-j", "quilm.json"]
+        command = self.command("--check", hosts=["good", "arm", "none"], boards=self.kinds, run=run)
+        with open(self.kinds.config, "a", encoding="utf-8") as config:
+            config.write("Host none\n  HostName 127.0.0.1\n  Port 1\n")
+        result = subprocess.run(command[:-2], cwd=self.dir, check=False, capture_output=True,
+                                text=True, timeout=60)
+        lines = result.stdout.splitlines()
+        self.assertEqual((result.returncode, len(lines)), (1, 3), result.stderr)
+        self.assertRegex(lines[0], r"^good: fit: .*, glibc [\d.]+, [\d,]+ MB free, clock right, .*"
+                         r"libquilm.so /.* [0-9a-f]{12}, model image\[1,1,8,8\]$")
+        self.assertRegex(lines[1], r"^arm: not fit: there is no tool for aarch64.*: aarch64, ")
+        self.assertRegex(lines[2], r"^none: not fit: .*Connection refused")
+        self.check_nothing_left(self.kinds)
+
+    def test_record(self):
+        run = self.digits(60)
+        status, _, errors = self.run_boards("--record", "--part", 20, hosts=["good"],
+                                            boards=self.kinds, run=run)
+        self.assertEqual((status, errors), (0, b""))
+        record = read_record(self.dir / "out/record.json")
+        self.assertEqual((record.complete, record.executions, record.loop.inferences), (True, 60, 60))
+        self.assertEqual(record.statistics["warm_up"].count, 3)
+        self.assertEqual(record.functions["quilm_mdl_execute"].count, 60)
+        self.assertEqual(record.command, [TOOL, *run, "-o", "out"])
+        groups = [int(name[6:]) for name in re.findall(
+            r'"name":"(group \d+)"', (self.dir / "out/record.json").read_text())]
+        self.assertEqual(groups, [*range(60)])
+        row = record.statistics["execute"]
+        self.assertTrue(row.min <= row.p50 <= row.p90 <= row.p99 <= row.max)
+        board = self.results()["boards"][0]
+        self.assertEqual((board["latency"]["source"], board["latency"]["count"]), ("record", 57))
+
+    def test_slow_board(self):
+        run = self.digits(200)
+        self.local(run)
+        proxy = SlowProxy(self.kinds.boards["busybox"].port)
+        self.addCleanup(proxy.stop)
+        self.kinds.write_config({"busybox": proxy.port})
+        self.addCleanup(self.kinds.write_config)
+        status, _, errors = self.run_boards("--part", 10, hosts=["good", "busybox"],
+                                            boards=self.kinds, run=run)
+        self.assertEqual((status, errors), (0, b""))
+        self.check_same()
+        done = {board["name"]: board["parts"] for board in self.results()["boards"]}
+        self.assertGreater(done["good"], done["busybox"])  # which nobody waited for
 
 
 class Faults(BoardsTest):

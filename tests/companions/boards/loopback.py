@@ -6,6 +6,7 @@ import pathlib
 import signal
 import socket
 import subprocess
+import threading
 import time
 
 SSHD = "/usr/sbin/sshd"
@@ -67,6 +68,44 @@ MaxStartups 100
         if self.process:
             self.process.wait()
         self.process = None
+
+
+class SlowProxy:
+    """Hands every packet on to a port, 50 ms later."""
+
+    def __init__(self, port):
+        self._target = port
+        self._server = socket.create_server(("127.0.0.1", 0))
+        self.port = self._server.getsockname()[1]
+        threading.Thread(target=self._accept, daemon=True).start()
+
+    def _accept(self):
+        while True:
+            try:
+                near, _ = self._server.accept()
+            except OSError:
+                return
+            threading.Thread(target=self._serve, args=(near,), daemon=True).start()
+
+    def _serve(self, near):
+        with near, socket.create_connection(("127.0.0.1", self._target)) as far:
+            back = threading.Thread(target=self._pass, args=(far, near), daemon=True)
+            back.start()
+            self._pass(near, far)
+            back.join()
+
+    @staticmethod
+    def _pass(source, target):
+        try:
+            while data := source.recv(1 << 16):
+                time.sleep(0.05)
+                target.sendall(data)
+            target.shutdown(socket.SHUT_WR)
+        except OSError:
+            pass
+
+    def stop(self):
+        self._server.close()
 
 
 def descendants(pid):

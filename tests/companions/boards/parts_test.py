@@ -83,7 +83,7 @@ class Archives(unittest.TestCase):
             with self.assertRaises(ustar.Damaged):
                 b"".join(ustar.content(bytes(self.root / "x"), size))
         got = []
-        reader = ustar.Reader(lambda *_: None, lambda *one: got.append(one))
+        reader = ustar.ArchiveReader(lambda *_: None, lambda *one: got.append(one))
         reader.feed(ustar.header("in/1", 5) + b"".join(ustar.content(bytes(self.root / "x"), 5)))
         self.assertEqual(got, [(b"in/1", b"12345")])
 
