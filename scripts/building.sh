@@ -7,7 +7,7 @@ lock_build() {
   [ -z "${QUILMRUN_BUILD_LOCK:-}" ] || return 0
   local foreign
   mkdir -p build
-  foreign=$(find build build/*/ -maxdepth 0 -type d ! -writable -print -quit)
+  foreign=$(find build -maxdepth 1 -type d ! -writable -print -quit)
   if [ -n "$foreign" ]; then
     echo "$foreign belongs to $(stat -c %U "$foreign"); make it yours: sudo chown -R $(id -un) build" >&2
     return 1
