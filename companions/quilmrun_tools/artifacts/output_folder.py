@@ -89,8 +89,8 @@ class OutputFolder:
 
     @property
     def expected(self) -> int:
-        """How many inferences there were to be, by the log; otherwise 1 more than the last."""
-        known = int(self.table["run"][-1]) + 1
+        """How many inferences there were to be, by the log; otherwise as many as there are."""
+        known = len(self.runs)
         return max(known, self.log.planned, self.log.executed) if self.log else known
 
     def keys(self) -> list[Key]:

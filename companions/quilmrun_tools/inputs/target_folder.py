@@ -107,7 +107,8 @@ class TargetFolder:
             raise self._foreign(unknown[0], "did not make")
         states = {name: _State.read(self._real / name)
                   for name in [*names, prepared_inputs.FILE_NAME]}
-        for name, found in zip(names, parallel_map(lambda name: checksum(self._real / name), names)):
+        found_sums = parallel_map(lambda name: checksum(self._real / name), names)
+        for name, found in zip(names, found_sums):
             if found not in ((sums[name],) if sums[name] else _list_sums(manifest)):
                 raise self._foreign(name, "made, but which was changed since")
         return states

@@ -102,6 +102,13 @@ class Selection(ToolTest):
         for path in (self.dir / "a").rglob("*.*"):
             path.unlink()
 
+    def test_runs_of_one_inference(self):
+        for at in range(3):
+            self.run_of([0], NOW + at * SECOND)
+        self.refused("of several runs", log(1))
+        found, left_out = self.chosen(log(1), newest=True)
+        self.assertEqual((found, left_out), ({0: [("y", NOW + 2 * SECOND)]}, 2))
+
     def test_other_outputs_and_missing_ones(self):
         self.run_of(range(6), BOOT, "z")
         self.run_of(range(3), NOW)

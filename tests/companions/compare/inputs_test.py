@@ -56,7 +56,11 @@ class SameInputs(CompareTest):
                           (3 + 1, "missing"), (3 + 2, "missing"), (0, "")])
         self.manifest("b", *(entry(run) for run in range(3)))
         self.inputs()
-        for text, changed in [("b/inputs.json has no checksums of inference 2", [entry(0)]),
+        self.manifest("a", *(entry(run, name, checksum="1") for run in range(3) for name in "xy"))
+        for text, changed in [("b/inputs.json has no checksums", [
+                                   entry(run, name, checksum="1" * (name == "x"))
+                                   for run in range(3) for name in "xy"]),
+                              ("b/inputs.json has no checksums of inference 2", [entry(0)]),
                               ("no input of the same name", [entry(0, "other")])]:
             self.manifest("b", *changed)
             self.refused(text, "a", "b", "--by-input", "--inputs", "a/inputs.json",

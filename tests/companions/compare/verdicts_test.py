@@ -82,6 +82,9 @@ class Verdicts(CompareTest):
             self.write("a/log.txt", text)
             found = self.compare("--common", status=status)
             self.assertEqual(len(found["reasons"]), status)
+        self.outputs_of("gap", *[{"y": [1]}] * 3)
+        (self.dir / "gap/1").rename(self.dir / "gap/7")
+        self.compare("--common", out="gap")  # without a log, these may be all that was fetched
         self.assertEqual(found["reasons"], ["a has the outputs of 3 of 5 inferences"])
         self.assertEqual(self.compare("--common", out="b", reference="a", status=1)["reasons"],
                          found["reasons"])
