@@ -24,7 +24,7 @@ def read_memory_report(path: AnyPath) -> MemoryReport:
     """Raises Unreadable when the file is no memory report."""
     try:
         text = read_regular(path, largest=_LARGEST).decode("utf-8")
-        titles, values = list(csv.reader(text.splitlines(), strict=True))
+        titles, values = list(csv.reader(text.splitlines()))
         columns = dict(zip(titles, map(float, values), strict=True))
     except (ValueError, csv.Error) as error:
         raise _not_whole(path) from error

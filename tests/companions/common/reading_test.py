@@ -1,12 +1,15 @@
 """What every reader has in common: regular files only, checked types, known versions."""
 
 import dataclasses
+import json
 import os
 import pathlib
 import socket
 import sys
 import unittest
 from typing import Literal, Optional, Union
+
+import numpy as np
 
 sys.path.append(str(pathlib.Path(__file__).parents[2]))
 
@@ -45,6 +48,8 @@ class Decoding(unittest.TestCase):
         self.assertEqual(written["points"], [{"x": "inf", "called": "p"},
                                              {"x": "-inf", "called": "none"}])
         self.assertEqual(decoding.decode(Everything, {**written, "unknown": [1]}), whole)
+        self.assertEqual(json.dumps(decoding.encode({"a": np.int64(1), 2: np.float32(.5)})),
+                         '{"a": 1, "2": 0.5}')
         self.assertEqual(decoding.decode(Point, {"x": 3}).x, 3.0)
         self.assertIsInstance(decoding.decode(Point, {"x": 3}).x, float)
 
