@@ -44,10 +44,10 @@ class Measures:
     cosine: float
     snr_db: float
     differing: float  # share of the elements
-    top1: Optional[float] = None  # share of score vectors; None without scores
-    top5: Optional[float] = None
-    nan: tuple[int, int] = (0, 0)  # in the output, in the reference
-    inf: tuple[int, int] = (0, 0)
+    top1: Optional[float]  # share of score vectors; None without scores
+    top5: Optional[float]
+    nan: tuple[int, int]  # in the output, in the reference
+    inf: tuple[int, int]
 
 
 @dataclass(frozen=True, kw_only=True)

@@ -111,7 +111,8 @@ class Manifests(ReaderTest):
 class Comparisons(ReaderTest):
     def comparison(self, **changed):
         figures = {"elements": 4, "max_abs": 0.5, "mean_abs": 0.1, "max_rel": INF, "cosine": 1.0,
-                   "snr_db": -INF, "differing": 0.25}
+                   "snr_db": -INF, "differing": 0.25, "top1": None, "top5": None, "nan": (0, 1),
+                   "inf": (2, 0)}
         place = values.Values(pathlib.Path("a/0/y.0.1.bin"), 4, "<f4", 4)
         return comparison.Comparison(**{**{
             "output": "a", "reference": "b", "verdict": "fail", "reasons": ["1 beyond"],
