@@ -59,7 +59,7 @@ class Summary:
     ap50: float
     ap75: float
     ap_by_size: list[float]  # small, medium, large
-    ar: list[float]  # at 1, 10 and 100 detections
+    recall: list[float]  # at 1, 10 and 100 detections
     by_class: dict[int, float] = field(default_factory=dict)
 
 
@@ -83,24 +83,29 @@ def _outside(areas: Array) -> Array:
 def match(detections: Detections, objects: Objects) -> Matches:
     """Matches one class in one picture."""
     best = detections.best(LIMITS[-1])
-    count, wanted = len(best.scores), len(objects.areas)
     ignored_objects = objects.crowd[None] | _outside(objects.areas)
-    shape = len(AREA_RANGES), len(IOU_THRESHOLDS), count
-    found, ignored = np.zeros(shape, bool), np.zeros(shape, bool)
-    partner = np.full(count, -1)
-    iou = overlaps(best.boxes, objects) if count and wanted else np.zeros((count, wanted))
-    free = np.ones((*shape[:2], wanted), bool)
+    found, ignored, partner = _pair(overlaps(best.boxes, objects), objects.crowd, ignored_objects)
+    ignored |= ~found & _outside(np.prod(best.boxes[:, 2:], axis=1))[:, None]
+    return Matches(best.scores, found, ignored, np.count_nonzero(~ignored_objects, axis=1), partner)
+
+
+def _pair(iou: Array, crowd: Array, ignored_objects: Array) -> tuple[Array, Array, Array]:
+    """(found, ignored, partner) as Matches has them, by the overlaps of detections, best first, and
+    objects. Each takes the object that fits best of those that are left; a crowd is always left."""
+    shape = len(AREA_RANGES), len(IOU_THRESHOLDS)
+    found, ignored = (np.zeros((*shape, len(iou)), bool) for _ in range(2))
+    partner = np.full(len(iou), -1)
+    free = np.ones((*shape, len(crowd)), bool)
     thresholds = np.minimum(IOU_THRESHOLDS, 1 - 1e-10)[None, :, None]
     for at in np.flatnonzero(iou.max(axis=1, initial=0) >= thresholds.min()):
         chosen, matched = _choose(iou[at], free & (iou[at] >= thresholds), ignored_objects)
         found[:, :, at] = matched
         ignored[:, :, at] = matched & np.take_along_axis(ignored_objects, chosen, axis=1)
-        ranges, steps = np.nonzero(matched & ~objects.crowd[chosen])
+        ranges, steps = np.nonzero(matched & ~crowd[chosen])
         free[ranges, steps, chosen[ranges, steps]] = False
         if matched[ALL, 0]:
             partner[at] = chosen[ALL, 0]
-    ignored |= ~found & _outside(np.prod(best.boxes[:, 2:], axis=1))[:, None]
-    return Matches(best.scores, found, ignored, np.count_nonzero(~ignored_objects, axis=1), partner)
+    return found, ignored, partner
 
 
 def _choose(iou: Array, fits: Array, ignored: Array

@@ -220,7 +220,7 @@ def summarise(path: str, compared: list[JudgedPicture], annotations: Annotations
         matches for one in compared for matches in one.matches.values())
     objects = {category: sum(int(one.objects[average_precision.ALL]) for one in found)
                for category, found in by_class.items()}
-    (small, medium, large), (ar1, ar10, ar100) = summary.ap_by_size, summary.ar
+    (small, medium, large), (ar1, ar10, ar100) = summary.ap_by_size, summary.recall
     return results.Detection(
         path, len(compared), sum(objects.values()),
         sum(len(found.scores) for one in compared for found in one.detected.values()),

@@ -20,10 +20,11 @@ def contact_sheet(shown: list[tuple[str, Image.Image]], title: str) -> bytes:
     draw = ImageDraw.Draw(sheet)
     draw.text((4, 4), _plain(title, sheet.width), "black")
     for index, (name, image) in enumerate(shown):
-        x = index % columns * (_CELL + 4) + 4
-        y = index // columns * (_CELL + _TEXT + 4) + _TEXT + 8
-        sheet.paste(image, (x + (_CELL - image.width) // 2, y + (_CELL - image.height) // 2))
-        draw.text((x, y + _CELL), _plain(name, _CELL), "black")
+        left = index % columns * (_CELL + 4) + 4
+        top = index // columns * (_CELL + _TEXT + 4) + _TEXT + 8
+        sheet.paste(image, (left + (_CELL - image.width) // 2,
+                            top + (_CELL - image.height) // 2))
+        draw.text((left, top + _CELL), _plain(name, _CELL), "black")
     info = PngImagePlugin.PngInfo()
     info.add_text("Software", MARKER)
     content = io.BytesIO()

@@ -76,7 +76,7 @@ class AveragePrecision(unittest.TestCase):
             wanted = coco_definition.evaluate(boxes.detections, boxes.annotations, boxes.images,
                                               boxes.categories)
             found = boxes.summary()
-            values = [found.ap, found.ap50, found.ap75, *found.ap_by_size, *found.ar,
+            values = [found.ap, found.ap50, found.ap75, *found.ap_by_size, *found.recall,
                       *found.by_class.values()]
             classes = wanted.pop("classes")
             for name, one, other in zip([*wanted, *boxes.categories], values,
@@ -92,7 +92,7 @@ class AveragePrecision(unittest.TestCase):
             1: [average_precision.match(seen, there)], 2: [average_precision.match(none, there)],
             3: [average_precision.match(seen, average_precision.none_annotated())], 4: []})
         np.testing.assert_allclose(found.ap, 0.5)
-        np.testing.assert_allclose(found.ar, [0.5] * 3)
+        np.testing.assert_allclose(found.recall, [0.5] * 3)
         np.testing.assert_allclose([*found.by_class.values()], [1, 0, -1, -1])
 
     def test_partners_and_the_best_score(self):

@@ -226,6 +226,27 @@ class Boxes(AccuracyTest):
         self.assertEqual((round(result["ap"], 9), result["detections"]), (.75, 3))
         self.assertIn("shares of the input", " ".join(result["notes"]))
 
+    def test_missed(self):
+        """The best F1 is without boxes of low scores; a class may be the only one."""
+        one = {**self.ANNOTATIONS, "categories": self.ANNOTATIONS["categories"][:1],
+               "annotations": [dict(entry, category_id=4, bbox=[20, 20, 80, 80]) for entry in
+                               self.ANNOTATIONS["annotations"]]}
+        self.write("one.json", json.dumps(one))
+        self.run_of({"boxes": [[[20, 10, 60, 30, .9, 5]], [[0, 0, 9, 9, .1, 5]]]}, "b",
+                    [[self.source("/v/b.jpg")], [self.source("/v/a.jpg")]])
+        command = "--boxes", "boxes", "--box-format", "x1,y1,x2,y2,score,-"
+        result = self.judged("b", "--annotations", "one.json", *command)
+        worst, = result["worst"]
+        self.assertEqual((worst["picture"]["path"], worst["width"], worst["right"], worst["wrong"],
+                          worst["missed"], worst["boxes"]), ("/v/a.jpg", 200, 0, 0, 1, [
+                              {"kind": "missed", "name": "cup", "box": [20, 20, 80, 80],
+                               "score": -1}]))
+        self.assertEqual(result["threshold"], np.float32(.9))
+        status, out, _ = self.run_companion("b", "--annotations", "one.json", *command, "--json",
+                                            "-")
+        self.assertEqual((status, json.loads(out)), (0, result))
+        self.refused("class of a box either", "b", "--annotations", "coco.json", *command)
+
     def test_without_inputs(self):
         """Picture k is the k-th image, in its pixels."""
         self.run_of({"boxes": [[[20, 20, 100, 100, .5, 0]], [[100, 100, 120, 120, .5, 1]]]},
