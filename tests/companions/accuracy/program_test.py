@@ -75,7 +75,10 @@ class Labels(AccuracyTest):
                          (self.PATHS[1], "1", "2"))
         self.assertAlmostEqual(worst["confidence"], 0.9995, places=3)
         for text in ("4 pictures, 3 classes", "top-1: 50.00% (95 % interval 15.00% to 85.00%), 2",
-                     "1     2             1\n", "1.jpg          1     2           1.000\n",
+                     "class  support  precision  recall     F1\n"
+                     "0            2      1.000   0.500  0.667\n",
+                     "true  given  pictures\n0     1             1\n1     2             1\n",
+                     "picture        true  given  confidence\n" "1.jpg          1     2           1.000\n",
                      "PASS: top-1 50.00%, limit 0.5"):
             self.assertIn(text, self.said)
         self.assertEqual(self.judged("out", "--labels", "labels.csv", "--min-top1", "50.1%",
@@ -144,6 +147,7 @@ class Labels(AccuracyTest):
         self.run_of({"prob": self.SCORES[:2]}, "cut", planned=4,
                     sources=[[self.source(path)] for path in self.PATHS])
         self.run_of({"prob": self.SCORES, "more": self.SCORES}, "two")
+        self.run_of({"prob": self.SCORES[:1]}, "spaces", [[self.source("/v/0 cat")]])
         for content, text in [("0,0\n1,1\n2,0\n", "no class for 1 of 4 pictures, such as /v/dog/3"),
                               ("0,0\n0,1\n", "line 2: the picture has another class"),
                               ("1.jpg,0\n", "line 1: 1.jpg is the name of 2 pictures"),
@@ -152,6 +156,8 @@ class Labels(AccuracyTest):
             self.write("labels", content)
             self.refused(text, "out", "--labels", "labels")
         self.write("labels", "0,0\n1,1\n2,0\n3,1\n")
+        self.write("odd-names", "cat\ndog\ncat dog\n")
+        self.write("odd", "0 cat dog\n")
         self.write("two-cats", "cat\ncat\ndog")
         self.write("cats", "0,cat\n")
         for text, *arguments in [
@@ -162,6 +168,7 @@ class Labels(AccuracyTest):
                 ("names 4 classes, but the model gives 3", "out", "--labels", "labels", "--classes",
                  "labels"),
                 ("is the name of 2 classes", "out", "--labels", "cats", "--classes", "two-cats"),
+                ("read in several ways", "spaces", "--labels", "odd", "--classes", "odd-names"),
                 ("folder cat is no class", "out", "--labels-from-folders"),
                 ("give one of --labels", "out"), ("give one of --labels", "out", "--boxes", "prob"),
                 ("belong together", "out", "--annotations", "labels"),

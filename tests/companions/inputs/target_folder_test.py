@@ -84,7 +84,7 @@ class TargetFolder(InputsTest):
                     self.write(f"{folder}/{old}", value)
         self.refused("is not a folder", "-o", "log.txt", *self.command[:2], "--random", "1")
         for name, text in ((".", "the folder that you are in"), ("..", "you are in, or above it"),
-                           ("/dev", "where a file system is mounted")):
+                           ("/proc", "where a file system is mounted")):
             self.refused(text, "-o", name, *self.command[:2], "--random", "1")
         self.assertEqual(sorted(os.listdir(self.dir)), ["full", "log.txt", "out", "p"])
 
