@@ -13,7 +13,7 @@ from quilmrun_tools.boards.plan import OutputShape
 from quilmrun_tools.boards.ustar import ArchiveReader, Damaged
 
 _FILE = re.compile(rb"(\d{1,9})/(.+)\.(\d{1,9})\.(\d{1,20})\.(bin|float)", re.DOTALL)
-_LONGEST_LINE = 18 + 42  # a float of up to 39 digits, a point, 16 more and a sign
+_LONGEST_LINE = 58  # a sign, up to 39 digits, a point, 16 more and the end
 _SHORTEST_LINE = 19
 
 # The largest that the other files may be: (bytes, bytes more for each inference).

@@ -10,7 +10,7 @@ import threading
 import time
 
 SSHD = "/usr/sbin/sshd"
-_LIFE = "300"  # seconds after which a daemon ends whatever happens
+_LIFE = "900"  # seconds after which a daemon ends whatever happens
 
 
 def free_port():

@@ -1,6 +1,8 @@
 """What decides about parts and looks at what boards send, without any board."""
 
+import os
 import pathlib
+import subprocess
 import sys
 import tempfile
 import unittest
@@ -9,14 +11,16 @@ sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[2]))
 
 import companion  # noqa: E402,F401  # pylint: disable=unused-import  # finds the companions
 from quilmrun_tools.artifacts.board_results import Difference, Try  # noqa: E402
-from quilmrun_tools.boards import policy, ustar  # noqa: E402
+from quilmrun_tools.artifacts.run_log import RunLog, Tensor  # noqa: E402
+from quilmrun_tools.boards import part_log, policy, ustar  # noqa: E402
 from quilmrun_tools.boards.incoming import Incoming  # noqa: E402
 from quilmrun_tools.boards.input_list import group_by_name, read_input_list  # noqa: E402
 from quilmrun_tools.boards.latency import difference_from, latency_of  # noqa: E402
 from quilmrun_tools.boards.part_log import Inference  # noqa: E402
-from quilmrun_tools.boards.plan import OutputShape, cut, part_size  # noqa: E402
+from quilmrun_tools.boards.plan import OutputShape, cut, part_size, real  # noqa: E402
+from quilmrun_tools.boards.shapes import shapes_of  # noqa: E402
 from quilmrun_tools.boards.state import BoardState  # noqa: E402
-from quilmrun_tools.boards.tool_command import parse_command  # noqa: E402
+from quilmrun_tools.boards.tool_command import check_length, parse_command  # noqa: E402
 from quilmrun_tools.boards.tools import tool_for  # noqa: E402
 from quilmrun_tools.common.errors import Unreadable  # noqa: E402
 
@@ -57,8 +61,20 @@ class Archives(unittest.TestCase):
         self.assertEqual((self.folder / "0/y.0.17.float").read_bytes(), TEXT)
         self.assertEqual(incoming.files, {b"log.txt": b"a log"})
         long = member("././@LongLink", b"out/0/y.0.17.bin\0", b"L") + member("z", bytes(8))
-        self.assertEqual(self.take(LOG, long, text=False)[1], "")
+        for step in (700, 1 << 22):
+            self.assertEqual(self.take(LOG, long, text=False, step=step)[1], "")
+        large = ("log.txt", bytes(3 << 19))  # more than is kept of what was used
+        self.assertEqual(self.take(large, ("err.txt", b"x"), BIN, FLOAT)[1], "")
         self.assertEqual(self.take(LOG, text=False)[1], "0 of 1 output files came back")
+        longest = ("out/0/y.0.1.float", (b"-" + b"1" * 39 + b"." + b"0" * 16 + b"\n") * 2)
+        self.assertEqual(self.take(LOG, ("out/0/y.0.1.bin", bytes(8)), longest)[1], "")
+        with self.assertRaises(ustar.Damaged):
+            self.take(LOG, (longest[0], longest[1] + b"\n"))
+        parted = bytearray(member("0/y.0.17.bin", bytes(8)))
+        parted[345:348] = b"out"
+        parted[148:156] = b" " * 8
+        parted[148:156] = b"%06o\0 " % sum(parted[:512])
+        self.assertEqual(self.take(LOG, bytes(parted), text=False)[1], "")
 
     def test_hostile(self):
         for members in (
@@ -82,6 +98,11 @@ class Archives(unittest.TestCase):
         for size in (4, 6):
             with self.assertRaises(ustar.Damaged):
                 b"".join(ustar.content(bytes(self.root / "x"), size))
+        sent = b"".join([ustar.header("d", 0, 0o700, True), ustar.header("d/x", 5),
+                         *ustar.content(bytes(self.root / "x"), 5), ustar.END])
+        shown = subprocess.run(["tar", "tvf", "-"], input=sent, check=True, capture_output=True)
+        self.assertRegex(shown.stdout.decode(), r"^drwx------ 0/0 +0 1970.* d/?\n-rw------- 0/0 +5 "
+                                                r"1970.* d/x\n$")
         got = []
         reader = ustar.ArchiveReader(lambda *_: None, lambda *one: got.append(one))
         reader.feed(ustar.header("in/1", 5) + b"".join(ustar.content(bytes(self.root / "x"), 5)))
@@ -90,6 +111,57 @@ class Archives(unittest.TestCase):
 
 def tried(board, outcome="failed", error="e"):
     return Try(board, outcome, "", 1.0, "", error)
+
+
+OUTPUTS = [OutputShape("y", 0, 2, 3), OutputShape("y", 1, 1, 5)]
+COURSE = b"""\
+[WARN]  Reset the batchSize to [2]
+[WARN]  quilm_mdl_set_dynamic_batch_size set batchsize to 2
+[INFO]  The value of quilm_data_type is [0]
+[INFO]  The value of quilm_data_type is [0]
+[ERROR] GetOutputWithOutStride fail
+[INFO]  dump data success
+[INFO]  The value of quilm_data_type is [0]
+[ERROR] create output file [x] failed
+[INFO]  The value of quilm_data_type is [0]
+[INFO]  dump data success
+"""
+
+
+class Logs(unittest.TestCase):
+    def test_course(self):
+        found = part_log.course(COURSE, OUTPUTS, 4)
+        self.assertEqual([(one.values, one.reset, one.unwritten) for one in found],
+                         [([12, None], True, False), ([12, 10], False, True)])
+
+    def test_sections(self):
+        head, paths = b"[INFO]  inputPath: m\n[INFO]  x\n", b"[INFO]  inputPath: a\n" * 2
+        count = b"[INFO]  create model output success\n[INFO]  Model inputNum: 1\n"
+        tail = b"[ERROR] late\n[INFO]  end\n"
+        text = head + paths + count + b"[INFO]  Model Iters : 2\n" + COURSE + tail
+        self.assertEqual(part_log.sections(text), part_log.Sections(head, count, COURSE, tail))
+        self.assertEqual(part_log.sections(head), part_log.Sections(head, b"", b"", b""))
+        self.assertEqual(part_log.first_error(tail), "late")
+
+    def test_paths(self):
+        paths = part_log.Paths(b"/r.1", {b"model-1": b"m y", b"p/in/000000.bin": b"./a"},
+                               {b"model-1": b"/m y", b"p/in/000000.bin": b"/d/a"}, b"p/out", b"o/", 7)
+        for text, expected in (
+                (b"[INFO]  inputPath: /r.1/model-1\nload /r.1/model-1 ok",
+                 b"[INFO]  inputPath: m y\nload /m y ok"), (b"[/r.1/p/in/000000.bin]", b"[/d/a]"),
+                (b"[/r.1/p/out/2/y.0.1.bin]", b"[o//9/y.0.1.bin]"), (b"/r11/model-1", b"/r11/model-1"),
+                (b"/r.1/other", b"/r.1/other")):
+            self.assertEqual(paths.translate(text), expected)
+
+    def test_shapes(self):
+        log = RunLog("", batch_size=4, outputs=[
+            Tensor("a.b", (1, 2, 3), 0, 16, 32), Tensor("a_b", (5,), 0, 20, 20),
+            Tensor("c", (2, -1), 0, 16, 16), Tensor("d", (2,), 0, 0, 0), Tensor("e", (3,), 4, 1, 3)])
+        self.assertEqual(shapes_of(log, parse_command(["q", "-b", "4"], "")), [
+            OutputShape("a_b", 0, 2, 3), OutputShape("a_b", 1, 1, 5), OutputShape("c", 0, 1, 0),
+            OutputShape("d", 0, 0, 0), OutputShape("e", 0, 3, 3)])
+        log.batch_size = 1
+        self.assertEqual(shapes_of(log, parse_command(["q"], ""))[0], OutputShape("a_b", 0, 2, 3))
 
 
 class Decisions(unittest.TestCase):
@@ -127,6 +199,7 @@ class Decisions(unittest.TestCase):
         self.assertEqual([(one.number, one.first, one.entries) for one in cut(entries, 2, 2)],
                          [(0, 0, tuple(entries[:4])), (1, 2, tuple(entries[4:6]))])
         self.assertEqual([one.inferences for one in cut([], 1, 5)], [0])
+        self.assertEqual([one.inferences for one in cut(entries, 0, 5)], [0])
         self.assertEqual([(one.number, one.first, one.inferences)
                           for one in cut(entries, 1, 9, 3, 1)], [(1, 3, 4)])
 
@@ -141,13 +214,18 @@ class Decisions(unittest.TestCase):
         latency = latency_of([1.0, 2.0, 3.0, 4.0], "stamps")
         self.assertEqual((latency.p50_ms, latency.per_second), (2.5, 400.0))
         self.assertIsNone(latency_of([], "stamps"))
+        self.assertEqual(latency_of([0.25, 0.25], "stamps").per_second, 4000)
+        none = latency_of([0.0], "stamps")
+        self.assertEqual(none.per_second, 0)
+        for one, others in ((None, latency), (latency, None), (latency, none)):
+            self.assertIsNone(difference_from(one, others))
 
 
 class Commands(unittest.TestCase):
     def test_lists(self):
         with tempfile.TemporaryDirectory() as folder:
             path = pathlib.Path(folder, "l")
-            path.write_bytes(b"a\n\nx:b\r\n:c\nd:\n/e\nx:y:z")
+            path.write_bytes(b"a\0a\n\nx:b\r\n:c\nd:\n/e\nx:y:z")
             self.assertEqual(
                 [one.replace(folder.encode(), b"D") for one in read_input_list(str(path))],
                 [b"D/a", b"x:D/b\r", b"D/:c", b"D/d:", b"D//e", b"x:D/y:z"])
@@ -157,6 +235,13 @@ class Commands(unittest.TestCase):
                              expected.encode().split())
 
     def test_command(self):
+        check_length(b"a" * 4096)
+        for number in ("2147483647", "-2147483648"):
+            parse_command(["q", "-t", number], "")
+        self.assertEqual(parse_command(["q", "-b", " +10"], "").batch, 10)
+        self.assertEqual(parse_command(["q"], "").batch, 1)
+        self.assertEqual(real(b"none/../x"), os.getcwdb() + b"/none/../x")
+        self.assertEqual((real(b"/none"), real(b"/usr/../usr")), (b"/none", b"/usr"))
         command = parse_command("q -m a -b 4x -m b left -r x,,y, -t -5".split(), "m")
         self.assertEqual((command.last("m"), command.batch, command.rpn), ("b", 4, ["x", "", "y"]))
         self.assertEqual(command.on_board({"m": "M"}),
