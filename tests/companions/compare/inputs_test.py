@@ -95,11 +95,11 @@ class SameInputs(CompareTest):
 
 class Frames(CompareTest):
     def test_frames_that_were_not_given(self):
-        """Of a recurrent model with 5 frames at most, an inference had 3 and one had 5."""
+        """Of a recurrent model with 5 frames at most, an inference had 5 and one had 3."""
         whole = np.arange(20, dtype=float)
         undefined = np.where(np.arange(20) % 10 < 6, whole, 99)
         inputs = [("x", "[5, 2, ]", 1, 20, 20), ("t", "[1, 5, ]", 0, 20, 20)]
-        names = [f"{self.dir}/x.bin", f"{self.dir}/t.bin", f"{self.dir}/full.bin",
+        names = [f"{self.dir}/full.bin", f"{self.dir}/t.bin", f"{self.dir}/x.bin",
                  f"{self.dir}/t.bin"]
         for name, size in (("x.bin", 12), ("t.bin", 20), ("full.bin", 20)):
             self.write(name, bytes(size))
@@ -109,13 +109,13 @@ class Frames(CompareTest):
                                     ("[2, 5, 2, ]", ("--frames-axis", "0"), 1),
                                     ("[4, 5, ]", (), 1)]:
             with self.subTest(shape=shape, axis=axis):
-                self.outputs_of("a", {"y": undefined}, {"y": whole})
+                self.outputs_of("a", {"y": whole}, {"y": undefined})
                 self.write("a/log.txt", log_text(inputs, [("y", shape, 0, 8, 80)], 2, files=names)
                            + "[INFO]  Model inputNum: 2\n")
                 found = self.compare(*axis, status=status)
                 self.assertEqual(found["outputs"][0]["elements"], 32 if not status else
                                  {"[4, 5, ]": 12 + 20}.get(shape, 40))
-        self.outputs_of("a", {"y": whole}, {"y": undefined})
+        self.outputs_of("a", {"y": undefined}, {"y": whole})
         self.assertEqual(self.compare(status=1)["failed"], 1)
         self.write("a/log.txt", log_text(inputs, [("y", "[5, 4, ]", 0, 8, 80)], 2, files=names)
                    + "[INFO]  Model inputNum: 2\n")
