@@ -3,7 +3,7 @@ tells which of them one run of the tool wrote.
 
 The tool never deletes, so a directory may hold the files of several runs. Time stamps alone do not
 tell these apart: the clock of a board may start in 1970, or be set while the tool runs. Where they
-are needed, everything in the directory has to agree with what they say; otherwise nothing is chosen.
+are needed, everything in the directory has to agree with what they say; otherwise none is chosen.
 """
 
 import bisect
@@ -127,7 +127,7 @@ class OutputFolder:
         stem = f"{self.path}/{run}/{key[0]}.{key[1]}.{stamp}"
         return OutputFile(run, key[0], key[1], stamp, stem, has_bin, has_float)
 
-    def _chosen(self, rows: Table) -> "OutputFolder":
+    def chosen(self, rows: Table) -> "OutputFolder":
         """This folder with some of its rows."""
         others = np.delete(self.table, rows)
         kept = OutputFolder(self.path, self.names, self.table[np.sort(rows)], self.log, len(others))
@@ -145,8 +145,8 @@ def read_output_folder(folder: str, log: Optional[RunLog] = None, record: Option
     found = _find(root, folder)
     found.log = log
     if newest:
-        return found._chosen(_Choice(found, log, record).newest())
-    return found._chosen(_Choice(found, log, record).meant())
+        return found.chosen(_Choice(found, log, record).newest())
+    return found.chosen(_Choice(found, log, record).meant())
 
 
 def _find(root: Path, folder: str) -> OutputFolder:
@@ -255,7 +255,7 @@ class _Choice:
         return self._uniform(rows) and int(rows["run"].max()) + 1 == len(np.unique(rows["run"]))
 
     def _segments(self) -> list[Table]:
-        """The rows of what seems to be single runs, oldest first. The tool numbers its inferences from
+        """The rows of what seem to be single runs, oldest first. The tool numbers inferences from
         0, so going back in time a run ends where the number rises or an output comes again."""
         # Of equal stamps the later inference counts as the later file.
         order = np.lexsort((self._table["run"], self._table["stamp"]))
@@ -291,14 +291,17 @@ class _Choice:
         if not self._log or not self._counted or not all(map(self._whole, segments)):
             return []
         wanted = sorted(name_in_files(tensor.name) for tensor in self._log.outputs)
-        return [segment for segment in segments
-                if len(np.unique(self._table["run"][segment])) == self._counted and wanted == sorted(
-                    self._folder.names[key][0] for key in np.unique(self._table["key"][segment]))]
+        return [segment for segment in segments if self._names(segment) == wanted
+                and len(np.unique(self._table["run"][segment])) == self._counted]
+
+    def _names(self, segment: Table) -> list[str]:
+        """The names of all outputs in a segment."""
+        return sorted(self._folder.names[key][0] for key in np.unique(self._table["key"][segment]))
 
     def _steady(self, segment: Table) -> bool:
         """Whether no two inferences of a segment are much farther from each other in time than is
         usual: a gap may be where a clock was set, and the ends of two runs meet."""
         stamps = np.sort(self._table["stamp"][segment])
         steps = np.diff(stamps)
-        return not len(steps) or bool(
+        return steps.size == 0 or bool(
             steps.max() <= max(_STEPS * int(np.median(steps)), _SHORT_STEP_US))

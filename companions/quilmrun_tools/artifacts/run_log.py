@@ -102,12 +102,8 @@ _ANY_TENSOR = re.compile(r"^\[INFO\]  (?:Input|Output) index: ", re.M)
 
 
 def _read_tensors(text: str, log: RunLog) -> None:
-    tensors = []
-    for match in _TENSOR.finditer(text):
-        kind, index, name, shape, *numbers = match.groups()
-        code, stride, form, size = map(int, numbers)
-        dims = tuple(map(int, shape.split(", ")[:-1]))
-        tensors.append((kind, int(index), Tensor(name, dims, code, stride, size, form)))
+    tensors = [(match.group(1), int(match.group(2)), _tensor(match))
+               for match in _TENSOR.finditer(text)]
     log.batch_size = _described_batch([tensor for _, _, tensor in tensors])
     whole = len(tensors) == len(_ANY_TENSOR.findall(text))
     for kind, index, one in tensors:
@@ -120,6 +116,13 @@ def _read_tensors(text: str, log: RunLog) -> None:
     if not whole:
         raise Unreadable(f"{log.path} is damaged: it does not describe every input and output; "
                          "save again what quilmrun prints")
+
+
+def _tensor(match: re.Match[str]) -> Tensor:
+    """What a description says, with the size of all batches."""
+    name, shape, *numbers = match.groups()[2:]
+    code, stride, form, size = map(int, numbers)
+    return Tensor(name, tuple(map(int, shape.split(", ")[:-1])), code, stride, size, form)
 
 
 def _described_batch(tensors: list[Tensor]) -> int:

@@ -18,8 +18,9 @@ def open_regular(path: AnyPath) -> BinaryIO:
 
 
 def regular_handle(path: AnyPath, what: str = "") -> int:
-    """A descriptor of a regular file, for reading; `what` names it in messages. A FIFO or a device would make a companion wait
-    or read for ever, so these are refused by name, as is what cannot be opened."""
+    """A descriptor of a regular file, for reading; `what` names it in messages. A FIFO or a device
+    would make a companion wait or read for ever, so these are refused by name, as is what cannot
+    be opened."""
     called = f"{what} {path}".strip()
     try:
         # Without O_NONBLOCK, the opening of a FIFO waits for a writer.

@@ -36,7 +36,7 @@ class OutputFacts:
     frames: dict[Key, FrameCut] = field(default_factory=dict)
 
 
-class Comparer:
+class Comparer:  # pylint: disable=too-few-public-methods  # it keeps its buffers
     """Compares outputs in buffers that are used again and again."""
 
     def __init__(self, limits: Limits, plan: OutputFacts) -> None:

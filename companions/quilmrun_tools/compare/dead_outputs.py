@@ -72,7 +72,7 @@ class DeadOutputs:
         return ""
 
 
-class _Watched:
+class _Watched:  # pylint: disable=too-few-public-methods  # it sums up over chunks
     """One output of one inference."""
 
     def __init__(self) -> None:

@@ -87,7 +87,7 @@ class SameInputs(CompareTest):
                                                    files=[f"{self.dir}/in_{side}/0_x.bin"]))
             self.manifest(f"in_{side}", entry(0, checksum=side))
         self.assertIn("was made of", self.compare(status=1)["reasons"][0])
-        self.manifest("in_b", entry(1, checksum="b"))
+        self.manifest("in_b", {**entry(0, checksum="b"), "file": "other.bin"})
         self.compare()
         _, out, _ = self.run_companion("a", "b", "--inputs", "in_b/inputs.json")
         self.assertIn("in_b/inputs.json does not name the input files of a's log", out)
