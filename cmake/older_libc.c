@@ -15,28 +15,29 @@
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
+#include <unwind.h>
 
 // What the build warns of elsewhere is meant here: libc's reserved names, declared anew.
-#define INSIDE __attribute__((visibility("hidden")))
+#define HIDDEN __attribute__((visibility("hidden")))
 
 // ---- Since 2.32 ---------------------------------------------------------------------------------
 
 /// 0 makes the C++ library count its references atomically, which is always right.
-INSIDE char __libc_single_threaded = 0;
+HIDDEN char __libc_single_threaded = 0;
 
 // ---- Since 2.33, macros before that -------------------------------------------------------------
 
 // On 64-bit systems the kernel's struct stat is that of libc.
 #if __GLIBC_PREREQ(2, 33)
-INSIDE int stat(const char* path, struct stat* status) {
+HIDDEN int stat(const char* path, struct stat* status) {
   return (int)syscall(SYS_newfstatat, AT_FDCWD, path, status, 0);
 }
 
-INSIDE int fstat(int descriptor, struct stat* status) {
+HIDDEN int fstat(int descriptor, struct stat* status) {
   return (int)syscall(SYS_fstat, descriptor, status);
 }
 
-INSIDE int fstat64(int descriptor, struct stat64* status) {
+HIDDEN int fstat64(int descriptor, struct stat64* status) {
   return (int)syscall(SYS_fstat, descriptor, status);
 }
 #endif
@@ -45,7 +46,7 @@ INSIDE int fstat64(int descriptor, struct stat64* status) {
 
 enum { kOnceDone = 2, kOnceRunning = 1 };
 
-INSIDE int pthread_once(pthread_once_t* control, void (*initialize)(void)) {
+HIDDEN int pthread_once(pthread_once_t* control, void (*initialize)(void)) {
   int state = 0;
   if (__atomic_compare_exchange_n(control, &state, kOnceRunning, 0, __ATOMIC_ACQUIRE,
                                   __ATOMIC_ACQUIRE)) {
@@ -60,7 +61,7 @@ INSIDE int pthread_once(pthread_once_t* control, void (*initialize)(void)) {
 }
 
 /// Nobody calls it: the unwinder takes its presence as the sign that there may be threads.
-INSIDE int __pthread_key_create(pthread_key_t* key, void (*destroy)(void*)) {
+HIDDEN int __pthread_key_create(pthread_key_t* key, void (*destroy)(void*)) {
   (void)key;
   (void)destroy;
   return ENOSYS;
@@ -74,9 +75,9 @@ typedef void (*Constructor)(int, char**, char**);
 typedef int (*Main)(int, char**, char**);
 int start_main_of_2_17(Main, int, char**, Constructor, void (*)(void), void (*)(void), void*);
 int __wrap___libc_start_main(Main, int, char**, Constructor, void (*)(void), void (*)(void), void*);
-extern INSIDE const Constructor __preinit_array_start[], __preinit_array_end[];
-extern INSIDE const Constructor __init_array_start[], __init_array_end[];
-extern INSIDE void _init(void);
+extern HIDDEN const Constructor __preinit_array_start[], __preinit_array_end[];
+extern HIDDEN const Constructor __init_array_start[], __init_array_end[];
+extern HIDDEN void _init(void);
 
 static void RunConstructors(int argc, char** argv, char** environment) {
   for (const Constructor* run = __preinit_array_start; run != __preinit_array_end; ++run) {
@@ -89,7 +90,7 @@ static void RunConstructors(int argc, char** argv, char** environment) {
 }
 
 /// Called by crt1.o in place of __libc_start_main, by the linker's option --wrap.
-INSIDE int __wrap___libc_start_main(Main run, int argc, char** argv, Constructor construct,
+HIDDEN int __wrap___libc_start_main(Main run, int argc, char** argv, Constructor construct,
                                     void (*end)(void), void (*end_of_loader)(void), void* stack) {
   return start_main_of_2_17(run, argc, argv, construct != NULL ? construct : RunConstructors, end,
                             end_of_loader, stack);
@@ -125,8 +126,22 @@ static int FindIn(struct dl_phdr_info* object, size_t size, void* data) {
 }
 
 /// What the unwinder asks about a function on the stack while an exception is on its way.
-INSIDE int _dl_find_object(void* address, struct dl_find_object* found) {
+HIDDEN int _dl_find_object(void* address, struct dl_find_object* found) {
   Search search = {(ElfW(Addr))address, found};
   return dl_iterate_phdr(FindIn, &search) != 0 ? 0 : -1;
 }
 #endif
+
+// ---- Exceptions of the board's library ----------------------------------------------------------
+
+static _Unwind_Reason_Code StopAtOnce(struct _Unwind_Context* context, void* data) {
+  (void)context;
+  (void)data;
+  return _URC_END_OF_STACK;
+}
+
+/// The board's library throws with a libgcc of its own. On the way, functions of the one that is
+/// linked here are called, which abort unless it has been used before.
+__attribute__((constructor)) static void PrepareForExceptions(void) {
+  _Unwind_Backtrace(StopAtOnce, NULL);
+}

@@ -7,9 +7,17 @@ target_link_libraries(older_libc PRIVATE quilmrun_warnings)
 target_link_options(older_libc INTERFACE -static-libstdc++ -static-libgcc -Wl,--gc-sections
                                          -Wl,--wrap=__libc_start_main)
 
-# On top for what loads libraries at run time: until 2.34 the functions for that were in libdl.so.2,
-# which later versions keep, though empty; so the linker has to be told not to leave it out.
-add_library(older_libdl OBJECT cmake/older_libdl.c)
-target_link_libraries(older_libdl PRIVATE quilmrun_warnings)
-target_link_options(older_libdl INTERFACE
-                    "LINKER:--push-state,--no-as-needed,-l:libdl.so.2,--pop-state")
+# older_libdl is needed on top by what loads libraries at run time. The library is in a directory of
+# its own, so that no executable finds it beside itself.
+add_library(older_libdl INTERFACE)
+if(CMAKE_SYSTEM_PROCESSOR STREQUAL aarch64)
+  set(libdl_map ${PROJECT_SOURCE_DIR}/cmake/older_libdl.map)
+  add_library(interface_libdl SHARED cmake/older_libdl.c)
+  set_target_properties(interface_libdl PROPERTIES
+    OUTPUT_NAME dl SOVERSION 2 LIBRARY_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/interface_libdl
+    LINK_DEPENDS ${libdl_map})
+  target_link_options(interface_libdl PRIVATE "LINKER:--version-script=${libdl_map}" -nostdlib)
+  add_dependencies(older_libdl interface_libdl)
+  target_link_options(older_libdl INTERFACE
+    "LINKER:--push-state,--no-as-needed,$<TARGET_FILE:interface_libdl>,--pop-state")
+endif()

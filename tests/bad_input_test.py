@@ -195,6 +195,9 @@ class BadInput(HostRuntimeTest):
                      "DataType: 4, stride: 96, format: 0, dataSizeWithStride: 96",
                      "DataType: 4, stride: 160, format: 0, dataSizeWithStride: 160"):
             self.assertIn(f"[INFO]  {line}\n", out)
+        for length, stride in ((31, 32), (32, 32), (33, 64)):
+            _, out, _ = self.run_model(identity([1, length], TensorProto.UINT8), "x")
+            self.assertIn(f"DataType: 4, stride: {stride}, format: 0", out)
         _, _, err = self.run_model(identity([1, 4]), "x", settings={"row_alignment": 6})
         self.assertEqual(err, 'host runtime: the model cannot be loaded: input "x": its elements '
                               "do not fit a row_alignment of 6\n")

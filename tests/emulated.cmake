@@ -3,6 +3,14 @@
 set(QUILMRUN_NATIVE ${PROJECT_SOURCE_DIR}/build/release/quilmrun CACHE FILEPATH
     "An executable for this machine, which is none for a board")
 
+# The runtimes of tests start on an old libc too, as a board's does, and throw with its libgcc.
+foreach(runtime quilm scripted_runtime)
+  target_sources(${runtime} PRIVATE $<TARGET_OBJECTS:older_libc>)
+  target_link_libraries(${runtime} PRIVATE older_libdl)
+  target_link_options(${runtime} PRIVATE -static-libstdc++ LINKER:--exclude-libs,libstdc++.a
+                                         LINKER:--gc-sections)
+endforeach()
+
 # As the scripts call it: like any executable.
 set(emulated ${CMAKE_CURRENT_BINARY_DIR}/quilmrun)
 file(GENERATE OUTPUT ${emulated}

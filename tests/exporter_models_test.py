@@ -169,6 +169,7 @@ class ExporterModels(HostRuntimeTest):
              {"input_shapes": {"x": [1, 4]}, "output_shapes": {"y": [1, 4]}}, -line),
             ("scalar", model([node("ReduceSum", "x", "y", keepdims=0)], {"x": (FLOAT, ["N", 4])},
                              {"y": (FLOAT, [])}), [line], {}, [6]),
+            ("-1 for a dimension", relu([1, -1]), [line], {"input_shapes": {"x": [1, 4]}}, line),
             ("known scalar", gathered(20), [np.array([21], "<i4")], {}, TABLE[1, 0]),
             ("shown by zeros", reshaped(), [line, np.array([0], "<i4")], {}, line)]
         for name, model_bytes, arrays, settings, expected in rows:

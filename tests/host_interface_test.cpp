@@ -121,6 +121,7 @@ TEST_F(HostInterface, RefusesWrongArguments) {
   EXPECT_EQ(quilm_mdl_set_dynamic_batch_size(id, input, 0, 0), -1);
   EXPECT_EQ(quilm_mdl_set_dynamic_batch_size(id, input, 1, 1), -1);
   EXPECT_EQ(quilm_mdl_set_total_t(id, input, 1), -1);
+  EXPECT_EQ(quilm_rt_reset_device(1), -1);
   EXPECT_EQ(quilm_rt_malloc(&memory, 8, kPolicy), 0);
   EXPECT_EQ(reinterpret_cast<uintptr_t>(memory) % 64, 0U);
   EXPECT_NE(quilm_create_data_buffer(memory, 8, 8), nullptr);
@@ -140,6 +141,7 @@ TEST_F(HostInterface, RefusesWrongArguments) {
       "quilm_mdl_set_dynamic_batch_size: batch size 0 at index 0: it is 1 or more, at index 0\n"
       "quilm_mdl_set_dynamic_batch_size: batch size 1 at index 1: it is 1 or more, at index 0\n"
       "quilm_mdl_set_total_t: total_t 1, the model takes up to 0 frames\n"
+      "quilm_rt_reset_device: there is no device 1\n"
       "quilm_create_data_buffer: 9 bytes asked for, the block of device memory has 8\n"
       "quilm_create_data_buffer: 0 bytes asked for, the block of device memory has 8\n"
       "quilm_rt_free: block of device memory does not exist (any more)\n"

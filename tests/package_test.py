@@ -12,6 +12,7 @@ from unittest import mock
 
 import tool
 from models import HostRuntimeTest, identity
+from scripted import FAILURE, PLAIN, ScriptedRuntimeTest
 
 SOURCE = pathlib.Path(__file__).resolve().parents[1]
 VERSION = os.environ["VERSION"]
@@ -35,7 +36,7 @@ def depends(package):
             re.findall(r"([a-z][\w.+-]*)(?::any)?(?: \([^)]*\))?(?:, |\n)", text)}
 
 
-class Packages(HostRuntimeTest):
+class Packages(HostRuntimeTest, ScriptedRuntimeTest):
     def unpack(self, *packages):
         root = self.dir / "root"
         for package in packages:
@@ -106,6 +107,23 @@ class Packages(HostRuntimeTest):
     def test_board_archive(self):
         run("tar", "-xzf", ARCHIVE, "-C", self.dir)
         self.check_board(self.dir / f"quilmrun-{VERSION}-arm64")
+
+    def test_old_libc(self):
+        """The three binaries of the board package on glibc 2.17, with and without an exception."""
+        prefix = self.unpack(BOARD)
+        emulator = f"{os.environ['EMULATOR']} -L {SOURCE}/build/old_libc"
+        for program in ("bin/quilmrun", "lib/quilmrun/record/convert"):
+            (prefix / program).rename(prefix / f"{program}.arm64")
+            self.write(prefix / program, f"#!/bin/sh\nexec {emulator} {prefix}/{program}.arm64 \"$@\"\n")
+            os.chmod(prefix / program, 0o755)
+        with mock.patch.object(tool, "QUILMRUN", prefix / "bin/quilmrun"):
+            self.assertEqual(*(self.run_scripted(PLAIN, within=within, complaint=".*")
+                               for within in ((), (prefix / "bin/quilmrun-record",))))
+            record = json.loads((self.dir / "record.json").read_text())["otherData"]
+            self.assertEqual((record["statistics"]["warm_up"]["count"], record["complete"]), (1, True))
+            for within in (), (prefix / "bin/quilmrun-record", "-q"):
+                self.check(1, "[ERROR] unexpected exception: broken\n" + FAILURE,
+                           "throw quilm_mdl_execute 1 broken\n" + PLAIN, within=within)
 
     def test_what_asks_too_much_of_a_board_is_refused(self):
         check = subprocess.run([SOURCE / "scripts/check-board", os.environ["QUILMRUN_NATIVE"]],

@@ -6,7 +6,7 @@
 namespace quilmrun_record {
 namespace {
 
-constexpr size_t kBuffer = 64 * 1024;
+constexpr size_t kBuffer = size_t{64} * 1024;
 
 struct Sequence {  // of the bytes of one character
   unsigned char firstLow, firstHigh;

@@ -23,7 +23,7 @@ constexpr size_t kDropped = SIZE_MAX;  // in place of a call's number
 
 // The recorder takes this much space beyond what it writes, and gives it back at the end. A disk
 // that the calls have filled then has space for the record.
-constexpr size_t kReserve = 256 * 1024;
+constexpr size_t kReserve = size_t{256} * 1024;
 
 // The first dataset takes the outputs of all inferences, each other one takes the inputs of one.
 constexpr uint64_t kFirstOfInputs = 2;

@@ -103,7 +103,7 @@ void AddFacts(FactsWriter& facts, const std::vector<std::string>& command) {
 
 bool ChecksumOf(int file, std::string& sha256) {
   Sha256 sum;
-  std::vector<unsigned char> block(64 * 1024);
+  std::vector<unsigned char> block(size_t{64} * 1024);
   ssize_t taken = 0;
   while ((taken = read(file, block.data(), block.size())) > 0) {
     sum.Add(block.data(), static_cast<size_t>(taken));

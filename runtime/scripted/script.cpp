@@ -1,6 +1,7 @@
 #include "runtime/scripted/script.h"
 
 #include <sys/mman.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -54,7 +55,7 @@ void ReadLine(const std::string& line) {
 
 // Makes a settings file in memory, with nothing set in it, and returns its path.
 std::string MakeUsualSettings() {
-  const int file = memfd_create("settings", MFD_CLOEXEC);
+  const int file = static_cast<int>(syscall(SYS_memfd_create, "settings", MFD_CLOEXEC));
   return write(file, "{}", 2) == 2 ? "/proc/self/fd/" + std::to_string(file) : "";
 }
 
