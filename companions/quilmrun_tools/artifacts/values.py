@@ -1,5 +1,6 @@
 """Values of an output in a file, read in chunks: a .bin of quilmrun, or a NumPy array."""
 
+import functools
 import math
 import os
 import re
@@ -20,6 +21,14 @@ Array = np.ndarray[Any, Any]
 _DTYPE = re.compile(r"[<>|]?(?:f[248]|[iu][1248]|b1)")
 
 
+@functools.lru_cache(maxsize=64)
+def _dtype(kind: str) -> "np.dtype[Any] | None":
+    """What Values.type stands for; None for what is no type of real numbers."""
+    if kind == HALF_BITS:
+        return np.dtype(FLOATS)
+    return np.dtype(kind) if _DTYPE.fullmatch(kind) else None
+
+
 @dataclass(frozen=True)
 class Values:
     """`count` elements of a type, from `offset` bytes on in a file."""
@@ -32,11 +41,10 @@ class Values:
     @property
     def dtype(self) -> "np.dtype[Any]":
         """The type of the elements in the file."""
-        if self.type == HALF_BITS:
-            return np.dtype(FLOATS)
-        if not _DTYPE.fullmatch(self.type):
+        dtype = _dtype(self.type)
+        if dtype is None:
             raise Unreadable(f"{self.path}: {self.type!r} is no type of real numbers")
-        return np.dtype(self.type)
+        return dtype
 
     @property
     def cut_short(self) -> bool:

@@ -72,6 +72,15 @@ class Pairs(CompareTest):
         np.save(self.dir / "one.npy", values + [[0, 0, 0], [0, 0, 1]])
         self.assertEqual(self.compare(reference="one.npy", status=1)["runs"][0]["index"], 1)
 
+    def test_arrays_of_outputs_with_the_same_name(self):
+        self.outputs_of("a", {"y.0": [1], "y.1": [2]}, {"y.0": [3], "y.1": [4]})
+        (self.dir / "all").mkdir()
+        np.save(self.dir / "all/y.npy", np.array([[1.], [3.]]))
+        np.save(self.dir / "all/y.1.npy", np.array([[2.], [4.]]))
+        self.assertEqual(self.compare(reference="all")["compared"], 4)
+        np.save(self.dir / "all/y.0.npy", np.array([[1.], [3.]]))
+        self.refused("a second array for output y: remove one", "a", "all")
+
 
 if __name__ == "__main__":
     unittest.main()
