@@ -36,18 +36,18 @@ warnings.filterwarnings("ignore", module="PIL")
 @dataclass(frozen=True)
 class Options:
     """How pictures are prepared; see the help text."""
-    size: str = "crop"
-    filter: str = "bilinear"
-    color: str = ""  # by the number of channels
-    layout: str = ""  # by the shape
-    picture: Size = None  # by the shape
-    matrix: str = "bt601"
-    range: str = "limited"
-    mean: tuple[float, ...] = (0.0,)
-    scale: tuple[float, ...] = (1.0,)
-    std: tuple[float, ...] = (1.0,)
-    fill: tuple[int, ...] = (0,)
-    largest: int = 512 << 20  # bytes that a decoded picture may take
+    size: str  # one of resizing.SIZES
+    filter: str  # one of resizing.FILTERS
+    color: str  # one of picture_shapes.COLORS; empty: by the number of channels
+    layout: str  # one of picture_shapes.LAYOUTS; empty: by the shape
+    picture: Size  # width and height; None: by the shape
+    matrix: str  # one of camera_formats.MATRICES
+    range: str  # one of camera_formats.RANGES
+    mean: tuple[float, ...]
+    scale: tuple[float, ...]
+    std: tuple[float, ...]
+    fill: tuple[int, ...]
+    largest: int  # bytes that a decoded picture may take
 
 
 @dataclass(frozen=True)

@@ -90,6 +90,7 @@ class Pictures(InputsTest):
         self.assertEqual(json.loads((self.dir / "result.json").read_text())["files"],
                          manifest["files"])
         with Image.open(self.dir / "sheet.png") as sheet:
+            self.assertEqual(sheet.size, (448, 184))
             self.assertGreater(sum(pixel == RED for pixel in sheet.getdata()), 100 * 100)
 
     def test_unreadable(self):
@@ -110,6 +111,9 @@ class Pictures(InputsTest):
         status, _, errors = self.run_companion(*command[:-1], "--skip-unreadable", "only")
         self.assertEqual((status, errors.splitlines()[-1]), (
             2, "quilmrun-inputs: nothing can be read, so nothing was written"))
+        status, out, _ = self.run_companion(*command, "--skip-unreadable", "--json", "-")
+        self.assertEqual([reason.partition(":")[0] for reason in json.loads(out)["skipped"]],
+                         ["photos/a.png", "photos/c.jpg", "photos/d.tif"])
         status, out, _ = self.run_companion(*command, "--skip-unreadable")
         self.assertEqual(status, 0)
         self.assertIn("1 inference, 3 left out", out)

@@ -57,6 +57,8 @@ class TargetFolder(InputsTest):
     def test_empty(self):
         """An empty folder is taken, and so is one of several inputs, whose list names them."""
         (self.dir / "new").mkdir()
+        status, _, _ = self.run_companion(*self.command[:2], "--random", "1", "-o", "deep/er/new")
+        self.assertEqual((status, len(os.listdir(self.dir / "deep/er/new"))), (0, 3))
         self.write("two.txt", log_text([self.model_log([1, 2], UINT8, name) for name in "ab"]))
         for seed in (1, 2):
             status, _, errors = self.run_companion("--model-log", "two.txt", "-o", "new", "--random",
