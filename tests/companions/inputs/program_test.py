@@ -122,7 +122,7 @@ class Pictures(InputsTest):
 
 class OtherSources(InputsTest):
     def test_arrays(self):
-        np.save(self.dir / "a.npy", np.array([[1.5, 2.5], [-1, 300.7], [255.4, 7]]))
+        np.save(self.dir / "a.npy", np.array([[1.5, 2.5], [-1, 300.7], [255.4, -0.4]]))
         with zipfile.ZipFile(self.dir / "new.npz", "w") as archive, \
                 archive.open("z.npy", "w") as member:
             np.lib.format.write_array(member, np.array([5, 6]), version=(2, 0))
@@ -130,7 +130,7 @@ class OtherSources(InputsTest):
         np.save(self.dir / "c.npy", np.array([True, False]))
         self.write("list.txt", "a.npy\r\n\nb.npz\nc.npy\nnew.npz")
         self.assertEqual(self.prepare([1, 2], UINT8, "list.txt"),
-                         [[2, 2], [0, 255], [255, 7], [1, 2], [3, 4], [1, 0], [5, 6]])
+                         [[2, 2], [0, 255], [255, 0], [1, 2], [3, 4], [1, 0], [5, 6]])
         self.assertIn("2 of 14 values were beyond the range of uint8", self.said)
         # Of frames, the first dimension, there may be fewer.
         np.save(self.dir / "frames.npy", np.ones((5, 2)))

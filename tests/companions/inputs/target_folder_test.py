@@ -36,6 +36,7 @@ class TargetFolder(InputsTest):
     def setUp(self):
         super().setUp()
         self.prepare([1, 2], UINT8, "--random", 3)
+        self.before = self.outputs("p")
         self.command = "--model-log", "log.txt", "-o", "p", "--random", "2", "--seed", "1"
 
     def test_replaced(self):
@@ -128,15 +129,16 @@ class TargetFolder(InputsTest):
     def test_changed_meanwhile(self):
         """A file that the user saves while the inputs are prepared stops the replacement."""
         whole = prepare.write
-
-        def write(*arguments):
-            self.write("p/notes", "mine")
-            return whole(*arguments)
-        self.enterContext(mock.patch.object(prepare, "write", write))
-        self.refused("or which were changed meanwhile", *self.command)
-        self.assertEqual((self.dir / "p/notes").read_text(), "mine")
-        self.assertEqual(sorted(os.listdir(self.dir)), ["log.txt", "out", "p"])
-
+        for name in ("notes", "00001_random.bin"):
+            def write(*arguments, name=name):
+                self.write(f"p/{name}", "mine")
+                return whole(*arguments)
+            with mock.patch.object(prepare, "write", write):
+                self.refused("or which were changed meanwhile", *self.command)
+            self.assertEqual((self.dir / "p" / name).read_text(), "mine")
+            self.assertEqual(sorted(os.listdir(self.dir)), ["log.txt", "out", "p"])
+            (self.dir / "p" / name).unlink()
+            self.write("p/00001_random.bin", self.before["00001_random.bin"])
 
     def test_exchange(self):
         with self.assertRaises(FileNotFoundError):
