@@ -81,6 +81,14 @@ class Pairs(CompareTest):
         np.save(self.dir / "all/y.0.npy", np.array([[1.], [3.]]))
         self.refused("a second array for output y: remove one", "a", "all")
 
+    def test_a_log_above_the_directory(self):
+        """It counts when it is of as many inferences; otherwise it may be another directory's."""
+        self.outputs_of("run/out", {"y": [1.5]}, {"y": [2]}, kind="half")
+        self.outputs_of("b", {"y": [1.5]}, {"y": [2]})
+        for executed, status in [(2, 0), (3, 1)]:
+            self.write("run/log.txt", log_text([], [("y", "[1, ]", 1, 2, 2)], executed))
+            self.compare(out="run/out", status=status)
+
 
 if __name__ == "__main__":
     unittest.main()
