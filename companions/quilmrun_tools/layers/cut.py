@@ -39,24 +39,26 @@ def cut(graph: Graph, layers: Sequence[str], known: set[str],
     numbers, read = graph.ancestors(layers, known)
     fed = [name for name in read if name in known]
     inputs = [name for name in read if name not in known]
-    nodes, outputs = [], []
-    for at, name in enumerate(fed):
-        nodes.append(_cast(f"fed.{at}", name, graph.type_of(name)))
     computed = {layer: f"layer.{at}" for at, layer in enumerate(layers)}
     # A node with several results may still be needed for those that do not come in.
     others = {**{name: f"unused.{at}" for at, name in enumerate(fed)}, **computed}
-    for number in numbers:
-        node = graph.nodes[number]
-        if any(name in others for name in node.output):
-            node = type(node).FromString(node.SerializeToString())
-            for at, name in enumerate(node.output):
-                node.output[at] = others.get(name, name)
-        nodes.append(node)
+    nodes = [_cast(f"fed.{at}", name, graph.type_of(name)) for at, name in enumerate(fed)]
+    nodes += [_renamed(graph.nodes[number], others) for number in numbers]
+    outputs = []
     for at, layer in enumerate(layers):
         kind = _edge_type(graph, layer)
         nodes.append(_cast(computed[layer], f"own_{at}", kind))
         outputs.append(helper.make_tensor_value_info(f"own_{at}", kind, None))
     return Cut(_model(graph, nodes, fed, inputs, outputs, shapes), fed, inputs, [*layers])
+
+
+def _renamed(node: Any, names: dict[str, str]) -> Any:
+    """The node, or a copy of it with other names for some of its results."""
+    if any(name in names for name in node.output):
+        node = type(node).FromString(node.SerializeToString())
+        for at, name in enumerate(node.output):
+            node.output[at] = names.get(name, name)
+    return node
 
 
 def _edge_type(graph: Graph, name: str) -> int:

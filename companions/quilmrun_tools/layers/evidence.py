@@ -55,21 +55,21 @@ def evidence(error: LayerError) -> Evidence:
     share, end = _end(error)
     return Evidence(
         error.snr_db, error.cosine, error.relative_difference, error.one_sided,
-        _explained(active, active.e ** 2, active.n),
-        float(active.e.sum() / max(active.n.sum(), 1)),
-        _explained(active, active.re ** 2, active.rr),
-        1 + float(active.re.sum() / active.rr.sum()) if active.rr.sum() > 0 else 1.0,
+        _explained(active, active.error ** 2, active.count),
+        float(active.error.sum() / max(active.count.sum(), 1)),
+        _explained(active, active.product ** 2, active.reference_energy),
+        _factor(active),
         share, end, _channel(sums, active), error.histogram())
 
 
-def _explained(sums: Sums, squared: Array, by: Array) -> float:
+def _explained(sums: Sums, squared: Array, divisor: Array) -> float:
     """The share of the error's energy that one number for each channel explains, free of what so
     many numbers explain of mere noise; 0 where there are too few values to tell."""
-    total, count = float(sums.ee.sum()), float(sums.n.sum())
-    used = np.count_nonzero(sums.n)
+    total, count = float(sums.error_energy.sum()), float(sums.count.sum())
+    used = np.count_nonzero(sums.count)
     if total <= 0 or count < 3 * used:
         return 0.0
-    explained = np.divide(squared, by, out=np.zeros_like(by), where=by > 0).sum()
+    explained = np.divide(squared, divisor, out=np.zeros_like(divisor), where=divisor > 0).sum()
     rest = max(0.0, total - float(explained)) / (count - used)
     return max(0.0, 1 - rest / (total / count))
 
@@ -82,17 +82,23 @@ def _end(error: LayerError) -> tuple[float, float]:
     return max(shares, default=(0.0, 0.0))
 
 
+def _factor(sums: Sums) -> float:
+    """What multiplies the reference to be most like the board's values."""
+    energy = float(sums.reference_energy.sum())
+    return 1 + float(sums.product.sum()) / energy if energy > 0 else 1.0
+
+
 def _channel(sums: Sums, active: Sums) -> Optional[ChannelEvidence]:
-    total = float(sums.ee.sum())
-    if len(sums.ee) < 3 or total <= 0:
+    total = float(sums.error_energy.sum())
+    if len(sums.error_energy) < 3 or total <= 0:
         return None
-    index = int(sums.ee.argmax())
-    ee = float(sums.ee[index])
-    second = float(np.sort(sums.ee)[-2])
+    index = int(sums.error_energy.argmax())
+    second, largest = (float(energy) for energy in np.sort(sums.error_energy)[-2:])
+    signal = max(float(sums.reference_energy[index]), float(sums.reference_energy.mean()))
     one = active.channel(index)
     return ChannelEvidence(
-        index, ee / total, snr_db(max(float(sums.rr[index]), float(sums.rr.mean())), ee), int(sums.n[index]),
-        10 * math.log10(ee / second) if second > 0 else math.inf,
-        1 + float(one.re[0] / one.rr[0]) if one.rr[0] > 0 else math.inf,
-        float(one.e[0] / max(one.n[0], 1)),
-        _explained(one, one.re ** 2, one.rr), _explained(one, one.e ** 2, one.n))
+        index, largest / total, snr_db(signal, largest), int(sums.count[index]),
+        10 * math.log10(largest / second) if second > 0 else math.inf,
+        _factor(one), float(one.error[0] / max(one.count[0], 1)),
+        _explained(one, one.product ** 2, one.reference_energy),
+        _explained(one, one.error ** 2, one.count))

@@ -17,7 +17,7 @@ from quilmrun_tools.common.progress import progress
 from quilmrun_tools.common.streams import Streams
 from quilmrun_tools.layers import inherited, plain, search, table, verdict
 from quilmrun_tools.layers.evidence import Evidence
-from quilmrun_tools.layers.inherited import Compared
+from quilmrun_tools.layers.inherited import ComparedLayer
 from quilmrun_tools.layers.sides import ProbeRun, read_probe_run
 
 
@@ -26,8 +26,8 @@ class Findings:
     """All that is known of the layers before the verdict."""
     probe: Probe
     board: ProbeRun
-    pc: ProbeRun
-    compared: list[Compared]
+    reference: ProbeRun
+    compared: list[ComparedLayer]
     problems: dict[str, str]  # {layer: why it was not judged}
     limits: LayerLimits
     own: dict[str, Evidence] = field(default_factory=dict)  # empty without --own
@@ -61,14 +61,14 @@ def run(options: argparse.Namespace, streams: Streams) -> int:
 def _compare(options: argparse.Namespace, probe: Probe, streams: Streams) -> Findings:
     board = read_probe_run(options.board, probe, Sources(options.board_log, newest=options.newest),
                            options.by_order)
-    pc = read_probe_run(options.pc, probe, Sources(options.pc_log, newest=options.newest))
-    compared, problems = inherited.pair_up(probe, board, pc)
+    reference = read_probe_run(options.pc, probe, Sources(options.pc_log, newest=options.newest))
+    compared, problems = inherited.pair_up(probe, board, reference)
     if not compared:
         reason = next(iter(problems.values()))
         raise Unreadable(f"no layer can be compared: {next(iter(problems))}: {reason}")
     for _ in progress(streams, inherited.judge(compared), len(compared), "comparing", "layer"):
         pass
-    return Findings(probe, board, pc, compared, problems,
+    return Findings(probe, board, reference, compared, problems,
                     verdict.limits_of(options.snr, options.cosine))
 
 
@@ -77,8 +77,8 @@ def _compute_own(findings: Findings, options: argparse.Namespace, tool: str,
     runs = sorted(set.intersection(*(set(one.runs) for one in findings.compared)))[:options.runs]
     if not runs:
         raise Unreadable("the layers have no inference in common, which --own needs")
-    found = search.own_errors(Path(options.probe), findings.probe, findings.compared, findings.pc,
-                              runs, tool, streams)
+    found = search.own_errors(Path(options.probe), findings.probe, findings.compared,
+                              findings.reference, runs, tool, streams)
     findings.own, findings.own_runs = found.evidence, len(runs)
     findings.problems.update(found.problems)
 
@@ -113,7 +113,7 @@ def _result(findings: Findings, options: argparse.Namespace) -> LayersResult:
         runs=len(findings.compared[0].runs), own_runs=findings.own_runs,
         probe=options.probe, board=options.board, reference=options.pc,
         layers=_layers(findings, drops, wrong), notes=_notes(findings),
-        plain=plain.judge(options.plain, findings.probe, findings.board, findings.pc)
+        plain=plain.judge(options.plain, findings.probe, findings.board, findings.reference)
         if options.plain else None,
         run_next=_run_next(findings, figures))
 
@@ -142,7 +142,7 @@ def _layers(findings: Findings, drops: dict[str, float], wrong: list[str]) -> li
 
 
 def _notes(findings: Findings) -> list[str]:
-    notes = [*findings.board.notes, *findings.pc.notes]
+    notes = [*findings.board.notes, *findings.reference.notes]
     notes += [f"{name}: {reason}" for name, reason in findings.problems.items()]
     return notes
 
@@ -162,6 +162,6 @@ def _run_next(findings: Findings, figures: dict[str, Evidence]) -> Optional[str]
         else:
             found.append(spans[-1])
             spans.append([])
-    without = {*findings.board.without, *findings.pc.without}
+    without = {*findings.board.without, *findings.reference.without}
     largest = [file for file in max(found, key=len, default=[]) if file in without]
     return max(largest, key=largest.count) if largest else None

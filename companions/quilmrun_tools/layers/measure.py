@@ -3,7 +3,7 @@
 from __future__ import annotations
 
 import math
-from dataclasses import dataclass, field
+from dataclasses import dataclass, field, fields
 from typing import Any, Optional
 
 import numpy as np
@@ -16,7 +16,6 @@ BINS = 48
 _SAMPLED = 100_000  # values of an inference that a histogram counts
 _END = 0.01  # of the range: values so near to its end count as at the end
 _CLAMPED = 0.01  # share of values at an end from which on an activation has made that end
-_SUMMED = ("n", "r", "e", "rr", "bb", "ee", "re")
 # Operators whose last dimension holds the channels, as in the models of texts.
 _LAST_AXIS = frozenset("Gemm MatMul LayerNormalization MatMulInteger QLinearMatMul".split())
 
@@ -54,6 +53,7 @@ class Range:
 
     @property
     def width(self) -> float:
+        """From the least to the greatest value."""
         return max(0.0, self.high - self.low)
 
     @property
@@ -72,40 +72,39 @@ class Range:
 
 @dataclass
 class Sums:
-    """Sums for each channel: of the reference r, the output b and the difference e = b - r."""
-    n: Array
-    r: Array
-    e: Array
-    rr: Array
-    bb: Array
-    ee: Array
-    re: Array
+    """Sums for each channel, of values of both sides and of the error, board - reference."""
+    count: Array
+    error: Array
+    reference_energy: Array  # of squares
+    board_energy: Array
+    error_energy: Array
+    product: Array  # of reference and error
 
     @classmethod
-    def of(cls, b: Array, r: Array, mask: Optional[Array] = None) -> "Sums":
-        """Of (outer, channels, inner) values, or those of them that the mask names."""
-        axes = (0, 2)
-        e = b - r
+    def over(cls, board: Array, reference: Array, mask: Optional[Array] = None) -> "Sums":
+        """Over (outer, channels, inner) values, or those of them that the mask names."""
+        error = board - reference
         if mask is None:
-            count = np.full(b.shape[1], b.shape[0] * b.shape[2], np.float64)
+            count = np.full(board.shape[1], board.shape[0] * board.shape[2], np.float64)
         else:
-            count = mask.sum(axis=axes, dtype=np.float64)
-            b, r, e = (np.where(mask, values, 0) for values in (b, r, e))
+            count = mask.sum(axis=(0, 2), dtype=np.float64)
+            board, reference, error = (np.where(mask, values, 0)
+                                       for values in (board, reference, error))
 
-        def total(x: Array, y: Array) -> Array:
-            result: Array = np.einsum("oci,oci->c", x, y, dtype=np.float64, casting="unsafe")
+        def total(one: Array, other: Array) -> Array:
+            result: Array = np.einsum("oci,oci->c", one, other, dtype=np.float64, casting="unsafe")
             return result
-        return cls(count, r.sum(axis=axes, dtype=np.float64), e.sum(axis=axes, dtype=np.float64),
-                   total(r, r), total(b, b), total(e, e), total(r, e))
+        return cls(count, error.sum(axis=(0, 2), dtype=np.float64), total(reference, reference),
+                   total(board, board), total(error, error), total(reference, error))
 
     def channel(self, index: int) -> "Sums":
         """Those of one channel."""
-        return Sums(*(getattr(self, name)[index:index + 1] for name in _SUMMED))
+        return Sums(*(getattr(self, one.name)[index:index + 1] for one in fields(self)))
 
-    def __iadd__(self, other: "Sums") -> "Sums":
-        for name in _SUMMED:
-            setattr(self, name, getattr(self, name) + getattr(other, name))
-        return self
+    def add(self, other: "Sums") -> None:
+        """Takes in those of further values."""
+        for one in fields(self):
+            setattr(self, one.name, getattr(self, one.name) + getattr(other, one.name))
 
 
 def snr_db(reference_energy: float, error_energy: float) -> float:
@@ -117,41 +116,47 @@ def snr_db(reference_energy: float, error_energy: float) -> float:
 
 @dataclass
 class LayerError:
-    """The error of a layer's output b against a reference r, over several inferences."""
+    """The error of a layer's output on the board, over several inferences."""
     shape: tuple[int, int, int]  # (outer, channels, inner)
-    board: Range  # of all values of b
-    reference: Range  # of all values of r, or of what is like them
+    board: Range  # of all values of the board
+    reference: Range  # of all values of the PC's, which the reference is like
     all: Optional[Sums] = None
     active: Optional[Sums] = None  # of values that no activation has clamped, on either side
-    one_sided: int = 0  # NaN or infinite in b or r only, or infinities of both signs
-    largest: float = 0.0  # |b - r|
-    end_energy: list[float] = field(default_factory=lambda: [0.0, 0.0])  # of e, where b is at its
-    end_count: list[int] = field(default_factory=lambda: [0, 0])  # least or greatest and r beyond
+    one_sided: int = 0  # NaN or infinite on one side only, or infinities of both signs
+    largest: float = 0.0  # |board - reference|
+    # Energy and number of errors where the board's value is at its least or greatest, and the
+    # reference beyond.
+    end_energy: list[float] = field(default_factory=lambda: [0.0, 0.0])
+    end_count: list[int] = field(default_factory=lambda: [0, 0])
     counts: Array = field(default_factory=lambda: np.zeros((2, BINS), np.int64))
 
-    def add(self, b: Array, r: Array) -> None:
+    def add(self, board: Array, reference: Array) -> None:
         """Takes in the values of one inference, in 32-bit or 64-bit floats."""
         shape = (-1, *self.shape[1:])  # batches count as outer
-        b, r = b.reshape(shape), r.reshape(shape)
-        both = np.isfinite(b) & np.isfinite(r)
-        if not both.all():
-            same = both | (np.isnan(b) & np.isnan(r)) | (b == r)
-            self.one_sided += int(np.count_nonzero(~same))
-            b, r = np.where(both, b, 0), np.where(both, r, 0)
-        self.all = _joined(self.all, Sums.of(b, r))
-        mask = (b > self.board.floor()) & (b < self.board.ceiling()) & \
-            (r > self.reference.floor()) & (r < self.reference.ceiling())
-        self.active = _joined(self.active, Sums.of(b, r, mask))
-        e = np.abs(b - r)
-        self.largest = max(self.largest, float(e.max(initial=0)))
+        board, reference = self._finite(board.reshape(shape), reference.reshape(shape))
+        self.all = _joined(self.all, Sums.over(board, reference))
+        free = (board > self.board.floor()) & (board < self.board.ceiling()) & \
+            (reference > self.reference.floor()) & (reference < self.reference.ceiling())
+        self.active = _joined(self.active, Sums.over(board, reference, free))
+        size = np.abs(board - reference)
+        self.largest = max(self.largest, float(size.max(initial=0)))
         margin = _END * self.board.width
-        self._add_end(0, e, (b <= self.board.low + margin) & (r < b))
-        self._add_end(1, e, (b >= self.board.high - margin) & (r > b))
-        self._count(b, r)
+        self._add_end(0, size, (board <= self.board.low + margin) & (reference < board))
+        self._add_end(1, size, (board >= self.board.high - margin) & (reference > board))
+        self._count(board, reference)
 
-    def _add_end(self, end: int, e: Array, mask: Array) -> None:
+    def _finite(self, board: Array, reference: Array) -> tuple[Array, Array]:
+        """The values of both sides, with 0 on both where one of them is no finite number."""
+        both = np.isfinite(board) & np.isfinite(reference)
+        if both.all():
+            return board, reference
+        same = both | (np.isnan(board) & np.isnan(reference)) | (board == reference)
+        self.one_sided += int(np.count_nonzero(~same))
+        return np.where(both, board, 0), np.where(both, reference, 0)
+
+    def _add_end(self, end: int, size: Array, mask: Array) -> None:
         self.end_count[end] += int(np.count_nonzero(mask))
-        self.end_energy[end] += float(np.square(e[mask], dtype=np.float64).sum())
+        self.end_energy[end] += float(np.square(size[mask], dtype=np.float64).sum())
 
     def _count(self, *sides: Array) -> None:
         """Adds a sample of both sides to their histograms."""
@@ -176,24 +181,27 @@ class LayerError:
 
     @property
     def error_energy(self) -> float:
-        return float(self.all.ee.sum()) if self.all else 0.0
+        """The sum of the squares of all errors."""
+        return float(self.all.error_energy.sum()) if self.all else 0.0
 
     @property
     def snr_db(self) -> float:
+        """The signal-to-noise ratio; the least there is when a value is no number on one side."""
         if self.one_sided or not self.all:
             return -math.inf
-        return snr_db(float(self.all.rr.sum()), self.error_energy)
+        return snr_db(float(self.all.reference_energy.sum()), self.error_energy)
 
     @property
     def cosine(self) -> float:
-        """1 for two zero vectors."""
+        """The cosine similarity; 1 for two zero vectors."""
         if self.one_sided or not self.all:
             return 0.0
-        error, rr, bb = self.error_energy, float(self.all.rr.sum()), float(self.all.bb.sum())
+        error, energies = self.error_energy, [
+            float(side.sum()) for side in (self.all.reference_energy, self.all.board_energy)]
         if error == 0:
             return 1.0
-        product = 2 * math.sqrt(rr) * math.sqrt(bb)
-        return min(1.0, max(-1.0, (rr + bb - error) / product)) if product else 0.0
+        product = 2 * math.sqrt(energies[0]) * math.sqrt(energies[1])
+        return min(1.0, max(-1.0, (sum(energies) - error) / product)) if product else 0.0
 
     @property
     def relative_difference(self) -> float:
@@ -206,5 +214,5 @@ class LayerError:
 def _joined(sums: Optional[Sums], more: Sums) -> Sums:
     if sums is None:
         return more
-    sums += more
+    sums.add(more)
     return sums

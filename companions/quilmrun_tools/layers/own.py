@@ -2,7 +2,6 @@
 
 from __future__ import annotations
 
-import concurrent.futures
 import math
 import re
 import shutil
@@ -18,11 +17,12 @@ import numpy as np
 from quilmrun_tools.artifacts.element_types import FLOATS, INT32_BITS
 from quilmrun_tools.artifacts.output_folder import read_output_folder
 from quilmrun_tools.artifacts.values import Reader, Values, of_dump
+from quilmrun_tools.common.parallel_map import parallel_map
 from quilmrun_tools.layers.cut import Cut, cut, is_integer, sources_of
 from quilmrun_tools.layers.graph import Graph
 from quilmrun_tools.layers.measure import Array
 
-_PART = 4_000_000  # values that come out of one cut, at 27 bytes on disk each
+_PART = 2_000_000  # values that come out of one cut, at 27 bytes on disk each
 _READ = 1 << 20  # values read at a time
 
 
@@ -65,20 +65,19 @@ def compute(feed: Feed, layers: Sequence[str], tool: str,
         folder = Path(name)
         (folder / "cut.onnx").write_bytes(made.model.SerializeToString())
         jobs = [(run, sample) for run in feed.runs for sample in range(feed.batch)]
-        # The tool computes an inference while the one before it is measured.
-        with concurrent.futures.ThreadPoolExecutor(1) as pool:
-            waiting = None
-            for job in [*jobs, None]:
-                ahead = pool.submit(_run, feed, made, folder, *job, tool) if job else None
-                if waiting:
-                    _take(feed, made, *waiting[0], waiting[1].result(), take)
-                waiting = (job, ahead) if job and ahead else None
+
+        def execute(job: tuple[int, int]) -> Path:
+            place = folder / f"{job[0]}-{job[1]}"
+            place.mkdir()
+            _run(feed, made, place, *job, tool)
+            return place
+        # The tool computes other inferences while one is measured.
+        for job, place in zip(jobs, parallel_map(execute, jobs)):
+            _take(feed, made, *job, place, take)
 
 
-def _run(feed: Feed, made: Cut, folder: Path, run: int, sample: int, tool: str) -> Path:
-    """Runs the cut on one sample of an inference; returns the folder of its outputs."""
-    place = folder / f"{run}-{sample}"
-    place.mkdir()
+def _run(feed: Feed, made: Cut, place: Path, run: int, sample: int, tool: str) -> None:
+    """Runs the cut on one sample of an inference, into the folder `place`."""
     names = []
     for at, tensor in enumerate(made.fed):
         names.append(f"{at}.bin")
@@ -89,16 +88,15 @@ def _run(feed: Feed, made: Cut, folder: Path, run: int, sample: int, tool: str) 
     (place / "list.txt").write_text("".join(f"{name}\n" for name in names))
     (place / "quilm.json").write_text("{}\n")
     done = subprocess.run(
-        [tool, "-m", folder / "cut.onnx", "-i", place / "list.txt", "-j", place / "quilm.json",
-         "-o", place], check=False, capture_output=True, encoding="utf-8",
+        [tool, "-m", place.parent / "cut.onnx", "-i", place / "list.txt",
+         "-j", place / "quilm.json", "-o", place], check=False, capture_output=True, encoding="utf-8",
         errors="surrogateescape")
     if done.returncode != 0 or "[ERROR]" in done.stdout:
         errors = re.findall(r"^\[ERROR\] (.*)", done.stdout, re.M)
         said = done.stderr.strip().splitlines()[-1:] + errors
         raise Failed((said or [f"{tool} ended with {done.returncode}"])[0])
     for file in (place / "0").glob("*.float"):
-        file.unlink()
-    return place
+        file.unlink()  # only the .bin files are read, and these take little room
 
 
 def _write_input(path: Path, feed: Feed, tensor: str, run: int, sample: int) -> None:
@@ -161,7 +159,7 @@ def undecidable(feed: Feed, layers: Sequence[str]) -> Iterator[tuple[str, str]]:
     for layer in layers:
         for source in sources_of(feed.graph, layer, set(feed.values)):
             if source not in feed.shapes:
-                yield layer, f"the shape of {source} is not known: name the log of the run (--pc-log)"
+                yield layer, f"the shape of {source} is not known: give --pc-log"
             elif source not in feed.values and any(source not in feed.files.get(run, {})
                                                    for run in feed.runs):
                 yield layer, (f"it reads the model's input {source}, whose files the run's log "
@@ -172,5 +170,3 @@ def halves(layers: list[str]) -> list[list[str]]:
     """A group in two, to find out which layer it is that fails."""
     middle = len(layers) // 2
     return [layers[:middle], layers[middle:]]
-
-

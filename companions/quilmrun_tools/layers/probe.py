@@ -165,8 +165,8 @@ def said_of_sizes(layers: Sequence[ProbedLayer]) -> list[str]:
     lines = [f"{count}, {_millions(values)} values, about {_megabytes(values * _VALUE_BYTES)} an "
              "inference"]
     if unknown:
-        lines.append(f"without {unknown} whose shapes are not known: where inputs leave theirs open, "
-                     "give the host runtime's settings with \"input_shapes\" (-j)")
+        lines.append(f"without {unknown} whose shapes are not known: where inputs leave theirs "
+                     "open, give the host runtime's settings with \"input_shapes\" (-j)")
     if values * _VALUE_BYTES > 1e9:
         lines.append("fewer outputs take less room: choose operators, as with --only Conv,Gemm, or "
                      "a part of the graph with --from and --to")

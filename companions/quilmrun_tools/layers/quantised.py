@@ -2,7 +2,6 @@
 
 from __future__ import annotations
 
-import itertools
 import re
 from dataclasses import dataclass
 from pathlib import Path
@@ -20,7 +19,8 @@ _SUFFIX = re.compile(r"(_quantized|_QuantizeLinear(_Output)?|_DequantizeLinear(_
                      r"_dequantized|_dequant|_int8|_uint8|_QuantizeInput|_fq|_qdq|_DQ|_Q)(_\d+)?$")
 # Where a node has the scale and the zero point of its output.
 _OUTPUT_SCALE = {"QLinearConv": (6, 7), "QLinearMatMul": (6, 7), "QuantizeLinear": (1, 2),
-                 "QLinearAdd": (6, 7), "QLinearMul": (6, 7), "QLinearConcat": (0, 1), "QGemm": (7, 8),
+                 "QLinearAdd": (6, 7), "QLinearMul": (6, 7), "QLinearConcat": (0, 1),
+                 "QGemm": (7, 8),
                  "QLinearGlobalAveragePool": (3, 4), "QLinearAveragePool": (3, 4),
                  "QLinearSigmoid": (3, 4), "QLinearLeakyRelu": (3, 4), "QLinearSoftmax": (3, 4)}
 # What passes quantised values on with the scale that they have.
@@ -128,33 +128,23 @@ def scale_of(graph: Graph, name: str) -> Optional[tuple[list[str], int]]:
     return None
 
 
-class Dequantiser:
-    """Adds nodes to a quantised model that give the numbers that its tensors stand for."""
-
-    def __init__(self, graph: Graph) -> None:
-        self._graph = graph
-        self._numbers = itertools.count(1)
-        self.nodes: list[Any] = []
-
-    def number_of(self, tensor: str) -> str:
-        """The tensor of floats that a tensor stands for: itself, what the model's own quantisation
-        makes of it, or what DequantizeLinear makes of it with the scale of its node."""
-        graph = self._graph
-        if graph.type_of(tensor) not in _QUANTISED_TYPES:
-            readers = [graph.nodes[at] for at in graph.readers.get(tensor, ())]
-            if len(readers) == 1 and readers[0].op_type == "QuantizeLinear":
-                tensor = readers[0].output[0]  # others in the model see only this
-            else:
-                return tensor
-        for at in graph.readers.get(tensor, ()):
-            if graph.nodes[at].op_type == "DequantizeLinear":
-                return str(graph.nodes[at].output[0])
-        scale = scale_of(graph, tensor)
-        assert scale is not None  # as pair() has made sure
-        made = f"{tensor}_number_{next(self._numbers)}"
-        self.nodes.append(helper.make_node("DequantizeLinear", [tensor, *scale[0]], [made],
-                                           **_axis(graph, *scale)))
-        return made
+def _number_of(graph: Graph, tensor: str, added: list[Any]) -> str:
+    """The tensor of floats that a tensor stands for: itself, what the model's own quantisation
+    makes of it, or what DequantizeLinear makes of it with the scale of its node, which is added."""
+    if graph.type_of(tensor) not in _QUANTISED_TYPES:
+        readers = [graph.nodes[at] for at in graph.readers.get(tensor, ())]
+        if len(readers) != 1 or readers[0].op_type != "QuantizeLinear":
+            return tensor
+        tensor = readers[0].output[0]  # others in the model see only this
+    for at in graph.readers.get(tensor, ()):
+        if graph.nodes[at].op_type == "DequantizeLinear":
+            return str(graph.nodes[at].output[0])
+    scale = scale_of(graph, tensor)
+    assert scale is not None  # as pair() has made sure
+    made = f"{tensor}_number_{len(added)}"
+    added.append(helper.make_node("DequantizeLinear", [tensor, *scale[0]], [made],
+                                  **_axis(graph, *scale)))
+    return made
 
 
 def _axis(graph: Graph, names: list[str], axis: int) -> dict[str, int]:
@@ -192,28 +182,32 @@ def write_quantised(graph: Graph, outputs: Outputs, pairs: Sequence[QuantisedPai
     """Writes a probe of the quantised model for each probe of the float model: after the model's
     own outputs those of the float model's probe, by the same names in the same order. Tensors that
     carry such a name for something else get another one. Returns the files."""
-    model = graph.model
-    maker = Dequantiser(graph)
-    numbers = {outputs.names[one.name]: maker.number_of(one.tensor) for one in pairs}
-    shaped = {outputs.names[one.name]: one.tensor for one in pairs}
+    model, added = graph.model, list[Any]()
+    numbers = {outputs.names[one.name]: _number_of(graph, one.tensor, added) for one in pairs}
     others = {name: f"{name}_inner" for name, number in numbers.items()
               if name in graph.producer and name != number and name not in graph.outputs}
-    model.graph.node.extend(maker.nodes)
+    model.graph.node.extend(added)
     rename(model, others)
     model.metadata_props.add(key=MARKER_KEY, value=MAKER)
+    values = {outputs.names[one.name]: _value(graph, one.tensor, outputs.names[one.name],
+                                              numbers[outputs.names[one.name]]) for one in pairs}
     nodes, own = len(model.graph.node), len(model.graph.output)
-    files = names_for(outputs)
-    for file, names in zip(files, outputs.files.values()):
+    for file, names in zip(names_for(outputs), outputs.files.values()):
         for name in names:
             if name not in numbers or name in graph.outputs:
                 continue
             number = others.get(numbers[name], numbers[name])
             if number != name:
                 model.graph.node.append(helper.make_node("Identity", [number], [name]))
-            value = value_info(graph, shaped[name], name)
-            value.type.tensor_type.elem_type = graph.type_of(numbers[name]) or TensorProto.FLOAT
-            model.graph.output.append(value)
+            model.graph.output.append(values[name])
         save(model, folder / file)
         del model.graph.node[nodes:]
         del model.graph.output[own:]
-    return files
+    return names_for(outputs)
+
+
+def _value(graph: Graph, tensor: str, name: str, number: str) -> Any:
+    """The output for a tensor: its shape, with the type of its numbers."""
+    value = value_info(graph, tensor, name)
+    value.type.tensor_type.elem_type = graph.type_of(number) or TensorProto.FLOAT
+    return value

@@ -5,7 +5,7 @@ from __future__ import annotations
 import math
 from dataclasses import dataclass, field
 from pathlib import Path
-from typing import Optional
+from typing import Iterator, Optional
 
 from quilmrun_tools.artifacts.layer_results import FILE_NAME, Probe
 from quilmrun_tools.common.progress import progress
@@ -14,7 +14,7 @@ from quilmrun_tools.layers import own, saved
 from quilmrun_tools.layers.cut import sources_of
 from quilmrun_tools.layers.evidence import Evidence, evidence
 from quilmrun_tools.layers.graph import Graph, load_model
-from quilmrun_tools.layers.inherited import Compared
+from quilmrun_tools.layers.inherited import ComparedLayer
 from quilmrun_tools.layers.measure import Array, LayerError
 from quilmrun_tools.layers.own import Failed, Feed
 from quilmrun_tools.layers.sides import ProbeRun
@@ -27,27 +27,22 @@ class OwnErrors:
     problems: dict[str, str] = field(default_factory=dict)
 
 
-def own_errors(folder: Path, probe: Probe, compared: list[Compared], pc: ProbeRun,
+def own_errors(folder: Path, probe: Probe, compared: list[ComparedLayer], reference: ProbeRun,
                runs: list[int], tool: str, streams: Streams) -> OwnErrors:
     """The own errors of the compared layers, in the order of the graph."""
     graph = Graph(load_model(str(folder / next(iter(probe.files)))))
     layers = {one.layer.name: one for one in compared}
     result = OwnErrors()
-    wanted = []
-    for name, one in layers.items():
-        if any(source in layers for source in sources_of(graph, name, set(layers))):
-            wanted.append(name)
-        elif one.found:  # it reads the model's inputs alone, and the reference read the same
-            result.evidence[name] = one.found
-    feed = _feed(graph, compared, pc, runs, result)
+    wanted = [*_with_sources(graph, layers, result)]
+    feed = _feed(graph, compared, reference, runs, result)
     result.problems.update(own.undecidable(feed, [name for name in wanted
                                                   if name not in result.problems]))
     kept = saved.load(folder, saved.key_of(
-        folder / FILE_NAME, [side[run] for one in compared for side in (one.board, one.pc)
+        folder / FILE_NAME, [side[run] for one in compared for side in (one.board, one.reference)
                              for run in runs], runs))
     result.evidence.update(kept.layers)
-    todo = [name for name in wanted if name not in kept.layers and name not in result.problems]
-    groups = own.parts(feed, todo)
+    groups = own.parts(feed, [name for name in wanted if name not in kept.layers
+                              and name not in result.problems])
     for group in progress(streams, groups, len(groups), "own errors", "part"):
         kept.layers.update(_group(feed, group, layers, tool, result))
         saved.save(folder, kept, streams.out)
@@ -57,7 +52,18 @@ def own_errors(folder: Path, probe: Probe, compared: list[Compared], pc: ProbeRu
     return result
 
 
-def _group(feed: Feed, group: list[str], layers: dict[str, Compared], tool: str,
+def _with_sources(graph: Graph, layers: dict[str, ComparedLayer],
+                  result: OwnErrors) -> Iterator[str]:
+    """The layers that are computed from others. The rest reads the model's inputs alone, and so
+    does the reference: their own error is the one that was compared."""
+    for name, one in layers.items():
+        if any(source in layers for source in sources_of(graph, name, set(layers))):
+            yield name
+        elif one.found:
+            result.evidence[name] = one.found
+
+
+def _group(feed: Feed, group: list[str], layers: dict[str, ComparedLayer], tool: str,
            result: OwnErrors) -> dict[str, Evidence]:
     """The own errors of a group; where it fails, of its halves, down to the layer that fails."""
     errors: dict[str, LayerError] = {name: layers[name].empty_error() for name in group}
@@ -75,7 +81,7 @@ def _group(feed: Feed, group: list[str], layers: dict[str, Compared], tool: str,
     return {name: evidence(error) for name, error in errors.items()}
 
 
-def _feed(graph: Graph, compared: list[Compared], pc: ProbeRun, runs: list[int],
+def _feed(graph: Graph, compared: list[ComparedLayer], reference: ProbeRun, runs: list[int],
           result: OwnErrors) -> Feed:
     """What the board made, and the inputs of the model."""
     shapes = {one.layer.name: one.shape for one in compared}
@@ -83,7 +89,7 @@ def _feed(graph: Graph, compared: list[Compared], pc: ProbeRun, runs: list[int],
     for one in compared:
         if _batch(one) != batch:
             result.problems[one.layer.name] = "it has another batch size than other layers"
-    log = next(iter(pc.logs.values()), None)
+    log = next(iter(reference.logs.values()), None)
     files: dict[int, dict[str, Path]] = {}
     if log:
         shapes.update((tensor.name, list(tensor.dims)) for tensor in log.data_inputs)
@@ -97,7 +103,7 @@ def _feed(graph: Graph, compared: list[Compared], pc: ProbeRun, runs: list[int],
     return Feed(graph, usable, shapes, files, runs, batch)
 
 
-def _batch(one: Compared) -> int:
+def _batch(one: ComparedLayer) -> int:
     """How many samples an inference has."""
     values: Optional[int] = one.board[one.runs[0]].count
     return (values or 0) // math.prod(one.shape)

@@ -70,8 +70,8 @@ def _verdict(result: LayersResult) -> Iterator[str]:
     if result.verdict == "pass":
         yield f"PASS: none of {judged} layers is beyond the limits ({what})"
         if result.own and result.first:
-            yield (f"from {result.first} on the error is beyond the limits all the same: it adds up "
-                   "from many layers, of which none stands out")
+            yield (f"from {result.first} on the error is beyond the limits all the same: it adds "
+                   "up from many layers, of which none stands out")
         return
     yield f"FAIL: {', '.join(result.named)} beyond the limits ({what})"
     for name in result.named:
