@@ -89,8 +89,8 @@ def _run(feed: Feed, made: Cut, place: Path, run: int, sample: int, tool: str) -
     (place / "quilm.json").write_text("{}\n")
     done = subprocess.run(
         [tool, "-m", place.parent / "cut.onnx", "-i", place / "list.txt",
-         "-j", place / "quilm.json", "-o", place], check=False, capture_output=True, encoding="utf-8",
-        errors="surrogateescape")
+         "-j", place / "quilm.json", "-o", place], check=False, capture_output=True,
+        encoding="utf-8", errors="surrogateescape")
     if done.returncode != 0 or "[ERROR]" in done.stdout:
         errors = re.findall(r"^\[ERROR\] (.*)", done.stdout, re.M)
         said = done.stderr.strip().splitlines()[-1:] + errors

@@ -30,6 +30,7 @@ class Outputs:
     """The outputs of all probes of a model."""
     files: dict[str, list[str]]  # {file: its outputs, the model's own first}
     names: dict[str, str]  # {tensor: its output}
+    own: int  # how many outputs the model has without the probe
 
 
 def checksum(path: Path) -> ModelFile:
@@ -52,7 +53,7 @@ def plan(graph: Graph, chosen: Sequence[Chosen], at_most: Optional[int], stem: s
     files = {f"{stem}.onnx" if len(parts) == 1 else f"{stem}-{number}.onnx":
              graph.outputs + [names[tensor] for tensor in part]
              for number, part in enumerate(parts, 1)}
-    return Outputs(files, names)
+    return Outputs(files, names, len(graph.outputs))
 
 
 def _split(tensors: list[str], at_most: Optional[int]) -> list[list[str]]:

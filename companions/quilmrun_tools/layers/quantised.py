@@ -193,8 +193,8 @@ def write_quantised(graph: Graph, outputs: Outputs, pairs: Sequence[QuantisedPai
                                               numbers[outputs.names[one.name]]) for one in pairs}
     nodes, own = len(model.graph.node), len(model.graph.output)
     for file, names in zip(names_for(outputs), outputs.files.values()):
-        for name in names:
-            if name not in numbers or name in graph.outputs:
+        for name in names[outputs.own:]:  # the quantised model has outputs of its own for those
+            if name not in numbers:
                 continue
             number = others.get(numbers[name], numbers[name])
             if number != name:
