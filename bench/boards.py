@@ -23,7 +23,7 @@ from companions.boards.loopback import Boards  # noqa: E402
 
 BUILD = pathlib.Path(sys.argv[1]).resolve()
 DIGITS = ROOT / "examples/digits"
-COUNT, REPETITIONS = (200, 1) if sys.argv[2:] == ["brief"] else (10000, int(os.environ.get("REPS", "3")))
+COUNT, REPETITIONS = (200, 1) if sys.argv[2:] == ["brief"] else (10000, 3)
 
 
 def measure(command, folder, shell=False):

@@ -94,7 +94,10 @@ class BoardRun:
         """Finds out what the model takes and cuts the list into parts. False when no board could
         tell; then the failure is noted."""
         self._write_results([])
-        if (self._state.root / "plan.json").exists():
+        (self._state.root / "stop").unlink(missing_ok=True)
+        for path in (self._state.root / "boards").iterdir():
+            path.unlink()
+        if (self._state.root / "entries").exists():
             self._take_up()
             return True
         description = self._describe()
@@ -112,8 +115,8 @@ class BoardRun:
             self._state.write_slice(one)
         self._results.inferences, self._results.files_per_inference = total, files
         self._write_results([])
-        (self._state.root / "entries").write_bytes(b"\0".join(self._entries))
         self._state.write_plan(self._plan)
+        self._state.write_entries(self._entries)
         return True
 
     def _take_up(self) -> None:
@@ -123,9 +126,6 @@ class BoardRun:
         self._state.write_plan(self._plan)
         text = (self._state.root / "entries").read_bytes()
         self._entries = text.split(b"\0") if text else []
-        for path in (self._state.root / "boards").iterdir():
-            path.unlink()
-        (self._state.root / "stop").unlink(missing_ok=True)
         for number in self._state.numbers():
             (self._state.part(number) / "tries.json").unlink(missing_ok=True)
             if not self._state.receipt(number):
@@ -326,9 +326,9 @@ class BoardRun:
             if board.left_out:
                 self._streams.warn(f"{board.name} was left out: {board.left_out}")
         missing = sum(part.inferences for part in parts if not part.board)
-        self._streams.complain(
-            f"{missing} of {self._results.inferences} inferences are missing: "
-            f"{self._results.reason}; --resume goes on")
+        what = f"{missing} of {self._results.inferences} inferences are missing" if missing else \
+            "nothing was run"
+        self._streams.complain(f"{what}: {self._results.reason}; --resume goes on")
 
 
 def memory_report_path(command: ToolCommand) -> str:

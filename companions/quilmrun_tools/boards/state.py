@@ -2,7 +2,7 @@
 
     lock              held by the quilmrun-boards that works here
     jobs.lock         shared by its jobs
-    plan.json         what is run
+    plan.json         what is run; entries, the whole list, is there when it has been cut
     boards/K.json     how board K fares; K.lock is held by the job that uses it, K.at says how far
                       that one is
     parts/N/slice     the inputs of part N, and receipt.json when it is done; tries.json until then
@@ -56,6 +56,10 @@ class State:  # pylint: disable=too-many-public-methods  # one for each thing th
 
     def write_plan(self, plan: Plan) -> None:
         self._write("plan.json", plan.to_bytes())
+
+    def write_entries(self, entries: list[bytes]) -> None:
+        """The whole list, as it was cut; from here on there are parts to go on with."""
+        self._write("entries", b"\0".join(entries))
 
     def read_plan(self) -> Plan:
         return Plan.from_bytes((self.root / "plan.json").read_bytes())

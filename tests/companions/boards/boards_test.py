@@ -220,6 +220,14 @@ class Results(BoardsTest):
         self.assertIn(b"10 of 30 inferences are missing: failed to get file ", errors)
         self.assertLess(sum(len(part["tries"]) for part in self.results()["parts"]), 6)
         self.check_nothing_left()
+        # Nobody could tell what the model takes; later somebody can.
+        shutil.rmtree(self.dir / "out")
+        self.write("list.txt", "images/00_label0.bin\n")
+        status, _, errors = self.run_boards("--remote-tool", "/none", hosts=NAMES[:1], run=run)
+        self.assertEqual(status, 1)
+        self.assertRegex(errors, b"nothing was run: .*; --resume goes on")
+        self.assertEqual(self.run_boards("--resume", hosts=NAMES[:1], run=run)[0], 0)
+        self.assertEqual(len(list(self.dir.glob("out/0/*"))), 2)
 
 
 class Kinds(BoardsTest):

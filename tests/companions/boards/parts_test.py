@@ -45,10 +45,11 @@ class Archives(unittest.TestCase):
         self.root = pathlib.Path(folder.name)
         (self.root / "incoming").mkdir()
 
-    def take(self, *members, step=700, text=True):
+    def take(self, *members, step=700, text=True, inferences=1):
         self.folder = pathlib.Path(tempfile.mkdtemp(dir=self.root / "incoming"))
-        course = [Inference([2])]
-        incoming = Incoming(self.folder, [OutputShape("y", 0, 1, 2)], 1, text, lambda _: course)
+        course = [Inference([2])] * inferences
+        incoming = Incoming(self.folder, [OutputShape("y", 0, 1, 2)], inferences, text,
+                            lambda _: course)
         data = b"".join(one if isinstance(one, bytes) else member(*one) for one in members) + \
             ustar.END
         for at in range(0, len(data), step):
@@ -66,6 +67,12 @@ class Archives(unittest.TestCase):
         large = ("log.txt", bytes(3 << 19))  # more than is kept of what was used
         self.assertEqual(self.take(large, ("err.txt", b"x"), BIN, FLOAT)[1], "")
         self.assertEqual(self.take(LOG, text=False)[1], "0 of 1 output files came back")
+        steps = [(f"out/{at}/y.0.{stamp}.bin", bytes(8)) for at, stamp in enumerate((5, 1005, 4005))]
+        incoming, missing = self.take(LOG, *steps[::-1], text=False, inferences=3)
+        self.assertEqual((missing, incoming.paces()), ("", [1.0, 3.0]))
+        again = self.take(LOG, *steps, text=False, inferences=3)[0]
+        self.assertEqual(incoming.sha256(), again.sha256())  # whatever the order
+        self.assertNotEqual(incoming.sha256(), self.take(LOG, BIN, text=False)[0].sha256())
         longest = ("out/0/y.0.1.float", (b"-" + b"1" * 39 + b"." + b"0" * 16 + b"\n") * 2)
         self.assertEqual(self.take(LOG, ("out/0/y.0.1.bin", bytes(8)), longest)[1], "")
         with self.assertRaises(ustar.Damaged):
@@ -95,6 +102,8 @@ class Archives(unittest.TestCase):
 
     def test_what_is_sent(self):
         (self.root / "x").write_bytes(b"12345")
+        (self.root / "one").write_bytes(b"1")
+        self.assertEqual(b"".join(ustar.content(bytes(self.root / "one"), 1)), b"1" + bytes(511))
         for size in (4, 6):
             with self.assertRaises(ustar.Damaged):
                 b"".join(ustar.content(bytes(self.root / "x"), size))
@@ -174,11 +183,12 @@ class Decisions(unittest.TestCase):
         self.assertEqual(policy.candidates(boards, hosts, [tried(one) for one in "abc"]), [1])
         self.assertEqual(policy.candidates({3: boards[3]}, hosts, []), [])
         boards = {0: BoardState(done_at=5.0), 1: BoardState(done_at=7.0)}
-        self.assertEqual(policy.proven(boards, [0, 1], 6.0), [1])
+        self.assertEqual(policy.proven(boards, [0, 1], 5.0), [1])
 
     def test_ends(self):
         self.assertEqual(policy.after_failure(BoardState(in_a_row=1), "x"), "")
-        self.assertIn("last: x", policy.after_failure(BoardState(in_a_row=2), "x"))
+        self.assertEqual(policy.after_failure(BoardState(in_a_row=2), "x"),
+                         "failed 3 times in a row, last: x")
         for expected, left, tries in (
                 ("e", 2, [tried("a"), tried("b")]), (None, 2, [tried("a"), tried("a")]),
                 ("e", 1, [tried("a"), tried("a")]), (None, 2, [tried("a"), tried("b", error="f")]),
@@ -213,6 +223,10 @@ class Decisions(unittest.TestCase):
         self.assertFalse(Difference(0.09, 0.08, 0.1).is_remarkable)
         latency = latency_of([1.0, 2.0, 3.0, 4.0], "stamps")
         self.assertEqual((latency.p50_ms, latency.per_second), (2.5, 400.0))
+        # Of 101 the median's rank is 50, and 1.96 * sqrt(101) / 2 is 9.8.
+        ranks = latency_of([float(at) for at in range(101)], "stamps")
+        self.assertEqual((ranks.p50_low_ms, ranks.p50_high_ms, ranks.p99_ms), (40, 60, 99))
+        self.assertEqual((latency.p50_low_ms, latency.p50_high_ms), (1, 4))
         self.assertIsNone(latency_of([], "stamps"))
         self.assertEqual(latency_of([0.25, 0.25], "stamps").per_second, 4000)
         none = latency_of([0.0], "stamps")
