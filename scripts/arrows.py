@@ -31,6 +31,7 @@ BELOW_ROOMS = {"common": (), "artifacts": ("common",)}
 
 
 def included(root: Path) -> Iterator[str]:
+    """Includes of what is not below."""
     for path in sorted(root.rglob("*")):
         folder = str(path.parent.relative_to(root))
         if path.suffix not in (".cpp", ".h", ".c") or folder.startswith(("build", ".git")):
@@ -69,6 +70,7 @@ def imported(tree: ast.Module, package: list[str]) -> Iterator[tuple[int, list[s
 
 
 def rooms(root: Path) -> Iterator[str]:
+    """Imports of what is not below, modules outside the rooms, and second classes of a name."""
     classes: dict[str, list[str]] = defaultdict(list)
     tools = root / TOOLS
     for path in sorted(tools.rglob("*.py")):

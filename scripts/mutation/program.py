@@ -89,6 +89,7 @@ def _sum_up(results: list[tuple[Fault, str]], goal: int) -> bool:
 
 
 def main(arguments: list[str]) -> int:
+    """Does what the command line says; returns the exit status."""
     parser = argparse.ArgumentParser(
         prog="mutate", description="Puts faults into copies of the sources, one at a time, and says "
         "which of them the tests catch. Without --random, the faults of scripts/mutations.txt.")

@@ -5,7 +5,6 @@ import json
 import os
 import re
 import subprocess
-from pathlib import Path
 from typing import Iterable, Optional
 
 from mutation.faults import ROOT, Fault, fail
@@ -40,6 +39,7 @@ class Workshop:
         self.root = HERE / name
         self.build = self.root / "build/release"
         self.options = list(options)
+        self.said = ""  # by the last command
         self.environment = dict(os.environ, PYTHONDONTWRITEBYTECODE="1")
         self.environment.setdefault("QUILMRUN_ONNXRUNTIME",
                                     str(ROOT / "build/engine/libonnxruntime.so.1"))

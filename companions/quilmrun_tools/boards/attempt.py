@@ -1,4 +1,6 @@
 """One try to run a part on a board, from the connection to outputs that are known to be whole."""
+# Each attempt begins with its own state, which no other one sees.
+# pylint: disable=attribute-defined-outside-init
 
 from __future__ import annotations
 

@@ -4,6 +4,8 @@ ssh does what the user's configuration says. The script goes ahead of everything
 input; while it works, it hears a line every second, and says how far it is about as often. Who
 hears nothing for a while ends, on either side.
 """
+# Each attempt begins with its own state, which no other one sees.
+# pylint: disable=attribute-defined-outside-init
 
 from __future__ import annotations
 
@@ -65,6 +67,7 @@ class Connection:
         self._in_archive = False
         self._heard = time.monotonic()
         self._selector = selectors.DefaultSelector()
+        # pylint: disable-next=consider-using-with  # ended by close()
         self._process = subprocess.Popen(  # pylint: disable=consider-using-with  # _end() waits
             [*plan.ssh, "--", host, "exec " + shlex.join(words)], stdin=subprocess.PIPE,
             stdout=subprocess.PIPE, stderr=subprocess.PIPE, start_new_session=True)

@@ -34,6 +34,7 @@ def run_jobs(state: State, jobs: Iterable[str], slots: int, look: Callable[[], N
     However this is left, no job of it is."""
     (state.root / "queue").write_text("".join(f"{job}\n" for job in jobs), encoding="ascii")
     alive, own_end = os.pipe()
+    # pylint: disable-next=consider-using-with  # it outlives this function
     process = subprocess.Popen(  # pylint: disable=consider-using-with  # _leave() waits
         ["parallel", "--plain", "--will-cite", "--ungroup", "--halt", "soon,fail=1",
          "-j", str(slots), "-a", "queue", _job_command()],
