@@ -1,6 +1,6 @@
 #!/usr/bin/python3
-"""arrows.py [ROOT]: checks that every folder includes or imports only folders below it. Shows what is
-wrong, a line each, and ends with 1 when there is any. docs/architecture.md draws the arrows."""
+"""arrows.py [ROOT]: checks that every folder includes or imports only folders below it. Shows what
+is wrong, a line each, and ends with 1 when there is any. docs/architecture.md draws the arrows."""
 
 import ast
 import re
@@ -23,7 +23,8 @@ BELOW = {
     "model": ("base", "runtime", "profile", "input", "output"),
     "app": ("base", "runtime", "profile", "input", "output", "model"),
     "companions/recorder": ("runtime", "runtime/interposer"),
-    "bench": ("base", "runtime", "runtime/interposer", "profile", "input", "output", "model", "app"),
+    "bench": ("base", "runtime", "runtime/interposer", "profile", "input", "output", "model",
+              "app"),
 }
 TOOLS = "companions/quilmrun_tools"
 # Every other folder of TOOLS is the room of one program, which imports these two.

@@ -91,11 +91,12 @@ def _sum_up(results: list[tuple[Fault, str]], goal: int) -> bool:
 def main(arguments: list[str]) -> int:
     """Does what the command line says; returns the exit status."""
     parser = argparse.ArgumentParser(
-        prog="mutate", description="Puts faults into copies of the sources, one at a time, and says "
-        "which of them the tests catch. Without --random, the faults of scripts/mutations.txt.")
+        prog="mutate", description="Puts faults into copies of the sources, one at a time, "
+        "and says which of them the tests catch. Without --random, the faults of scripts/mutations.txt.")
     parser.add_argument("words", nargs="*", help="only faults whose line in the list holds these")
     parser.add_argument("--random", type=int, metavar="N", help="N faults made by rule instead")
-    parser.add_argument("--seed", type=int, default=1, metavar="S", help="picks the random faults; 1")
+    parser.add_argument("--seed", type=int, default=1, metavar="S",
+                        help="picks the random faults; 1")
     parser.add_argument("--in", dest="folder", default="", metavar="FOLDER",
                         help="random faults below this folder only, such as input or companions")
     options = parser.parse_args(arguments)

@@ -1,4 +1,4 @@
-"""Faults made by rule: for a line of C++ or Python, every way in which it could be slightly wrong."""
+"""Faults made by rule: for a line of C++ or Python, all ways in which it may be slightly wrong."""
 
 import ast
 import random
@@ -67,7 +67,8 @@ def exchanged(line: Line) -> Iterator[Replacement]:
     """Comparisons and signs turned, constants of truth, the least for the greatest; widths."""
     for index, (kind, text, start) in enumerate(line.tokens):
         others: tuple[str, ...] = ()
-        if kind == "operator" and _between_blanks(line, index) and not (line.python and text == "|"):
+        in_type = line.python and text == "|"
+        if kind == "operator" and _between_blanks(line, index) and not in_type:
             others = _OPERATORS.get(text, ())
         elif kind == "name" and not (line.python and text in ("float", "double")):
             others = _WORDS.get(text, ()) + _WIDTHS.get(text, ())
@@ -135,6 +136,10 @@ def _arguments(line: Line, opening: int) -> list[tuple[int, int]]:
     return []
 
 
+# An argument that is the declaration of a parameter, or goes by its name.
+_DECLARED = re.compile(r"[\w>*&] [*&]?\w+$|^\*|\w=[^=]", re.MULTILINE)
+
+
 def swapped(line: Line) -> Iterator[Replacement]:
     """Calls with two arguments exchanged."""
     if re.match(r"\s*(def|class|for|import|from) ", line.text) or line.text[:1] not in (" ", "\t"):
@@ -146,8 +151,7 @@ def swapped(line: Line) -> Iterator[Replacement]:
         parts = _arguments(line, index)
         for (start, middle), (after, end) in zip(parts, parts[1:]):
             first, second = line.text[start:middle].strip(), line.text[after:end].strip()
-            declares = re.search(r"[\w>*&] [*&]?\w+$|^\*|\w=[^=]", f"{first}\n{second}", re.MULTILINE)
-            if first != second and not declares:
+            if first != second and not _DECLARED.search(f"{first}\n{second}"):
                 yield start, end, f"{' ' * (start and line.text[start] == ' ')}{second}, {first}"
 
 
@@ -157,20 +161,21 @@ def formatted(line: Line) -> Iterator[Replacement]:
         if kind == "string":
             for pattern, others in _FORMATS.items():
                 for match in re.finditer(pattern, text):
-                    for other in others:
-                        if match[0] != other:
-                            yield start + match.start(), start + match.end(), other
+                    yield from ((start + match.start(), start + match.end(), other)
+                                for other in others if other != match[0])
 
 
 RULES: tuple[Callable[[Line], Iterator[Replacement]], ...] = (
     exchanged, moved, changed, negated, left_out, swapped, formatted)
 
-_NO_CODE = re.compile(r"\s*(#|//|using |namespace|template|static_assert|extern |class |struct |friend |"
+_NO_CODE = re.compile(r"\s*(#|//|using |namespace|template|static_assert|extern |class |struct |"
+                      r"friend |"
                       r"public:|private:|import |from |@|__all__|__version__|.*\\$|"
                       r"def (?!.*: [\w\[\], .|]+ = )|(?!def ).*\) -> |$)")
 # A type and a name after it, or what leaves a function: without these nothing compiles.
 _DECLARES = re.compile(r"\s*(const|auto|static|constexpr|return|case|typedef|goto|throw)\b|"
-                       r"\s*[\w:]+(<.*>)?[*&]* [*&]?\w+( =|;|\{|\(|\[)|.*\boverride;|.*= (default|delete);")
+                       r"\s*[\w:]+(<.*>)?[*&]* [*&]?\w+( =|;|\{|\(|\[)|.*\boverride;|"
+                       r".*= (default|delete);")
 
 
 def _cpp_statements(lines: list[str]) -> set[int]:

@@ -84,16 +84,18 @@ class Workshop:
 
     def test(self, name: str, timeout: int, **environment: str) -> bool:
         """True when the test passes."""
-        return bool(self.run("ctest", "--test-dir", str(self.build), "--no-tests=error", "--timeout",
-                             str(timeout), "-R", f"^{name}$", timeout=timeout + 60, **environment))
+        return bool(self.run(
+            "ctest", "--test-dir", str(self.build), "--no-tests=error", "--timeout", str(timeout),
+            "-R", f"^{name}$", timeout=timeout + 60, **environment))
 
     def builds(self, fault: Fault) -> bool:
         """Whether a copy with the fault still compiles, or in Python can be imported."""
         if not fault.file.endswith(".py"):
             return self.make()
         module = fault.file.removeprefix("companions/").removesuffix(".py").replace("/", ".")
-        return bool(self.run("/usr/bin/python3", "-c", f"import sys; sys.path.insert(0, 'companions'); "
-                             f"import {module.removesuffix('.__init__')}", timeout=60))
+        module = module.removesuffix(".__init__")
+        script = f"import sys; sys.path.insert(0, 'companions'); import {module}"
+        return bool(self.run("/usr/bin/python3", "-c", script, timeout=60))
 
     def outcome(self, fault: Fault, tests: Iterable[tuple[str, int]]) -> str:
         """What comes of the fault: "caught", "MISSED" or "does not build"; `tests` are names, each

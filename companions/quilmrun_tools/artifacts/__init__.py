@@ -17,5 +17,6 @@ memory_report    MemoryReport; read_memory_report(path): memory_data.csv
 
 Every reader raises Unreadable, with one line for the user, for a file that is damaged, of a later
 version, or no regular file. A new JSON file is a dataclass, a common.json_files.Format with its
-version, read_json(path, FORM, Kind) to read and write_json(path, headed(FORM, value), out) to write.
+version, read_json(path, FORM, Kind) to read and write_json(path, headed(FORM, value), out) to
+write.
 """

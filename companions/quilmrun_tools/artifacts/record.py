@@ -28,7 +28,8 @@ from quilmrun_tools.common.errors import Unreadable
 from quilmrun_tools.common.files import AnyPath, cannot_read, open_regular
 from quilmrun_tools.common.json_files import Format, check_version, decoded, parse_json
 
-FORM = Format("quilmrun-record", 2, "record the run again with quilmrun-record -o FILE quilmrun ...")
+FORM = Format("quilmrun-record", 2,
+              "record the run again with quilmrun-record -o FILE quilmrun ...")
 _START = b'{"displayTimeUnit":"ms","otherData":'
 _EVENTS = b',\n"traceEvents":['
 _END = b"]}\n"
@@ -51,7 +52,7 @@ class Record:
     recorder_cost_us: float | None = None  # what noting one call takes
     dropped: int = 0  # calls that are missing, for want of space
     unfinished: str | None = None
-    span_ms: float = json_name("span", default=0.0)  # from the first call to the end of the last one
+    span_ms: float = json_name("span", default=0.0)  # first call to end of the last one
     output_types: list[int] = field(default_factory=list)  # their codes
     where: Where = field(default_factory=Where)  # version 1 does not tell
     loop: Loop = field(default_factory=Loop)
@@ -67,7 +68,7 @@ class Record:
     tenths: list[Distribution | None] = field(default_factory=list)
     course: Course = field(default_factory=Course)
     memory: Memory = field(default_factory=Memory)
-    slowest: list[tuple[int, float]] = field(default_factory=list)  # 20 inferences, the slowest first
+    slowest: list[tuple[int, float]] = field(default_factory=list)  # 20, the slowest first
     trace: TraceExtent = field(default_factory=TraceExtent)
 
     @property
@@ -119,7 +120,7 @@ def read_record(path: AnyPath) -> Record:
 
 
 def _read_head(file: BinaryIO, path: AnyPath) -> tuple[Any, bool]:
-    """The figures, and whether the file breaks off after them; None when it is laid out otherwise."""
+    """The figures, and whether the file breaks off after them; None when laid out otherwise."""
     text = file.read(_BLOCK)
     if not text.startswith(_START):
         return None, False

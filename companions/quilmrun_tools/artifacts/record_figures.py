@@ -46,7 +46,7 @@ def _percentile(ranked: list[float], percent: int) -> float:
 
 @dataclass(frozen=True)
 class UsedFile:
-    """A file that a run used; without size and checksum where it changed before these were taken."""
+    """A file that a run used; no size and checksum where it changed before these were taken."""
 
     path: str
     bytes: int | None = None
@@ -126,7 +126,7 @@ class Memory:
     """Device memory in use."""
 
     peak_bytes: int = 0
-    # (moment, bytes): each change outside of inferences, and the peak within each bin of the course.
+    # (moment, bytes): each change outside of inferences, and the peak in each bin of the course.
     course: list[tuple[float, int]] = field(default_factory=list)
 
 

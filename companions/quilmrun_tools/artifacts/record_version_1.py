@@ -134,7 +134,8 @@ def figures_of(head: dict[str, Any], events: object, path: AnyPath, form: Format
 
 
 def _durations(executions: list[Event], groups: list[Event]) -> dict[str, list[float]]:
-    return {"warm_up": _ms(executions[:1]), "execute": _ms(executions[1:]), "inference": _ms(groups)}
+    return {"warm_up": _ms(executions[:1]), "execute": _ms(executions[1:]),
+            "inference": _ms(groups)}
 
 
 def _ms(events: list[Event]) -> list[float]:
