@@ -92,7 +92,8 @@ def main(arguments: list[str]) -> int:
     """Does what the command line says; returns the exit status."""
     parser = argparse.ArgumentParser(
         prog="mutate", description="Puts faults into copies of the sources, one at a time, "
-        "and says which of them the tests catch. Without --random, the faults of scripts/mutations.txt.")
+        "and says which of them the tests catch. Without --random, the faults of "
+        "scripts/mutations.txt.")
     parser.add_argument("words", nargs="*", help="only faults whose line in the list holds these")
     parser.add_argument("--random", type=int, metavar="N", help="N faults made by rule instead")
     parser.add_argument("--seed", type=int, default=1, metavar="S",
