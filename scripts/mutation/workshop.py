@@ -11,7 +11,8 @@ from mutation.faults import ROOT, Fault, fail
 
 HERE = ROOT / "build/mutate"  # all that is made here: nothing else is changed
 # Not about the sources that faults are put into, or about speed.
-OTHER_TESTS = re.compile(r"remove_examples|scripts_test|bench_works|peers_work|package.*|check_board")
+OTHER_TESTS = re.compile(r"remove_examples|scripts_test|bench_works|peers_work|"
+                         r"package.*|check_board")
 # Any build that the tests pass on will do: this one takes the least time.
 OPTIONS = ("-DCMAKE_DISABLE_FIND_PACKAGE_benchmark=ON",
            "-DCMAKE_CXX_FLAGS_RELEASE=-O1 -DNDEBUG", "-DCMAKE_C_FLAGS_RELEASE=-O1 -DNDEBUG")
