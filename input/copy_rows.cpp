@@ -53,11 +53,11 @@ void CopyRows(const InputFile& file, const RowLayout& layout, void* memory) {
     return;  // every list would be empty, and none of them would show where the file ends
   }
   RowReader reader(file);
-  char* batch = static_cast<char*>(memory);
-  for (size_t b = 0; b < layout.batches; ++b, batch += layout.batchSize) {
-    char* row = batch;
-    for (size_t r = 0; r < layout.rows; ++r, row += layout.stride) {
-      if (!reader.Add(row, layout.rowBytes)) {
+  char* const start = static_cast<char*>(memory);
+  for (size_t b = 0; b < layout.batches; ++b) {
+    for (size_t r = 0; r < layout.rows; ++r) {
+      // Only rows that fit are counted, but the place of one more would be beyond all memory.
+      if (!reader.Add(start + b * layout.batchSize + r * layout.stride, layout.rowBytes)) {
         return;
       }
     }
