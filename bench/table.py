@@ -21,6 +21,7 @@ from pathlib import Path
 import numpy
 
 import preparing
+import reporting
 
 ROOT = Path(__file__).resolve().parent.parent
 BUILD = Path(sys.argv[1]).resolve()
@@ -326,6 +327,7 @@ def main() -> None:
         measure_comparing(Path(scratch))
         measure_recorder(Path(scratch))
         preparing.measure(Path(scratch), add, BRIEF)
+        reporting.measure(BUILD, Path(scratch), add, BRIEF)
     print_table()
 
 
