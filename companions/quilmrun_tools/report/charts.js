@@ -28,7 +28,8 @@
       border: {color: colour("soft"), display: side === "bottom"},
       grid: {color: colour("grid"), display: side === "left"},
       ticks: {color: colour("soft"), maxTicksLimit: side === "left" ? 5 : 7, maxRotation: 0,
-              autoSkipPadding: 12, callback: value => write(value, spec.unit)},
+              autoSkipPadding: 12, callback: value => spec.whole && !Number.isInteger(value)
+                ? "" : write(value, spec.unit)},
     };
   }
 
@@ -86,7 +87,8 @@
   function draw(spec, canvas) {
     return new Chart(canvas, {
       type: "scatter",
-      data: {datasets: spec.series.flatMap(datasets)},
+      // The library draws the first of equal order on top.
+      data: {datasets: spec.series.flatMap(datasets).map((one, at) => ({...one, order: -at}))},
       options: {
         animation: false, maintainAspectRatio: false, normalized: true, showLine: true,
         interaction: {mode: "nearest", intersect: false},

@@ -37,6 +37,7 @@ class Axis:
     logarithmic: bool = False
     low: float | None = None
     high: float | None = None
+    whole: bool = False  # whether it counts things, which have no halves
 
 
 @dataclass(frozen=True)
@@ -207,7 +208,7 @@ def pairs(output: Sequence[float], reference: Sequence[float]) -> Chart:
     stems: list[Point] = [point for at, value, other in places
                           for point in ((at, value), (at, other), (at, None))]
     return Chart("Values of the output and of the reference",
-                 Axis("element", low=-0.5, high=len(output) - 0.5), Axis("value"),
+                 Axis("element", low=-0.5, high=len(output) - 0.5, whole=True), Axis("value"),
                  [Series("", "stems", "soft", stems),
                   Series("reference", "rings", "soft", [(at, other) for at, _, other in places]),
                   Series("output", "dots", "s0", [(at, value) for at, value, _ in places])])
@@ -239,5 +240,5 @@ def envelope(lows: Sequence[float], highs: Sequence[float], count: int) -> Chart
     width = count / len(lows)
     points = [((at + 0.5) * width, low, high) for at, (low, high) in enumerate(zip(lows, highs))]
     return Chart("Difference of the output from its reference, along its elements",
-                 Axis("element", low=0.0, high=float(count)), Axis("difference"),
+                 Axis("element", low=0.0, high=float(count), whole=True), Axis("difference"),
                  [Series("difference", "band", "s0", points)])

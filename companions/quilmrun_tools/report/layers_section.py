@@ -49,7 +49,8 @@ def _depth(result: LayersResult) -> Chart:
     if result.limits.snr_db is not None:
         marks.append(Mark("y", result.limits.snr_db, "limit"))
     return Chart("Signal-to-noise ratio of every layer, along the graph",
-                 Axis("layer", low=0.0, high=float(max(len(names) - 1, 1))), Axis("SNR", "dB"),
+                 Axis("layer", low=0.0, high=float(max(len(names) - 1, 1)),
+                      whole=True), Axis("SNR", "dB"),
                  [one for one in series if one.points], marks, zoom=True)
 
 
