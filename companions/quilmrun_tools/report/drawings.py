@@ -61,8 +61,8 @@ def _differences(sides: list[Side]) -> Chart | None:
     marks = [Mark("y", limit, "limit")] if limit is not None else []
     return _per_run(sides, "dots", lambda side: [
         (float(index), value) for index, value in side.figures.differences if math.isfinite(value)],
-        (Axis("inference", low=0.0, whole=True), Axis("largest difference")), "Largest difference by inference",
-        marks=marks)
+        (Axis("inference", low=0.0, whole=True), Axis("largest difference")),
+        "Largest difference by inference", marks=marks)
 
 
 def _per_run(sides: list[Side], kind: str, points: Callable[[Side], Sequence[charts.Point]],
