@@ -135,7 +135,7 @@ const Event& NextEvent(const char* function) {
 }
 
 void Perform(const Event& event) {
-  for (const char* kind : {"run", "locale", "print", "signal", "kill", "throw"}) {
+  for (const char* kind : {"run", "locale", "print", "signal", "kill", "spend", "throw"}) {
     if (const auto due = event.find(kind); due != event.end()) {
       PerformOne(kind, due->second);
     }

@@ -18,6 +18,8 @@ CONFIDENCE = 0.95
 # Two starts of one program differ by so much all the same: memory lies elsewhere, and the clock of
 # the processor is another. No sample of one run can show that, so intervals are wider by it.
 BETWEEN_STARTS = 0.01
+# Durations come in steps of some 10 ns, and what noting a call takes moves by as much.
+CLOCK_MS = 3e-5
 VARIES_MUCH = 0.20  # coefficient of variation
 
 Histogram = Sequence[tuple[float, int]]  # (duration, count), durations rising
@@ -135,7 +137,8 @@ def variation_of(histogram: Histogram) -> float:
 def _change(base: float, now: float, before: Floats, after: Floats) -> Change:
     tail = 50 * (1 - CONFIDENCE)
     low, high = np.percentile(after / before - 1, [tail, 100 - tail])
-    return Change(now / base - 1, float(low) - BETWEEN_STARTS, float(high) + BETWEEN_STARTS)
+    unknown = BETWEEN_STARTS + CLOCK_MS / base
+    return Change(now / base - 1, float(low) - unknown, float(high) + unknown)
 
 
 def _draws(sample: Sample, random: np.random.Generator) -> tuple[Floats, Any, int]:

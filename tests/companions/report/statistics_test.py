@@ -12,8 +12,8 @@ sys.path.append(str(pathlib.Path(__file__).parents[2]))
 import companion  # pylint: disable=unused-import  # so that the package is found
 
 from quilmrun_tools.report.statistics import (
-    BETWEEN_STARTS, Change, Sample, alike, change_of_mean, change_of_percentile, inverse, trend_of,
-    variation_of)
+    BETWEEN_STARTS, CLOCK_MS, Change, Sample, alike, change_of_mean, change_of_percentile, inverse,
+    trend_of, variation_of)
 
 
 def durations(seed, count, factor=1.0):
@@ -32,8 +32,11 @@ class Changes(unittest.TestCase):
     def test_exact(self):
         """Where all durations are the same, only what two starts differ by is left."""
         change = change_of_percentile(Sample([(2.0, 50)]), Sample([(3.0, 70)]), 50)
-        self.assertEqual((change.share, change.low, change.high),
-                         (0.5, 0.5 - BETWEEN_STARTS, 0.5 + BETWEEN_STARTS))
+        self.assertEqual(change.share, 0.5)
+        self.assertAlmostEqual(change.low, 0.5 - BETWEEN_STARTS - CLOCK_MS / 2)
+        self.assertAlmostEqual(change.high, 0.5 + BETWEEN_STARTS + CLOCK_MS / 2)
+        steps = change_of_percentile(Sample([(0.0002, 50)]), Sample([(0.00022, 70)]), 50)
+        self.assertFalse(steps.shown)  # two steps of the clock
         self.assertEqual(change_of_mean(Sample([(2.0, 50)]), Sample([(3.0, 70)])), change)
         self.assertEqual(inverse(Change(1.0, 0.0, 3.0)), Change(-0.5, -0.75, 0.0))
 
