@@ -16,7 +16,7 @@ from quilmrun_tools.common import units
 from quilmrun_tools.common.errors import Unreadable
 from quilmrun_tools.common.files import read_regular
 from quilmrun_tools.report.accuracy_section import accuracy_view
-from quilmrun_tools.report.changes import changes_of, in_words
+from quilmrun_tools.report.changes import Changes, in_words
 from quilmrun_tools.report.charts import Drawings, policy
 from quilmrun_tools.report.drawings import charts_of
 from quilmrun_tools.report.figures import PHASES, calls_table
@@ -38,8 +38,8 @@ OPTIONS = [("-m", "Model", ""), ("-i", "List of inputs", ""), ("-j", "Settings o
            ("-r", "RPN data", ""), ("-p", "Profiling", "0")]
 
 
-def render(sides: list[Side], title: str, most_cases: int) -> str:
-    """The whole page."""
+def render(sides: list[Side], changes: Changes, title: str, most_cases: int) -> str:
+    """The whole page; `changes` are those of the second side against the first."""
     environment = Environment(loader=FileSystemLoader(HERE), autoescape=True, trim_blocks=True,
                               lstrip_blocks=True)
     environment.filters.update(ms=units.milliseconds, size=units.data_size,
@@ -52,7 +52,6 @@ def render(sides: list[Side], title: str, most_cases: int) -> str:
     cases = worst_cases(main.run, most_cases, drawn)
     layers = layers_view(main.run.layers, drawn)
     scripts = drawn.scripts()
-    changes = changes_of(sides[0].figures, main.figures) if len(sides) > 1 else {}
     return environment.get_template("report.html.j2").render(
         title=title or page_title([side.run for side in sides]),
         generator=f"{GENERATOR} {__version__}",

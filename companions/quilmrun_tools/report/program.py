@@ -14,7 +14,7 @@ from quilmrun_tools.common.parser import Parser
 from quilmrun_tools.common.streams import Streams
 from quilmrun_tools.common.units import milliseconds
 from quilmrun_tools.report import changes
-from quilmrun_tools.report.changes import changes_of, in_words
+from quilmrun_tools.report.changes import Changes, changes_of, in_words
 from quilmrun_tools.report.figures import as_json
 from quilmrun_tools.report.page import GENERATOR, render
 from quilmrun_tools.report.run import PART_TITLES, USUAL_NAMES, collect
@@ -74,25 +74,26 @@ def main(arguments: list[str], streams: Streams) -> int:
     if difference_of(sides):
         streams.warn(difference_of(sides))
     target = options.output or str(Path(options.run or ".") / "report.html")
-    page = render(sides, options.title, options.worst)
+    found = changes_of(*(side.figures for side in sides)) if other else {}
+    page = render(sides, found, options.title, options.worst)
     # File names may hold bytes that are no text; a page has to be text.
     write_own(target, page.encode("utf-8", "replace"), MARKER, GENERATOR)
     if options.json:
-        write_json(options.json, to_json(sides, target), streams.out)
+        write_json(options.json, to_json(sides, found, target), streams.out)
     if options.json != "-":
-        streams.say(summary(sides))
+        streams.say(summary(sides, found))
         streams.say(f"The page is {target}")
     return Status.NO if sides[-1].verdict.state == FAIL else Status.YES
 
 
-def to_json(sides: list[Side], page: str) -> dict[str, Any]:
+def to_json(sides: list[Side], found: Changes, page: str) -> dict[str, Any]:
     """The figures for machines."""
     main_side = sides[-1]
     result = {"format": GENERATOR, "version": 1, "page": page, "verdict": main_side.verdict.state,
               "run": as_json(main_side.run, main_side.figures)}
     if len(sides) > 1:
         result["compared_with"] = as_json(sides[0].run, sides[0].figures)
-        result["changes"] = changes.as_json(changes_of(sides[0].figures, main_side.figures))
+        result["changes"] = changes.as_json(found)
     return result
 
 
@@ -101,7 +102,7 @@ def _by_clock(side: Side) -> str:
     return f", by the clock {rate:,.0f} inferences" if rate else ""
 
 
-def summary(sides: list[Side]) -> str:
+def summary(sides: list[Side], found: Changes) -> str:
     """The verdict, and the percentiles of an execution, as lines of text."""
     lines = [f"{sides[-1].verdict.word}: {sides[-1].verdict.text}"]
     for side in sides:
@@ -113,6 +114,6 @@ def summary(sides: list[Side]) -> str:
             lines.append(f"{owner}execution {shown}; back to back {figures.per_second:,.0f} "
                          f"executions a second{_by_clock(side)}")
     if len(sides) > 1 and all(side.figures.execute for side in sides):
-        change = changes_of(*(side.figures for side in sides))["execute"]["p50"]
+        change = found["execute"]["p50"]
         lines.append(f"p50 of {sides[1].label} against {sides[0].label}: {in_words(change)}")
     return "\n".join(lines)

@@ -8,6 +8,7 @@ from the course of the run.
 
 from __future__ import annotations
 
+import functools
 import math
 from dataclasses import dataclass
 from typing import Any, Sequence
@@ -71,6 +72,27 @@ class Sample:
                 return value
         return self.histogram[-1][0]
 
+    def drawn_percentiles(self, percent: float) -> Floats:
+        """The percentile of each of many samples that are drawn from the run with replacement."""
+        values, counts, size = self._draws
+        below = counts.cumsum(axis=1) > percent / 100 * (size - 1)
+        return np.asarray(values[np.argmax(below, axis=1)])
+
+    def drawn_means(self) -> Floats:
+        """The same of the mean."""
+        values, counts, size = self._draws
+        return np.asarray(counts @ values / size)
+
+    @functools.cached_property
+    def _draws(self) -> tuple[Floats, Any, int]:
+        """The values of the histogram; how often each is in every sample that is drawn; and the
+        size of a sample, which is less when neighbours are alike."""
+        values = np.array([value for value, _ in self.histogram])
+        counts = np.array([times for _, times in self.histogram])
+        size = max(2, round(self.count / self.alike))
+        random = np.random.default_rng(_SEED)
+        return values, random.multinomial(size, counts / counts.sum(), _RESAMPLES), size
+
 
 def change_of_percentile(before: Sample, after: Sample, percent: float) -> Change | None:
     """The change of a percentile from one run to another. None where fewer than two durations of a
@@ -78,19 +100,15 @@ def change_of_percentile(before: Sample, after: Sample, percent: float) -> Chang
     beyond = min(percent, 100 - percent) / 100
     if min(before.count, after.count) * beyond < 2 or before.percentile(percent) <= 0:
         return None
-    random = np.random.default_rng(_SEED)
     return _change(before.percentile(percent), after.percentile(percent),
-                   _percentiles_of_draws(before, percent, random),
-                   _percentiles_of_draws(after, percent, random))
+                   before.drawn_percentiles(percent), after.drawn_percentiles(percent))
 
 
 def change_of_mean(before: Sample, after: Sample) -> Change | None:
     """The change of the mean from one run to another; None for single durations."""
     if min(before.count, after.count) < 2 or before.mean <= 0:
         return None
-    random = np.random.default_rng(_SEED)
-    return _change(before.mean, after.mean, _means_of_draws(before, random),
-                   _means_of_draws(after, random))
+    return _change(before.mean, after.mean, before.drawn_means(), after.drawn_means())
 
 
 def alike(course: Sequence[float]) -> float:
@@ -136,26 +154,8 @@ def variation_of(histogram: Histogram) -> float:
 
 def _change(base: float, now: float, before: Floats, after: Floats) -> Change:
     tail = 50 * (1 - CONFIDENCE)
-    low, high = np.percentile(after / before - 1, [tail, 100 - tail])
+    # Both were drawn with one seed. Shuffled, the draws of two runs depend on each other no more.
+    shuffled = np.random.default_rng(_SEED + 1).permutation(after)
+    low, high = np.percentile(shuffled / before - 1, [tail, 100 - tail])
     unknown = BETWEEN_STARTS + CLOCK_MS / base
     return Change(now / base - 1, float(low) - unknown, float(high) + unknown)
-
-
-def _draws(sample: Sample, random: np.random.Generator) -> tuple[Floats, Any, int]:
-    """The values of a histogram; how often each is in many samples that are drawn from it with
-    replacement; and the size of such a sample, less when neighbours are alike."""
-    values = np.array([value for value, _ in sample.histogram])
-    counts = np.array([times for _, times in sample.histogram])
-    size = max(2, round(sample.count / sample.alike))
-    return values, random.multinomial(size, counts / counts.sum(), _RESAMPLES), size
-
-
-def _percentiles_of_draws(sample: Sample, percent: float, random: np.random.Generator) -> Floats:
-    values, drawn, size = _draws(sample, random)
-    found: Floats = values[np.argmax(drawn.cumsum(axis=1) > percent / 100 * (size - 1), axis=1)]
-    return found
-
-
-def _means_of_draws(sample: Sample, random: np.random.Generator) -> Floats:
-    values, drawn, size = _draws(sample, random)
-    return np.asarray(drawn @ values / size)
