@@ -3,7 +3,9 @@ drawings."""
 
 import io
 import json
+import os
 import pathlib
+import re
 import sys
 import unittest
 
@@ -136,6 +138,56 @@ class Sections(ReportTest):
             self.assertEqual((status, errors.count("\n")), (0, 1))
             self.assertIn(f"{name}.json was not written by quilmrun-{name}", errors)
             (self.dir / f"run/{name}.json").unlink()
+
+
+class Trust(ReportTest):
+    """What a page, which is passed on, may take from the files that others name."""
+
+    def shown(self, path):
+        """What the page of a run says of one of its worst pictures, or its kind of data URI."""
+        found = classification()
+        found.worst = [accuracy.WrongPicture(accuracy.Picture(0, 0, str(path)), "c1", "c0", 0.9)]
+        text = io.StringIO()
+        accuracy.write_accuracy("-", found, text)
+        self.write("run/accuracy.json", text.getvalue())
+        self.write("run/record.json", json.dumps(record([10, 20])))
+        self.assertEqual(self.run_companion("run")[0], 0)
+        return re.search(r'class="with-boxes">(?:<div class="no-picture">|<img src=")([^<;]*)',
+                         self.page("run"))[1]
+
+    def test_pictures(self):
+        good = self.dir / "good.png"
+        Image.new("RGB", (6, 4)).save(good)
+        self.assertEqual(self.shown(good), "data:image/jpeg")
+        for name, content, remark in [
+                ("script.png", b"%!PS-Adobe-3.0 EPSF-3.0\n%%BoundingBox: 0 0 9 9\nshowpage\n",
+                 "the picture cannot be read"),
+                ("other.gif", b"GIF89a", "not a picture"), ("text.png", b"text",
+                                                            "the picture cannot be read")]:
+            self.assertEqual(self.shown(self.write(name, content)), remark)
+        os.mkfifo(self.dir / "fifo.png")
+        self.assertEqual(self.shown(self.dir / "fifo.png"), "the picture is not on this machine")
+
+    def test_changed_picture(self):
+        """Another picture of the same name is not shown in its place."""
+        picture = self.dir / "p.png"
+        Image.new("RGB", (6, 4)).save(picture)
+        source = {"path": str(picture), "sha256": "0" * 64, "width": 6, "height": 4}
+        self.write("run/inputs.json", json.dumps(
+            {"format": "quilmrun-inputs", "version": 1, "created": "", "command": [], "options": {},
+             "model": {}, "list": "list.txt", "batch": 1, "files": [
+                 {"inference": 0, "input": "x", "file": "0.bin", "bytes": 4, "sha256": "",
+                  "sources": [source]}]}))
+        self.assertEqual(self.shown(picture), "the picture has changed since the run")
+
+    def test_settings(self):
+        for content, shown in (('{"threads": 1}', True), ("SECRET=1", False), ("", False)):
+            made = record([10, 20])
+            made["otherData"]["command"] += ["-j", self.write("settings", content)]
+            self.write("run/record.json", json.dumps(made, default=str))
+            self.assertEqual(self.run_companion("run")[0], 0)
+            self.assertEqual("which say" in self.page("run"), shown)
+            self.assertFalse("SECRET" in self.page("run"))
 
 
 class Drawings(ReportTest):
