@@ -132,6 +132,24 @@ HIDDEN int _dl_find_object(void* address, struct dl_find_object* found) {
 }
 #endif
 
+// ---- Since 2.38 ---------------------------------------------------------------------------------
+
+// Newer headers give reading of numbers other names, as C23's takes 0b11 too. What is declared here
+// keeps the old name whatever the headers say.
+#if __GLIBC_PREREQ(2, 38)
+#define READS_AS_BEFORE(type, name)                                              \
+  type before_c23_##name(const char* text, char** end, int base) __asm__(#name); \
+  HIDDEN type __isoc23_##name(const char* text, char** end, int base);           \
+  HIDDEN type __isoc23_##name(const char* text, char** end, int base) {          \
+    return before_c23_##name(text, end, base);                                   \
+  }
+
+READS_AS_BEFORE(long, strtol)
+READS_AS_BEFORE(unsigned long, strtoul)
+READS_AS_BEFORE(long long, strtoll)
+READS_AS_BEFORE(unsigned long long, strtoull)
+#endif
+
 // ---- Exceptions of the board's library ----------------------------------------------------------
 
 static _Unwind_Reason_Code StopAtOnce(struct _Unwind_Context* context, void* data) {
