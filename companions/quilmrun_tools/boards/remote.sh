@@ -85,10 +85,11 @@ follow_connection() {
   : > "$part.gone"
 }
 
-# Once a second: tells how far the tool is, and ends it when it does not get on or nobody listens.
+# Once a second: tells how far the tool is, and ends it when it does not get on or nobody listens. A
+# shell that has just been forked may lose the signal that is to end it, so it looks for itself, too.
 watch_tool() {
   at=0 still=0 quiet=0
-  while sleep 1 2> /dev/null; do
+  while sleep 1 2> /dev/null && [ -d "$part" ] && [ ! -f "$part/ended" ]; do
     if [ -f "$part.beat" ]; then
       rm -f "$part.beat"
       quiet=0
@@ -111,14 +112,17 @@ watch_tool() {
   done
 }
 
-# Ends the process $1 after $2 seconds.
+# Ends the process $1 after $2 seconds, unless the pipe that it reads is gone by then.
 limit() {
   left=$2
-  while [ "$left" -gt 0 ] && sleep 1 2> /dev/null; do
+  while sleep 1 2> /dev/null && [ -p "$part.pipe" ]; do
     left=$((left - 1))
     say "at 0"
+    if [ "$left" -le 0 ]; then
+      kill -TERM "$1"
+      return
+    fi
   done
-  kill -TERM "$1"
 }
 
 # However this ends, nothing of the part stays, unless it is to be kept.
@@ -164,10 +168,10 @@ unpack() {
   watcher=$!
   tar xf - < "$part.pipe" > /dev/null 2>&1
   unpacked=$?
+  rm -f "$part.pipe"
   kill "$watcher" "$loader" 2> /dev/null
   wait "$loader" 2> /dev/null
   loader='' watcher=''
-  rm -f "$part.pipe"
   [ "$unpacked" -eq 0 ] || fail "cannot unpack: $(df -kP . | tail -n 1 |
     (read -r _ _ _ free _; echo "$free")) KB are free in $base"
 }
@@ -182,6 +186,7 @@ run_tool() {
   wait "$tool"
   status=$?
   tool=''
+  : > "$part/ended"
   kill "$watcher" 2> /dev/null
   watcher=''
 }
